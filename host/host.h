@@ -1,0 +1,182 @@
+// The embedding host: a small runtime that loads the plug-in module with dlopen
+// exactly as a host application would, serves its resolver, lays out objects,
+// provides the companion classes (RawBitmap, RawBitmapMask, the colour classes
+// and MPImageFilterRaw with its multi-threaded engine) and lets programs create
+// objects, set properties and call methods by their declarations.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "imaging/color_order.h"
+#include "imaging/mp_filter.h"
+#include "imaging/raw_bitmap.h"
+#include "plugin/host_types.h"
+
+namespace rawfx::host {
+
+// How the engine cuts a run's rows into parts. Every policy puts every row in
+// exactly one part; only Balanced is meant for production use.
+enum class SplitPolicy {
+  Balanced,        // parts start at multiples of 4 rows, sized to keep all workers busy
+  SinglePart,      // one part holding every row
+  SmallParts,      // parts of 1 to 3 rows
+  OddStarts,       // parts that start at odd rows (1, then 2 rows each)
+  WithEmptyParts,  // Balanced parts with empty parts between them
+};
+
+struct HostOptions {
+  std::string modulePath;                 // empty: the module built with this project
+  double hostVersion = 2024.0;            // what "REALGetRBVersion" reports (NaN allowed)
+  std::set<std::string> missingServices;  // host names the resolver answers null for
+  int threads = 0;                        // engine workers; 0: the machine's cores
+  SplitPolicy split = SplitPolicy::Balanced;
+};
+
+// One RawBitmap format the companion knows.
+struct FormatInfo {
+  int64_t code;
+  const char* name;
+  int channels;          // samples per pixel
+  bool cmyk;             // the CMYK family (codes 13..16)
+  bool hasAlpha;
+  uint8_t red, green, blue, alpha, black;  // sample indices (scaled to bytes by depth); 0xFF: none
+};
+const std::vector<FormatInfo>& Formats();
+const FormatInfo* FindFormat(int64_t code);
+
+// Where a bitmap's pixels are, for programs that read or fill them.
+struct BitmapView {
+  uint8_t* pixels = nullptr;
+  int64_t rowBytes = 0;
+  int64_t width = 0, height = 0;
+  int64_t format = 0;
+  int bitsPerChannel = 8;
+  int64_t pixelBytes = 0;
+  RawBitmap* record = nullptr;  // the plug-in data the effects read
+  uint8_t* row(int64_t y) const { return pixels + y * rowBytes; }
+};
+
+// A class a program defines in the host language: its methods by declaration.
+struct ProgramMethod {
+  std::string declaration;
+  void* function;
+};
+struct ProgramClass {
+  std::string name;
+  std::string superName;  // may be a registered plug-in class, e.g. "OilPaintEffectRaw"
+  std::vector<ProgramMethod> methods;
+};
+
+// A completion method handed to ApplyAsync as its Ptr: called once per run with
+// the completion target and the result bitmap (nil when the run failed or was
+// cancelled). The result is lent for the call; lock it to keep it.
+using CompletionMethod = void (*)(REALobject completeTarget, REALobject result);
+
+// A program's progress handler, "OnProgress(value as UInt64,total as UInt64,...)".
+using OnProgressMethod = void (*)(REALobject self, uint64_t value, uint64_t total, uint64_t extraInfo,
+                                  bool* cancel);
+
+// What the engine was last asked to do, for tests of the effects' calls.
+struct EngineCall {
+  enum Operation { None, Parts, PartsInPlace, PartsAsync } operation = None;
+  int32_t modeCode = 0, formatFlags = 0, resultFlag = 0;
+  PartFunction partFunction = nullptr, maskPartFunction = nullptr;
+  REALobject mask = nullptr;
+  void* params = nullptr;
+  ParamBlockDeleter deleteCallback = nullptr;
+  int parts = 0;  // parts the rows were cut into
+};
+
+class HostError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class Host {
+ public:
+  explicit Host(HostOptions options = {});
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  // ---- start-up -------------------------------------------------------------
+  int pluginVersion() const;  // what "RegisterPluginVersion" received; -1: never called
+  std::vector<const REALclassDefinition*> registeredRecords() const;  // in registration order
+  std::vector<std::string> registeredClassNames() const;
+  int64_t lookups(std::string_view hostName) const;  // resolver look-ups of that name
+  void* resolve(const char* hostName);               // the resolver as the plug-in sees it
+
+  // ---- objects ----------------------------------------------------------------
+  REALobject New(std::string_view className);  // constructed, with one reference; nil if unknown
+  void DefineClass(ProgramClass program);
+  void Lock(REALobject object);
+  void Unlock(REALobject object);  // destroys the object at zero references
+  int64_t RefCount(REALobject object) const;
+  std::string ClassName(REALobject object) const;
+  bool IsA(REALobject object, std::string_view className) const;
+  size_t LiveObjectCount() const;
+  std::vector<std::string> LiveObjectClasses() const;
+  void* ClassData(REALobject object, std::string_view className) const;  // nil if not that class
+
+  // ---- properties and methods ---------------------------------------------------
+  // T is bool ("Boolean"), uint8_t ("UInt8"), float ("Single"), double ("Double"),
+  // int64_t (enums and "Integer") or REALobject (object types). Getters of object
+  // properties hand the caller its own reference. Throws HostError on an unknown
+  // property or a type that does not match the row.
+  template <class T>
+  T Get(REALobject object, std::string_view property);
+  template <class T>
+  void Set(REALobject object, std::string_view property, T value);
+  const ClassPropertyEntry* FindProperty(REALobject object, std::string_view property) const;
+
+  void* FindMethod(REALobject object, std::string_view declaration) const;  // exact declaration
+  template <class R, class... A>
+  R Call(REALobject self, std::string_view declaration, A... args) {
+    void* fn = FindMethod(self, declaration);
+    if (!fn) throw HostError("no method " + std::string(declaration) + " on " + ClassName(self));
+    return reinterpret_cast<R (*)(REALobject, A...)>(fn)(self, args...);
+  }
+
+  // ---- companions ------------------------------------------------------------
+  // A new bitmap with zeroed pixels, rows padded by rowPadding bytes; nil if the
+  // companion refuses the size, format or depth (8 and 16 bits are supported).
+  REALobject NewBitmap(int64_t width, int64_t height, int64_t format, int bitsPerChannel = 8,
+                       int64_t rowPadding = 0);
+  BitmapView Bitmap(REALobject bitmap) const;
+  REALobject NewRGBColor(uint8_t r, uint8_t g, uint8_t b, uint8_t a = 255);  // 16-bit parts: value * 257
+  REALobject NewRGBColor16(uint16_t r, uint16_t g, uint16_t b, uint16_t a = 65535);
+  REALobject NewCMYKColor(uint8_t c, uint8_t m, uint8_t y, uint8_t k, uint8_t a = 255);
+  RGBColorData RGBColor(REALobject colour) const;
+  CMYKColorData CMYKColor(REALobject colour) const;
+  // A mask over a bitmap's channel (grey bitmaps: channel 0), as the companion builds it.
+  REALobject NewMask(REALobject bitmap, bool inverted = false, uint8_t activeChannel = 0);
+
+  // ---- the engine ----------------------------------------------------------------
+  int64_t LastError(REALobject effect) const;
+  void SetThreads(int threads);  // 0: the machine's cores
+  int threads() const;
+  void SetSplitPolicy(SplitPolicy policy);
+  // Called on the thread that started a synchronous run while it goes, and once at
+  // its end, with rows done of total; return false to request a cancel.
+  void SetProgressObserver(std::function<bool(int64_t done, int64_t total)> observer);
+  // Stops the effect's current run between rows; with no run going, its next run
+  // starts with cancel already set (each part then does exactly its first row).
+  void RequestCancel(REALobject effect);
+  void WaitForAsync();                    // until every asynchronous run has completed
+  EngineCall lastEngineCall() const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace rawfx::host
