@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test demo bench clean
+.PHONY: all bootstrap configure build test demo bench sanitize clean
 
 all: build
 
@@ -23,6 +23,22 @@ test: build
 
 demo: build
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
+
+# Throughput of every effect through the host, written to $(BUILD)/bench.json.
+bench: bootstrap
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench
+	$(BUILD)/bench/rawfx_bench --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
+
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, then the
+# engine and effect tests under ThreadSanitizer with several workers.
+sanitize: bootstrap
+	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRAWFX_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRAWFX_SANITIZE=thread -DRAWFX_BUILD_TOOL=OFF
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -R '^(Host|Engine|Interlace|Barrel|Polar|OilPaint)'
 
 clean:
 	rm -rf $(BUILD)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,7 +41,13 @@ struct HostOptions {
   SplitPolicy split = SplitPolicy::Balanced;
 };
 
-// One RawBitmap format the companion knows.
+// One RawBitmap format the companion knows. Codes 0, 1, 2, 22 and 23 are grey
+// (one channel, read as red, green and blue); 3..10 the RGB family (RGB, BGR,
+// RGBA, ARGB, BGRA, ABGR, XRGB, BGRX); 13..16 the CMYK family (CMYK, CMYKA,
+// ACMYK, KCMY). The X formats have a fourth byte that carries no colour: it
+// sits at the alpha position, but hasAlpha is false. Every format exists at 8
+// and 16 bits per channel; byte positions in the RawBitmap record are the
+// sample indices below times the bytes per sample (16-bit RGBA: alpha at 6).
 struct FormatInfo {
   int64_t code;
   const char* name;
@@ -77,7 +84,9 @@ struct ProgramClass {
 
 // A completion method handed to ApplyAsync as its Ptr: called once per run with
 // the completion target and the result bitmap (nil when the run failed or was
-// cancelled). The result is lent for the call; lock it to keep it.
+// cancelled). The result is lent for the call; lock it to keep it. It is called
+// on an engine worker thread; objects that reach zero references there are
+// destroyed on the host's thread, at the latest by WaitForAsync.
 using CompletionMethod = void (*)(REALobject completeTarget, REALobject result);
 
 // A program's progress handler, "OnProgress(value as UInt64,total as UInt64,...)".
@@ -123,18 +132,24 @@ class Host {
   std::string ClassName(REALobject object) const;
   bool IsA(REALobject object, std::string_view className) const;
   size_t LiveObjectCount() const;
-  std::vector<std::string> LiveObjectClasses() const;
+  std::vector<std::string> LiveObjectClasses() const;  // oldest first
+  // Locks and unlocks of objects that were not alive (over-releases, stale handles);
+  // they are ignored, and counted so that tests can catch them.
+  int64_t StrayLockCalls() const;
   void* ClassData(REALobject object, std::string_view className) const;  // nil if not that class
 
   // ---- properties and methods ---------------------------------------------------
   // T is bool ("Boolean"), uint8_t ("UInt8"), float ("Single"), double ("Double"),
-  // int64_t (enums and "Integer") or REALobject (object types). Getters of object
+  // int64_t or int32_t (enums and "Integer") or REALobject (object types). Getters of object
   // properties hand the caller its own reference. Throws HostError on an unknown
   // property or a type that does not match the row.
   template <class T>
   T Get(REALobject object, std::string_view property);
   template <class T>
   void Set(REALobject object, std::string_view property, T value);
+  void Set(REALobject object, std::string_view property, std::nullptr_t) {
+    Set<REALobject>(object, property, nullptr);
+  }
   const ClassPropertyEntry* FindProperty(REALobject object, std::string_view property) const;
 
   void* FindMethod(REALobject object, std::string_view declaration) const;  // exact declaration
@@ -147,21 +162,33 @@ class Host {
 
   // ---- companions ------------------------------------------------------------
   // A new bitmap with zeroed pixels, rows padded by rowPadding bytes; nil if the
-  // companion refuses the size, format or depth (8 and 16 bits are supported).
+  // companion refuses the size, format or depth (8 and 16 bits are supported;
+  // 16-bit rows must stay 2-byte aligned, so their padding must be even).
   REALobject NewBitmap(int64_t width, int64_t height, int64_t format, int bitsPerChannel = 8,
                        int64_t rowPadding = 0);
   BitmapView Bitmap(REALobject bitmap) const;
+  // New("ZandoriaColors.RGBColor") / ("...CMYKColor") give opaque black;
+  // "ZandoriaColors.GenericColor" itself cannot be instantiated.
   REALobject NewRGBColor(uint8_t r, uint8_t g, uint8_t b, uint8_t a = 255);  // 16-bit parts: value * 257
-  REALobject NewRGBColor16(uint16_t r, uint16_t g, uint16_t b, uint16_t a = 65535);
+  REALobject NewRGBColor16(uint16_t r, uint16_t g, uint16_t b, uint16_t a = 65535);  // 8-bit parts: value >> 8
   REALobject NewCMYKColor(uint8_t c, uint8_t m, uint8_t y, uint8_t k, uint8_t a = 255);
+  // A colour's components, converted as the colour's ToRGB / ToCMYK would;
+  // HostError for anything that is not a colour.
   RGBColorData RGBColor(REALobject colour) const;
   CMYKColorData CMYKColor(REALobject colour) const;
   // A mask over a bitmap's channel (grey bitmaps: channel 0), as the companion builds it.
   REALobject NewMask(REALobject bitmap, bool inverted = false, uint8_t activeChannel = 0);
 
   // ---- the engine ----------------------------------------------------------------
+  // Engine runs give nil when an argument is wrong (nil block or source, a
+  // formatFlags depth bit that does not match the source, a mask smaller than
+  // the source) and when a cancel stops them before every row is done. An
+  // in-place run that succeeds returns the source, without a new reference.
+  // LastError and RequestCancel throw HostError for an object without an engine.
   int64_t LastError(REALobject effect) const;
-  void SetThreads(int threads);  // 0: the machine's cores
+  // 0: the machine's cores. Work already queued finishes on the old workers;
+  // call it from the host's thread, not from a completion method.
+  void SetThreads(int threads);
   int threads() const;
   void SetSplitPolicy(SplitPolicy policy);
   // Called on the thread that started a synchronous run while it goes, and once at

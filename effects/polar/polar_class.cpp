@@ -1,6 +1,201 @@
-// The PolarCoordinatesEffectRaw class: its record (rows to follow with the effect).
+// The PolarCoordinatesEffectRaw class: maps a bitmap from rectangular to polar
+// coordinates or back, synchronously (two forms of Apply) or in the background
+// (ApplyAsync).
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "effects/polar/polar_kernels.h"
+#include "imaging/color_order.h"
+#include "imaging/mp_filter.h"
+#include "imaging/raw_bitmap.h"
 #include "plugin/class_definition.h"
 #include "plugin/class_records.h"
+#include "plugin/host_binding.h"
 
-REALclassDefinition PolarCoordinatesEffectRawClass =
-    rawfx::FilterClassRecord("PolarCoordinatesEffectRaw", 16, nullptr, nullptr, rawfx::kAsyncInterfaces, {});
+namespace {
+
+// The instance data; the host reads and writes the two flags itself.
+struct PolarCoordinatesData {
+  uint8_t rectangularToPolar;  // 0: the RectangularToPolar property
+  uint8_t flipMapping;         // 1: the FlipMapping property
+  REALobject backColor;        // 8: held with one lock; never nil after construction
+};
+static_assert(offsetof(PolarCoordinatesData, rectangularToPolar) == 0);
+static_assert(offsetof(PolarCoordinatesData, flipMapping) == 1);
+static_assert(offsetof(PolarCoordinatesData, backColor) == 8);
+static_assert(sizeof(PolarCoordinatesData) == 16);
+
+void Constructor(REALobject self);
+void Destructor(REALobject self);
+REALobject PolarGetBackColor(REALobject self, long long);
+void PolarSetBackColor(REALobject self, long long, REALobject value);
+REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangularToPolar, signed char flipMapping,
+                       REALobject backColor);
+REALobject IEffectApply(REALobject self, REALobject source);
+void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod);
+
+using rawfx::DirectProperty;
+using rawfx::Fn;
+using rawfx::Method;
+using rawfx::Property;
+
+const ClassPropertyEntry PolarCoordinatesProperties[] = {
+    DirectProperty("FlipMapping", "Boolean", offsetof(PolarCoordinatesData, flipMapping)),
+    DirectProperty("RectangularToPolar", "Boolean", offsetof(PolarCoordinatesData, rectangularToPolar)),
+    Property("BackColor", "ZandoriaColors.GenericColor", Fn(PolarGetBackColor), Fn(PolarSetBackColor)),
+};
+
+const ClassMethodEntry PolarCoordinatesMethods[] = {
+    Method(Fn(ApplyEffect),
+           "Apply(source as RawBitmap,rectangularToPolar as Boolean,flipMapping as Boolean,"
+           "backColor as ZandoriaColors.GenericColor) as RawBitmap"),
+    Method(Fn(IEffectApply), "Apply(source as RawBitmap) as RawBitmap"),
+    Method(Fn(ApplyEffectAsync), "ApplyAsync(source as RawBitmap, completeTarget as Object, completeMethod as Ptr)"),
+};
+
+}  // namespace
+
+REALclassDefinition PolarCoordinatesEffectRawClass = rawfx::FilterClassRecord(
+    "PolarCoordinatesEffectRaw", sizeof(PolarCoordinatesData), Constructor, Destructor, rawfx::kAsyncInterfaces,
+    {.properties = PolarCoordinatesProperties,
+     .propertyCount = rawfx::RowCount(PolarCoordinatesProperties),
+     .methods = PolarCoordinatesMethods,
+     .methodCount = rawfx::RowCount(PolarCoordinatesMethods)});
+
+namespace {
+
+constexpr int32_t kModeCode = 2;
+
+PolarCoordinatesData* DataOf(REALobject self) {
+  return static_cast<PolarCoordinatesData*>(REALGetClassData(self, &PolarCoordinatesEffectRawClass));
+}
+
+// ---- construction -----------------------------------------------------------
+
+void Constructor(REALobject self) {
+  PolarCoordinatesData* data = DataOf(self);
+  data->rectangularToPolar = 1;
+  data->flipMapping = 1;
+  // The reference that comes with the new colour is the effect's lock.
+  data->backColor = NewDefaultBackColour();
+}
+
+void Destructor(REALobject self) {
+  PolarCoordinatesData* data = DataOf(self);
+  if (data->backColor) REALUnlockObject(data->backColor);
+}
+
+// ---- accessors --------------------------------------------------------------
+
+// The caller gets its own lock on the colour.
+REALobject PolarGetBackColor(REALobject self, long long) {
+  REALobject colour = DataOf(self)->backColor;
+  REALLockObject(colour);
+  return colour;
+}
+
+// nil is ignored, so the property always holds a colour. The new colour is
+// locked before the old one is released: re-setting the colour already held
+// cannot drop its last lock on the way.
+void PolarSetBackColor(REALobject self, long long, REALobject value) {
+  if (!value) return;
+  PolarCoordinatesData* data = DataOf(self);
+  REALLockObject(value);
+  if (data->backColor) REALUnlockObject(data->backColor);
+  data->backColor = value;
+}
+
+// ---- Apply ------------------------------------------------------------------
+
+template <class Sample, int N>
+void StoreBackground(Sample (&samples)[N], const ChannelValues& channelValues) {
+  static_assert(N == kMaxChannels);
+  for (int i = 0; i < N; ++i) samples[i] = static_cast<Sample>(channelValues[i]);
+}
+
+// Checks the arguments and fills the effect's fields of params. Returns the
+// source's record with the part function and format flags set, or nil after
+// storing the error code (the out-arguments are then not to be used).
+RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoordinatesParams* params,
+                         signed char rectangularToPolar, signed char flipMapping, REALobject backColor,
+                         PartFunction* partFunction, signed char* formatFlags) {
+  if (!source || !backColor) {
+    engine->lastError = rawfx::kErrorInvalidArgument;
+    return nullptr;
+  }
+  PolarizeSettings& settings = params->settings;
+  settings.roundness = 100.0;
+  settings.flipMapping = static_cast<uint8_t>(flipMapping);
+  settings.centerAtTop = 1;
+  settings.rectangularToPolar = static_cast<uint8_t>(rectangularToPolar);
+  settings.angleOffset = 0.0;
+
+  RawBitmap* bitmap = GetRawBitmapData(source);
+  // A bitmap without alpha gets -1 (full) in its alpha position, whatever the colour's alpha.
+  ChannelValues channelValues{};
+  OrderBackgroundColour(backColor, bitmap, static_cast<signed char>(bitmap->hasAlpha), channelValues,
+                        ColourTestOrder::RGBFirst);
+
+  switch (bitmap->bitsPerChannel) {
+    case 8:
+      StoreBackground(params->backColor8, channelValues);
+      *partFunction = PolarCoordinatesPart;
+      *formatFlags = rawfx::kFormatFlags8;
+      return bitmap;
+    case 16:
+      StoreBackground(params->backColor16, channelValues);
+      *partFunction = PolarCoordinatesPart16;
+      *formatFlags = rawfx::kFormatFlags16;
+      return bitmap;
+    default:
+      engine->lastError = rawfx::kErrorUnsupportedDepth;
+      return nullptr;
+  }
+}
+
+// The four-argument Apply: the arguments serve this call only, the properties keep their values.
+REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangularToPolar, signed char flipMapping,
+                       REALobject backColor) {
+  MPImageFilterData* engine = rawfx::EngineOf(DataOf(self));
+  PolarCoordinatesParams params{};
+  PartFunction part = nullptr;
+  signed char formatFlags = 0;
+  RawBitmap* bitmap =
+      PrepareParams(source, engine, &params, rectangularToPolar, flipMapping, backColor, &part, &formatFlags);
+  if (!bitmap) return nullptr;
+  return engine->ops->ProcessParts(engine, &params, part, part, bitmap, nullptr, kModeCode, formatFlags,
+                                   rawfx::kResultFlag);
+}
+
+REALobject IEffectApply(REALobject self, REALobject source) {
+  const PolarCoordinatesData* data = DataOf(self);
+  return ApplyEffect(self, source, static_cast<signed char>(data->rectangularToPolar),
+                     static_cast<signed char>(data->flipMapping), data->backColor);
+}
+
+// The block outlives this call: it is allocated with the global operator new
+// and, handed over with no delete callback, released by the engine with the
+// global operator delete after the run. If the checks fail it is freed here.
+void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
+  PolarCoordinatesData* data = DataOf(self);
+  MPImageFilterData* engine = rawfx::EngineOf(data);
+  void* storage = ::operator new(sizeof(PolarCoordinatesParams));
+  std::memset(storage, 0, sizeof(PolarCoordinatesParams));
+  auto* params = static_cast<PolarCoordinatesParams*>(storage);
+
+  PartFunction part = nullptr;
+  signed char formatFlags = 0;
+  RawBitmap* bitmap = PrepareParams(source, engine, params, static_cast<signed char>(data->rectangularToPolar),
+                                    static_cast<signed char>(data->flipMapping), data->backColor, &part,
+                                    &formatFlags);
+  if (!bitmap) {
+    ::operator delete(storage);
+    return;
+  }
+  engine->ops->ProcessPartsAsync(self, engine, source, params, part, part, bitmap, nullptr, kModeCode, formatFlags,
+                                 rawfx::kResultFlag, completeTarget, completeMethod, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+// The oil paint effect's parameter block and its two 8-bit part functions.
+//
+// For every destination pixel a part builds a histogram of the intensities of
+// the source pixels in the square of radius brushSize around it (clipped at the
+// bitmap's borders), picks the most populated intensity bin (the lowest one on
+// a tie) and writes the mean colour of the pixels in that bin. The masked part
+// then mixes that colour with the source pixel by the mask value.
+//
+// Preconditions set by the class before a run: 8 bits per channel, smoothness
+// within 0.04 .. 1.0, maxLevel = smoothness * 255 (single precision,
+// truncated), brushSize within 1 .. 5, and the engine has filled the head.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "imaging/mp_filter.h"
+
+struct OilPaintParams {
+  GenericMPParams head;  // 0: filled by the engine
+  int32_t redOffset;     // 88: byte of the channel weighted 0.3
+  int32_t greenOffset;   // 92: byte of the channel weighted 0.59
+  int32_t blueOffset;    // 96: byte of the channel weighted 0.11
+  float smoothness;      // 100: scales an intensity down to its bin
+  int16_t maxLevel;      // 104: highest bin; the histogram has maxLevel + 1 bins
+  uint8_t brushSize;     // 106: radius of the neighbourhood in pixels
+};
+static_assert(offsetof(OilPaintParams, redOffset) == 88);
+static_assert(offsetof(OilPaintParams, greenOffset) == 92);
+static_assert(offsetof(OilPaintParams, blueOffset) == 96);
+static_assert(offsetof(OilPaintParams, smoothness) == 100);
+static_assert(offsetof(OilPaintParams, maxLevel) == 104);
+static_assert(offsetof(OilPaintParams, brushSize) == 106);
+
+// Part functions: block is an MPParamBlock whose params is an OilPaintParams.
+// The unmasked part sets the block's done flag as it returns; the masked part
+// needs head.maskData and leaves done alone. Both return nil.
+void* OilPaintPart8bit(void* block);
+void* OilPaintMaskPart8bit(void* block);
+
+namespace rawfx::oilpaint {
+
+// The intensity of a pixel: (0.59 G + 0.3 R) + 0.11 B in double precision,
+// truncated, low 8 bits. The sum lies within 0 .. 255 (plus rounding), so the
+// conversion to an integer is always in range.
+inline uint8_t IntensityOf(uint8_t red, uint8_t green, uint8_t blue) {
+  const double sum = (0.59 * green + 0.3 * red) + 0.11 * blue;
+  return static_cast<uint8_t>(static_cast<int32_t>(sum));
+}
+
+// The histogram bin of an intensity: intensity * smoothness in double
+// precision, truncated, low 8 bits. A product outside the int32 range (only
+// possible for a smoothness the class never admits) gives bin 0 instead of an
+// undefined conversion.
+inline uint8_t BinOf(uint8_t intensity, float smoothness) {
+  const double scaled = intensity * static_cast<double>(smoothness);
+  if (!(scaled > -2147483649.0 && scaled < 2147483648.0)) return 0;
+  return static_cast<uint8_t>(static_cast<int32_t>(scaled));
+}
+
+}  // namespace rawfx::oilpaint

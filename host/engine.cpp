@@ -1,0 +1,476 @@
+// MPImageFilterRaw: the superclass of the effects, whose instance data is the
+// multiprocessing engine. It checks a run's arguments, makes the result
+// bitmap, fills the parameter block's head, cuts the rows into parts and runs
+// the effect's part function over them on the host's worker threads.
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "host/host_internal.h"
+
+namespace rawfx::host {
+
+// An engine object's own state, behind word 1 of MPImageFilterData.
+struct EngineState {
+  Host::Impl* host;
+  REALobject self;
+  std::mutex mutex;
+  bool cancelNextRun = false;              // a cancel requested while no run was going
+  std::vector<GenericMPParams*> running;   // heads of the runs under way
+};
+
+namespace {
+
+// Result rows get padding of their own, so that a kernel that steps through
+// the destination with the source's stride is caught.
+constexpr int64_t kResultRowPadding = 24;
+constexpr auto kProgressInterval = std::chrono::milliseconds(2);
+
+// Bit values of formatFlags that name the source depth.
+constexpr int32_t kFlag8Bit = 1;
+constexpr int32_t kFlag16Bit = 2;
+
+struct Request {
+  EngineCall::Operation operation;
+  EngineState* state;
+  void* params;
+  PartFunction partFunction;
+  PartFunction maskPartFunction;
+  RawBitmap* source;
+  REALobject mask;
+  int32_t modeCode;
+  int32_t formatFlags;
+  int32_t resultFlag;
+  ParamBlockDeleter deleteCallback;
+};
+
+// One run: its parts and how the end of the last part is reported.
+struct Run {
+  Host::Impl* host = nullptr;
+  EngineState* state = nullptr;
+  GenericMPParams* head = nullptr;
+  PartFunction function = nullptr;
+  REALobject result = nullptr;  // the new bitmap of a run that makes one
+  std::vector<MPParamBlock> blocks;
+  std::atomic<size_t> remaining{0};
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;
+  std::function<void()> whenDone;  // asynchronous runs: the completion
+};
+
+using RowRange = std::pair<int32_t, int32_t>;
+
+std::vector<RowRange> BalancedParts(int32_t height, int workers) {
+  const int64_t quads = (int64_t{height} + 3) / 4;
+  const int64_t parts = std::min<int64_t>(quads, int64_t{workers} * 4);
+  std::vector<RowRange> ranges;
+  for (int64_t i = 0; i < parts; ++i) {
+    const int64_t first = 4 * (quads * i / parts);
+    const int64_t end = std::min<int64_t>(4 * (quads * (i + 1) / parts), height);
+    ranges.emplace_back(static_cast<int32_t>(first), static_cast<int32_t>(end));
+  }
+  return ranges;
+}
+
+// Parts cut by a repeating list of sizes, after an optional first part.
+std::vector<RowRange> PartsOfSizes(int32_t height, std::initializer_list<int32_t> sizes, int32_t firstSize) {
+  std::vector<RowRange> ranges;
+  int32_t row = 0;
+  if (firstSize > 0 && height > 0) {
+    ranges.emplace_back(0, std::min(firstSize, height));
+    row = ranges.back().second;
+  }
+  for (size_t i = 0; row < height; ++i) {
+    const int32_t size = *(sizes.begin() + i % sizes.size());
+    const int32_t end = static_cast<int32_t>(std::min<int64_t>(int64_t{row} + size, height));
+    ranges.emplace_back(row, end);
+    row = end;
+  }
+  return ranges;
+}
+
+std::vector<RowRange> SplitRows(SplitPolicy policy, int32_t height, int workers) {
+  switch (policy) {
+    case SplitPolicy::SinglePart: return height > 0 ? std::vector<RowRange>{{0, height}} : std::vector<RowRange>{};
+    case SplitPolicy::SmallParts: return PartsOfSizes(height, {1, 2, 3}, 0);
+    case SplitPolicy::OddStarts: return PartsOfSizes(height, {2}, 1);
+    case SplitPolicy::WithEmptyParts: {
+      std::vector<RowRange> ranges;
+      for (const RowRange& part : BalancedParts(height, workers)) {
+        ranges.emplace_back(part.first, part.first);
+        ranges.push_back(part);
+      }
+      ranges.emplace_back(height, height);
+      return ranges;
+    }
+    case SplitPolicy::Balanced: break;
+  }
+  return BalancedParts(height, workers);
+}
+
+EngineState* StateOf(MPImageFilterData* engine) {
+  return engine ? static_cast<EngineState*>(engine->engineState) : nullptr;
+}
+
+void SetCancel(GenericMPParams* head) { std::atomic_ref<uint8_t>(head->cancel).store(1, std::memory_order_release); }
+
+int32_t ProgressOf(GenericMPParams* head) {
+  return std::atomic_ref<int32_t>(head->progress).load(std::memory_order_relaxed);
+}
+
+// A run is cancelled when it stopped on a cancel before all rows were done.
+bool Cancelled(GenericMPParams* head) {
+  return std::atomic_ref<uint8_t>(head->cancel).load(std::memory_order_acquire) != 0 &&
+         ProgressOf(head) < head->height;
+}
+
+// The bitmap object whose record source is, if it is one of this host's.
+REALobject BitmapObjectOf(const Host::Impl& host, RawBitmap* source) {
+  if (!source) return nullptr;
+  auto object = reinterpret_cast<REALobject>(reinterpret_cast<uint8_t*>(source) - host.bitmapClass->dataOffset);
+  return host.LiveClass(object) == host.bitmapClass ? object : nullptr;
+}
+
+bool DepthMatches(int bitsPerChannel, int32_t formatFlags) {
+  if (bitsPerChannel == 8) return (formatFlags & kFlag8Bit) != 0;
+  if (bitsPerChannel == 16) return (formatFlags & kFlag16Bit) != 0;
+  return false;
+}
+
+void FillHead(GenericMPParams* head, RawBitmap* source, RawBitmap* destination, RawBitmapMaskData* maskData) {
+  std::memset(head, 0, sizeof *head);
+  head->width = static_cast<int32_t>(source->width);
+  head->height = static_cast<int32_t>(source->height);
+  head->srcPixels = BitmapPixels(source);
+  head->dstPixels = BitmapPixels(destination);
+  head->srcRowBytes = static_cast<int32_t>(BitmapRowBytes(source));
+  head->dstRowBytes = static_cast<int32_t>(BitmapRowBytes(destination));
+  head->srcPixelBytes = static_cast<int32_t>(source->bytesPerPixel);
+  head->dstPixelBytes = static_cast<int32_t>(destination->bytesPerPixel);
+  head->srcBitmap = source;
+  head->dstBitmap = destination;
+  head->maskData = maskData;
+}
+
+// Checks the request and readies run: result bitmap, head and parts. Nothing
+// is made when a check fails.
+bool Prepare(Host::Impl& host, const Request& request, Run& run) {
+  RawBitmap* source = request.source;
+  if (!request.params || !BitmapObjectOf(host, source) || !source->isValid) return false;
+  if (!DepthMatches(source->bitsPerChannel, request.formatFlags)) return false;
+  if (request.mask && !MaskCovers(host, request.mask, source)) return false;
+  PartFunction function = request.mask ? request.maskPartFunction : request.partFunction;
+  if (!function) return false;
+
+  RawBitmap* destination = source;
+  if (request.operation != EngineCall::PartsInPlace) {
+    run.result = host.MakeBitmap(source->width, source->height, source->format, source->bitsPerChannel,
+                                 source->width * source->bytesPerPixel + kResultRowPadding);
+    if (!run.result) return false;
+    destination = static_cast<RawBitmap*>(DataOf(run.result, host.bitmapClass));
+  }
+  auto* head = static_cast<GenericMPParams*>(request.params);
+  FillHead(head, source, destination, request.mask ? MaskDataOf(request.mask) : nullptr);
+
+  run.host = &host;
+  run.state = request.state;
+  run.head = head;
+  run.function = function;
+  SplitPolicy policy;
+  {
+    std::lock_guard lock(host.mutex);
+    policy = host.split;
+  }
+  for (const RowRange& range : SplitRows(policy, head->height, host.pool->size()))
+    run.blocks.push_back(MPParamBlock{range.first, range.second, 0, {}, head});
+  return true;
+}
+
+void RecordCall(Host::Impl& host, const Request& request, int parts) {
+  EngineCall call;
+  call.operation = request.operation;
+  call.modeCode = request.modeCode;
+  call.formatFlags = request.formatFlags;
+  call.resultFlag = request.resultFlag;
+  call.partFunction = request.partFunction;
+  call.maskPartFunction = request.maskPartFunction;
+  call.mask = request.mask;
+  call.params = request.params;
+  call.deleteCallback = request.deleteCallback;
+  call.parts = parts;
+  std::lock_guard lock(host.mutex);
+  host.lastCall = call;
+}
+
+void Finish(Run& run) {
+  if (run.whenDone) {
+    run.whenDone();
+    return;
+  }
+  std::lock_guard lock(run.mutex);
+  run.done = true;
+  run.finished.notify_all();
+}
+
+// Registers the run with its engine (where a cancel can reach it) and hands
+// its parts to the workers. On a worker thread the parts run right there, as
+// that thread may be the only worker there is.
+void Start(Run& run) {
+  {
+    std::lock_guard lock(run.state->mutex);
+    if (run.state->cancelNextRun) SetCancel(run.head);
+    run.state->cancelNextRun = false;
+    run.state->running.push_back(run.head);
+  }
+  // Once the last part is handed over, run may end at any moment: read nothing
+  // of it after that.
+  const size_t parts = run.blocks.size();
+  ThreadPool& pool = *run.host->pool;
+  run.remaining.store(parts, std::memory_order_relaxed);
+  if (parts == 0) {
+    Finish(run);
+  } else if (ThreadPool::OnWorkerThread()) {
+    for (MPParamBlock& block : run.blocks) run.function(&block);
+    Finish(run);
+  } else {
+    for (size_t i = 0; i < parts; ++i)
+      pool.Submit([&run, i] {
+        run.function(&run.blocks[i]);
+        if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
+      });
+  }
+}
+
+void Unregister(Run& run) {
+  std::lock_guard lock(run.state->mutex);
+  auto& running = run.state->running;
+  running.erase(std::remove(running.begin(), running.end(), run.head), running.end());
+}
+
+// Tells the observer and the program's OnProgress handler how far the run is;
+// true when either asks for a cancel.
+bool Report(Run& run, const std::function<bool(int64_t, int64_t)>& observer, void* onProgress) {
+  const int64_t done = ProgressOf(run.head);
+  const int64_t total = run.head->height;
+  bool cancel = observer && !observer(done, total);
+  if (onProgress) {
+    bool handlerCancel = false;
+    reinterpret_cast<OnProgressMethod>(onProgress)(run.state->self, static_cast<uint64_t>(done),
+                                                   static_cast<uint64_t>(total), 0, &handlerCancel);
+    cancel = cancel || handlerCancel;
+  }
+  return cancel;
+}
+
+// The calling thread waits for the parts, reporting progress as it changes.
+void WaitReporting(Run& run) {
+  std::function<bool(int64_t, int64_t)> observer;
+  {
+    std::lock_guard lock(run.host->mutex);
+    observer = run.host->observer;
+  }
+  void* onProgress = run.host->FindMethod(run.state->self, kOnProgressDecl);
+  int32_t reported = -1;
+  std::unique_lock lock(run.mutex);
+  while (!run.finished.wait_for(lock, kProgressInterval, [&] { return run.done; })) {
+    lock.unlock();
+    if (ProgressOf(run.head) != reported) {
+      reported = ProgressOf(run.head);
+      if (Report(run, observer, onProgress)) SetCancel(run.head);
+    }
+    lock.lock();
+  }
+  lock.unlock();
+  Report(run, observer, onProgress);
+}
+
+REALobject RunSync(const Request& request) {
+  Host::Impl& host = *request.state->host;
+  Run run;
+  if (!Prepare(host, request, run)) {
+    RecordCall(host, request, 0);
+    return nullptr;
+  }
+  RecordCall(host, request, static_cast<int>(run.blocks.size()));
+  Start(run);
+  WaitReporting(run);
+  Unregister(run);
+  if (Cancelled(run.head)) {
+    host.Unlock(run.result);
+    return nullptr;
+  }
+  // In place there is no new bitmap; the source is named, not handed over.
+  return run.result ? run.result : BitmapObjectOf(host, request.source);
+}
+
+struct AsyncRun {
+  Request request;
+  REALobject self;
+  REALobject sourceObject;
+  REALobject completeTarget;
+  void* completeMethod;
+  Run run;
+  bool prepared = false;
+};
+
+// The end of an asynchronous run, on the worker that finished it: one call of
+// the completion method (the result lent for the call), one disposal of the
+// parameter block, then the locks taken for the run are given back.
+void CompleteAsync(AsyncRun* async) {
+  Host::Impl& host = *async->request.state->host;
+  Run& run = async->run;
+  if (async->prepared) Unregister(run);
+  REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
+  if (!result) host.Unlock(run.result);
+  if (async->completeMethod)
+    reinterpret_cast<CompletionMethod>(async->completeMethod)(async->completeTarget, result);
+  host.Unlock(result);
+  if (void* params = async->request.params) {
+    if (async->request.deleteCallback)
+      async->request.deleteCallback(async->self, static_cast<GenericMPParams*>(params));
+    else
+      ::operator delete(params);
+  }
+  for (REALobject held : {async->request.mask, async->completeTarget, async->sourceObject, async->self})
+    host.Unlock(held);
+  delete async;
+  {
+    std::lock_guard lock(host.asyncMutex);
+    --host.asyncRuns;
+  }
+  host.asyncFinished.notify_all();
+}
+
+void RunAsync(AsyncRun* async) {
+  Host::Impl& host = *async->request.state->host;
+  for (REALobject held : {async->self, async->sourceObject, async->completeTarget, async->request.mask})
+    host.Lock(held);
+  {
+    std::lock_guard lock(host.asyncMutex);
+    ++host.asyncRuns;
+  }
+  async->prepared = Prepare(host, async->request, async->run);
+  RecordCall(host, async->request, async->prepared ? static_cast<int>(async->run.blocks.size()) : 0);
+  async->run.whenDone = [async] { CompleteAsync(async); };
+  if (async->prepared)
+    Start(async->run);
+  else
+    host.pool->Submit([async] { CompleteAsync(async); });
+}
+
+// ---- the operation table ------------------------------------------------------------------
+
+REALobject ProcessParts(MPImageFilterData* engine, void* params, PartFunction partFunction,
+                        PartFunction maskPartFunction, RawBitmap* source, REALobject mask, int32_t modeCode,
+                        int32_t formatFlags, int32_t resultFlag) {
+  EngineState* state = StateOf(engine);
+  if (!state) return nullptr;
+  return RunSync({EngineCall::Parts, state, params, partFunction, maskPartFunction, source, mask, modeCode,
+                  formatFlags, resultFlag, nullptr});
+}
+
+REALobject ProcessPartsInPlace(MPImageFilterData* engine, void* params, PartFunction partFunction,
+                               PartFunction maskPartFunction, RawBitmap* source, REALobject mask, int32_t modeCode,
+                               int32_t formatFlags) {
+  EngineState* state = StateOf(engine);
+  if (!state) return nullptr;
+  return RunSync({EngineCall::PartsInPlace, state, params, partFunction, maskPartFunction, source, mask, modeCode,
+                  formatFlags, 0, nullptr});
+}
+
+void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject sourceObject, void* params,
+                       PartFunction partFunction, PartFunction maskPartFunction, RawBitmap* source, REALobject mask,
+                       int32_t modeCode, int32_t formatFlags, int32_t resultFlag, REALobject completeTarget,
+                       void* completeMethod, ParamBlockDeleter deleteCallback) {
+  EngineState* state = StateOf(engine);
+  if (!state) return;
+  RunAsync(new AsyncRun{{EngineCall::PartsAsync, state, params, partFunction, maskPartFunction, source, mask,
+                         modeCode, formatFlags, resultFlag, deleteCallback},
+                        self,
+                        sourceObject,
+                        completeTarget,
+                        completeMethod,
+                        {},
+                        false});
+}
+
+const MPEngineOps kEngineOps = {nullptr, nullptr, &ProcessParts, &ProcessPartsInPlace, nullptr, &ProcessPartsAsync};
+
+MPImageFilterData* EngineDataOf(REALobject self) {
+  return static_cast<MPImageFilterData*>(DataOf(self, HostOf(self)->filterClass));
+}
+
+void FilterInit(REALobject self) {
+  MPImageFilterData* engine = EngineDataOf(self);
+  engine->ops = &kEngineOps;
+  engine->engineState = new EngineState{HostOf(self), self, {}, false, {}};
+}
+
+void FilterDestroy(REALobject self) {
+  MPImageFilterData* engine = EngineDataOf(self);
+  delete static_cast<EngineState*>(engine->engineState);
+  engine->engineState = nullptr;
+}
+
+}  // namespace
+
+void Host::Impl::AddFilterClass() {
+  ClassInfo* filter = AddClass("MPImageFilterRaw", nullptr, sizeof(MPImageFilterData));
+  filter->constructor = &FilterInit;
+  filter->destructor = &FilterDestroy;
+  filterClass = filter;
+}
+
+void Host::Impl::RequestCancel(REALobject effect) {
+  if (!owner.IsA(effect, filterClass->name)) throw HostError(owner.ClassName(effect) + " has no engine");
+  EngineState* state = StateOf(EngineDataOf(effect));
+  std::lock_guard lock(state->mutex);
+  if (state->running.empty()) state->cancelNextRun = true;
+  for (GenericMPParams* head : state->running) SetCancel(head);
+}
+
+void Host::Impl::WaitForAsync() {
+  {
+    std::unique_lock lock(asyncMutex);
+    asyncFinished.wait(lock, [this] { return asyncRuns == 0; });
+  }
+  DrainDeferredDestruction();
+}
+
+// ---- Host: the engine -------------------------------------------------------------------------
+
+int64_t Host::LastError(REALobject effect) const {
+  auto* engine = static_cast<MPImageFilterData*>(ClassData(effect, "MPImageFilterRaw"));
+  if (!engine) throw HostError(ClassName(effect) + " has no engine");
+  return engine->lastError;
+}
+
+void Host::SetThreads(int threads) {
+  auto retired = std::make_unique<ThreadPool>(threads > 0 ? threads : DefaultThreads());
+  std::swap(impl_->pool, retired);
+  retired.reset();  // runs what it still had queued, then joins its workers
+}
+
+int Host::threads() const { return impl_->pool->size(); }
+
+void Host::SetSplitPolicy(SplitPolicy policy) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->split = policy;
+}
+
+void Host::SetProgressObserver(std::function<bool(int64_t done, int64_t total)> observer) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->observer = std::move(observer);
+}
+
+void Host::RequestCancel(REALobject effect) { impl_->RequestCancel(effect); }
+
+void Host::WaitForAsync() { impl_->WaitForAsync(); }
+
+EngineCall Host::lastEngineCall() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->lastCall;
+}
+
+}  // namespace rawfx::host

@@ -1,0 +1,30 @@
+// Heap blocks for kernel scratch, taken from the system allocator.
+//
+// NewPtr and DisposePtr are the plug-in's only allocation calls outside the
+// asynchronous parameter blocks. rawfx::memory holds two test hooks: a way to
+// make allocations fail on demand and a count of blocks not yet given back.
+// Production code never calls them; like every symbol of the plug-in they are
+// hidden, so the loadable module does not export them, and each image that
+// links the plug-in's objects (module or static library) has its own copy.
+#pragma once
+
+#include <cstdint>
+
+// A new block of byteCount bytes, or nil when none can be had (a negative
+// byteCount, an exhausted allocator or a failure injected by a test).
+void* NewPtr(int64_t byteCount);
+
+// Gives back a block that NewPtr returned; nil is accepted and ignored.
+void DisposePtr(void* block);
+
+namespace rawfx::memory {
+
+// Lets the next `count` calls of NewPtr succeed and makes every later call
+// return nil, until the next call of this function. A negative count lifts
+// the limit (the state the process starts in).
+void FailAllocationsAfter(int64_t count);
+
+// Blocks returned by NewPtr and not yet given back with DisposePtr.
+int64_t LiveBlockCount();
+
+}  // namespace rawfx::memory

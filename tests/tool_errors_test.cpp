@@ -1,0 +1,200 @@
+// The tool run as a process where things go wrong: every error gives one line,
+// its exit status and no output file; Ctrl-C cancels through the engine; and the
+// demo and info commands produce what they promise.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "tool_test_support.h"
+#include "tools/rawfx/image_io.h"
+#include "tools/rawfx/sample_image.h"
+
+namespace rawfx::tool {
+namespace {
+
+using test::RunTool;
+using test::ScratchDir;
+using test::ToolResult;
+
+class ToolErrors : public testing::Test {
+ protected:
+  void SetUp() override {
+    SaveImage(test::NoiseImage(24, 16, Layout::RGB, 8), scratch_ / "rgb.png");
+    SaveImage(test::NoiseImage(24, 16, Layout::RGB, 16), scratch_ / "rgb16.png");
+    SaveImage(test::RampImage(24, 16, Layout::RGB), scratch_ / "rgb.jpg");
+  }
+
+  // Runs the tool, expects the status and one line "rawfx: ..." holding `message`,
+  // and that nothing but the inputs is left in the scratch directory.
+  void ExpectFailure(const std::vector<std::string>& words, int status, const std::string& message) {
+    const std::vector<std::string> before = Sorted(scratch_.names());
+    const ToolResult run = RunTool(words, scratch_);
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_TRUE(std::regex_match(run.err, std::regex("rawfx: [^\n]+\n"))) << run.err;
+    EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(Sorted(scratch_.names()), before) << "a failed run left a file";
+  }
+
+  static std::vector<std::string> Sorted(std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::string Cut(const std::string& name, const std::string& cutName) {
+    const std::string bytes = test::ReadText(scratch_ / name);
+    test::WriteBytes(scratch_ / cutName, bytes.substr(0, bytes.size() * 2 / 3));
+    return scratch_ / cutName;
+  }
+
+  ScratchDir scratch_;
+};
+
+TEST_F(ToolErrors, UnreadableInputIsStatusTwoNamingTheFile) {
+  const std::string out = scratch_ / "out.png";
+  ExpectFailure({"polar", scratch_ / "missing.png", out}, 2,
+                "cannot read " + scratch_ / "missing.png" + ": No such file or directory");
+  const std::string cutPng = Cut("rgb.png", "cut.png");
+  ExpectFailure({"polar", cutPng, out}, 2, "cannot read " + cutPng + ": corrupt PNG");
+  const std::string cutJpeg = Cut("rgb.jpg", "cut.jpg");
+  ExpectFailure({"barrel", cutJpeg, out}, 2, "cannot read " + cutJpeg + ": corrupt JPEG: Premature end of JPEG file");
+  test::WriteBytes(scratch_ / "notes.png", "shopping list\n");
+  ExpectFailure({"oilpaint", scratch_ / "notes.png", out}, 2, "not a PNG, JPEG or TIFF image");
+  ExpectFailure({"info", scratch_ / "notes.png"}, 2, "not a PNG, JPEG or TIFF image");
+  ExpectFailure({"polar", "--max-pixels", "100", scratch_ / "rgb.png", out}, 2,
+                "24 x 16 pixels is more than the limit of 100");
+}
+
+TEST_F(ToolErrors, AnUnwritableOutputIsStatusTwo) {
+  const std::string directory = test::UnwritableDirectory(scratch_);
+  ExpectFailure({"polar", scratch_ / "rgb.png", directory + "/out.png"}, 2,
+                "cannot write " + directory + "/out.png: cannot create a file in " + directory);
+  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "no/such/dir/out.png"}, 2, "No such file or directory");
+  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "out.bmp"}, 2, "the name must end in .png");
+  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "rgb.png"}, 2, "rawfx never overwrites its input");
+}
+
+TEST_F(ToolErrors, OutOfRangeOptionsAreBadUsage) {
+  const std::string in = scratch_ / "rgb.png", out = scratch_ / "out.png";
+  ExpectFailure({"oilpaint", "--brush", "0", in, out}, 2, "--brush");
+  ExpectFailure({"oilpaint", "--brush", "6", in, out}, 2, "see rawfx oilpaint --help");
+  ExpectFailure({"oilpaint", "--smoothness", "0.02", in, out}, 2, "--smoothness");
+  ExpectFailure({"oilpaint", "--smoothness", "1.5", in, out}, 2, "--smoothness");
+  ExpectFailure({"barrel", "--distortion", "12", in, out}, 2, "--distortion");
+  ExpectFailure({"barrel", "--hkeystone", "nan", in, out}, 2, "--hkeystone");
+  ExpectFailure({"interlace", "--horizontal", "sideways", in, out}, 2, "--horizontal");
+  ExpectFailure({"polar", "--color", "#12345", in, out}, 2, "6 or 8 digits");
+  ExpectFailure({"polar", "--threads", "-1", in, out}, 2, "--threads");
+  ExpectFailure({"polar", "--depth", "12", in, out}, 2, "--depth");
+  ExpectFailure({"polar", "--model", "hsv", in, out}, 2, "--model");
+  ExpectFailure({"polar", "--sharpen", in, out}, 2, "--sharpen");
+  ExpectFailure({"polar", in}, 2, "OUTPUT");
+  ExpectFailure({"blur", in, out}, 2, "blur");
+  const ToolResult bare = RunTool({}, scratch_);
+  EXPECT_EQ(bare.status, 2);
+  EXPECT_NE(bare.err.find("Subcommands:"), std::string::npos) << bare.err;
+}
+
+TEST_F(ToolErrors, TheEffectRefusingTheBitmapIsStatusOne) {
+  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", scratch_ / "out.png"}, 1,
+                "oil paint works on 8-bit images; use --depth 8");
+  ExpectFailure({"oilpaint", "--depth", "16", scratch_ / "rgb.png", scratch_ / "out.png"}, 1,
+                "oil paint works on 8-bit images");
+  const ToolResult converted =
+      RunTool({"oilpaint", "--depth", "8", scratch_ / "rgb16.png", scratch_ / "out.png"}, scratch_);
+  EXPECT_EQ(converted.status, 0) << converted.err;
+}
+
+TEST_F(ToolErrors, AMaskOfAnotherSizeIsRefused) {
+  SaveImage(test::NoiseImage(10, 10, Layout::Gray, 8), scratch_ / "small-mask.png");
+  ExpectFailure({"oilpaint", "--mask", scratch_ / "small-mask.png", scratch_ / "rgb.png", scratch_ / "out.png"}, 2,
+                "is 10 x 10 but the input is 24 x 16");
+}
+
+TEST_F(ToolErrors, AFailedRunLeavesAnEarlierOutputAsItWas) {
+  const std::string out = scratch_ / "out.png";
+  ASSERT_EQ(RunTool({"polar", scratch_ / "rgb.png", out}, scratch_).status, 0);
+  const std::string before = test::ReadText(out);
+  const std::string input = test::ReadText(scratch_ / "rgb16.png");
+  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", out}, 1, "8-bit");
+  EXPECT_EQ(test::ReadText(out), before);
+  EXPECT_EQ(test::ReadText(scratch_ / "rgb16.png"), input) << "the input is never modified";
+}
+
+// Ctrl-C during a long run: the engine cancels between rows and nothing is written.
+TEST(ToolCancel, InterruptingALargeRunWritesNothingAndExits130) {
+  ScratchDir scratch;
+  const std::string in = scratch / "large.png", out = scratch / "out.png";
+  SaveImage(SampleImage(1200, 900), in);
+  test::ToolProcess process({"oilpaint", "--brush", "5", "--threads", "1", "--verbose", in, out},
+                            scratch.path().string());
+  // The verbose start line appears just before the effect starts.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (process.errSoFar().find("thread") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto interrupted = std::chrono::steady_clock::now();
+  kill(process.pid(), SIGINT);
+  const ToolResult run = process.wait();
+  EXPECT_EQ(run.status, 130) << run.err;
+  EXPECT_NE(run.err.find("rawfx: interrupted; nothing was written"), std::string::npos) << run.err;
+  EXPECT_LT(std::chrono::steady_clock::now() - interrupted, std::chrono::seconds(2)) << "the workers stop between rows";
+  EXPECT_EQ(scratch.names(), std::vector<std::string>{"large.png"});
+}
+
+TEST(ToolDemo, WritesEveryResultAContactSheetAndAPage) {
+  ScratchDir scratch;
+  const std::string directory = scratch / "demo";
+  const ToolResult run = RunTool({"demo", "--out", directory, "--size", "96"}, scratch);
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("wrote 12 results"), std::string::npos) << run.out;
+
+  const std::string page = test::ReadText(directory + "/index.html");
+  const std::vector<std::string> results = {
+      "interlace-rows.png", "interlace-columns.png", "interlace-masked.png", "polar.png",
+      "polar-no-flip.png",  "polar-round-trip.png", "barrel.png",         "pincushion.png",
+      "keystone.png",       "oilpaint.png",       "oilpaint-broad.png",   "oilpaint-masked.png"};
+  for (const std::string& name : results) {
+    const Image image = ReadImage(directory + "/" + name).image;
+    EXPECT_EQ(image.width, 96) << name;
+    EXPECT_EQ(image.height, 72) << name;
+    EXPECT_NE(page.find("<img src=\"" + name + "\""), std::string::npos) << name;
+    const bool commandShown = page.find(" sample.png " + name + "</code>") != std::string::npos ||
+                              page.find(" polar.png " + name + "</code>") != std::string::npos;
+    EXPECT_TRUE(commandShown) << "the command that made " << name;
+  }
+  EXPECT_NE(page.find("rawfx barrel --distortion 0.6 sample.png barrel.png"), std::string::npos);
+  EXPECT_NE(page.find("rawfx oilpaint --brush 4 --mask mask.png sample.png oilpaint-masked.png"), std::string::npos);
+  const Image sheet = ReadImage(directory + "/contact-sheet.png").image;
+  EXPECT_EQ(sheet.width, 8 + 4 * (96 + 8));
+  EXPECT_EQ(sheet.height, 8 + 4 * (72 + 8));  // the sample and 12 results, four to a row
+
+  // The sample is made in code: the same bytes on every run.
+  const ToolResult again = RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch);
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(again.out, "");
+  EXPECT_EQ(test::ReadText(scratch / "again/sample.png"), test::ReadText(directory + "/sample.png"));
+  EXPECT_EQ(test::ReadText(scratch / "again/oilpaint.png"), test::ReadText(directory + "/oilpaint.png"));
+}
+
+TEST(ToolInfo, DescribesTheFileAndTheBitmapItLoadsAs) {
+  ScratchDir scratch;
+  SaveImage(test::NoiseImage(30, 20, Layout::GrayAlpha, 16), scratch / "ga.png");
+  SaveImage(test::NoiseImage(5, 4, Layout::CMYK, 8), scratch / "ink.tif");
+  const ToolResult grey = RunTool({"info", scratch / "ga.png"}, scratch);
+  ASSERT_EQ(grey.status, 0) << grey.err;
+  EXPECT_EQ(grey.out, scratch / "ga.png" +
+                          ": PNG\n"
+                          "  size:      30 x 20 (0.00 megapixels)\n"
+                          "  channels:  2 (grey+alpha)\n"
+                          "  depth:     16 bits per channel\n"
+                          "  alpha:     yes\n"
+                          "  loads as:  RGBA bitmap (format 5), 16 bits per channel, grey+alpha widened to RGBA\n");
+  const ToolResult ink = RunTool({"info", scratch / "ink.tif"}, scratch);
+  EXPECT_NE(ink.out.find("channels:  4 (CMYK)"), std::string::npos) << ink.out;
+  EXPECT_NE(ink.out.find("loads as:  CMYK bitmap (format 13), 8 bits per channel\n"), std::string::npos) << ink.out;
+}
+
+}  // namespace
+}  // namespace rawfx::tool

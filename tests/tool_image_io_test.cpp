@@ -1,0 +1,355 @@
+// The tool's image files: round trips of every layout through PNG, JPEG and TIFF,
+// the less common TIFF organisations, corrupt and hostile input, safe output,
+// and the depth and colour model conversions.
+#include <gtest/gtest.h>
+#include <tiffio.h>
+
+#include <cstring>
+#include <functional>
+#include <tuple>
+
+#include "tool_test_support.h"
+#include "tools/rawfx/image_convert.h"
+#include "tools/rawfx/image_io.h"
+
+namespace rawfx::tool {
+namespace {
+
+using test::ScratchDir;
+
+const char* ExtensionOf(FileType type) {
+  switch (type) {
+    case FileType::PNG: return ".png";
+    case FileType::JPEG: return ".jpg";
+    case FileType::TIFF: return ".tif";
+  }
+  return "";
+}
+
+std::string ErrorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const ImageError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// ---- lossless round trips: every layout and depth each file type can hold ----
+
+using LosslessCase = std::tuple<FileType, Layout, int>;
+class ToolLosslessRoundTrip : public testing::TestWithParam<LosslessCase> {};
+
+TEST_P(ToolLosslessRoundTrip, GivesTheSamePixelsBack) {
+  const auto [type, layout, depth] = GetParam();
+  ScratchDir scratch;
+  const Image original = test::NoiseImage(13, 7, layout, depth);
+  const std::string path = scratch / (std::string("image") + ExtensionOf(type));
+  SaveImage(original, path);
+  const ImageFile read = ReadImage(path);
+  EXPECT_EQ(read.type, type);
+  EXPECT_EQ(read.image.layout, layout);
+  EXPECT_EQ(read.image.depth, depth);
+  EXPECT_TRUE(read.image == original);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ToolPng, ToolLosslessRoundTrip,
+    testing::Combine(testing::Values(FileType::PNG),
+                     testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA),
+                     testing::Values(8, 16)));
+INSTANTIATE_TEST_SUITE_P(
+    ToolTiff, ToolLosslessRoundTrip,
+    testing::Combine(testing::Values(FileType::TIFF),
+                     testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK),
+                     testing::Values(8, 16)));
+
+// ---- JPEG: lossy, so the pixels come back close, in the same layout ----
+
+class ToolJpegRoundTrip : public testing::TestWithParam<Layout> {};
+
+TEST_P(ToolJpegRoundTrip, KeepsTheLayoutAndTheValuesClose) {
+  ScratchDir scratch;
+  const Image original = test::RampImage(32, 24, GetParam());
+  SaveImage(original, scratch / "image.jpeg", WriteOptions{95});
+  const ImageFile read = ReadImage(scratch / "image.jpeg");
+  EXPECT_EQ(read.type, FileType::JPEG);
+  ASSERT_EQ(read.image.layout, GetParam());
+  ASSERT_EQ(read.image.width, 32);
+  ASSERT_EQ(read.image.height, 24);
+  EXPECT_LT(test::MeanAbsoluteDifference(read.image, original), 3.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(ToolLayouts, ToolJpegRoundTrip, testing::Values(Layout::Gray, Layout::RGB, Layout::CMYK));
+
+TEST(ToolJpegFiles, CmykInkAmountsAreNotInverted) {
+  ScratchDir scratch;
+  Image flat = Image::Blank(16, 16, Layout::CMYK, 8);
+  for (size_t i = 0; i < flat.sampleCount(); i += 4) {
+    flat.setSample(i, 200);
+    flat.setSample(i + 1, 10);
+    flat.setSample(i + 3, 60);
+  }
+  SaveImage(flat, scratch / "ink.jpg");
+  const Image read = ReadImage(scratch / "ink.jpg").image;
+  EXPECT_NEAR(read.sample(0), 200, 3);
+  EXPECT_NEAR(read.sample(1), 10, 3);
+  EXPECT_NEAR(read.sample(2), 0, 3);
+  EXPECT_NEAR(read.sample(3), 60, 3);
+}
+
+// ---- TIFF organisations other writers produce ----
+
+void WriteTiffWith(const std::string& path, const Image& image, uint16_t photometric, bool planes, bool tiles) {
+  TIFF* tiff = TIFFOpen(path.c_str(), "w");
+  ASSERT_NE(tiff, nullptr);
+  const int channels = image.channels();
+  const int bytes = image.depth / 8;
+  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.width));
+  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.height));
+  TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(image.depth));
+  TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(channels));
+  TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
+  TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+  if (HasAlpha(image.layout)) {
+    const uint16_t kinds[] = {EXTRASAMPLE_ASSOCALPHA};
+    TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, kinds);
+  }
+  if (tiles) {
+    TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
+    TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
+  }
+  // One pixel buffer per plane (or one interleaved), sized to whole tiles.
+  const int planeCount = planes ? channels : 1;
+  const int samplesPer = planes ? 1 : channels;
+  const int64_t paddedWidth = tiles ? (image.width + 15) / 16 * 16 : image.width;
+  const int64_t paddedHeight = tiles ? (image.height + 15) / 16 * 16 : image.height;
+  for (int plane = 0; plane < planeCount; ++plane) {
+    std::vector<uint8_t> buffer(static_cast<size_t>(paddedWidth * paddedHeight * samplesPer * bytes));
+    for (int64_t y = 0; y < image.height; ++y) {
+      for (int64_t x = 0; x < image.width; ++x) {
+        for (int s = 0; s < samplesPer; ++s) {
+          const size_t from = static_cast<size_t>((y * image.width + x) * channels + (planes ? plane : s));
+          std::memcpy(&buffer[static_cast<size_t>(((y * paddedWidth + x) * samplesPer + s) * bytes)],
+                      image.data.data() + from * bytes, static_cast<size_t>(bytes));
+        }
+      }
+    }
+    if (tiles) {
+      std::vector<uint8_t> tile(static_cast<size_t>(TIFFTileSize(tiff)));
+      for (int64_t top = 0; top < paddedHeight; top += 16) {
+        for (int64_t left = 0; left < paddedWidth; left += 16) {
+          const size_t tileRow = static_cast<size_t>(16 * samplesPer * bytes);
+          for (int64_t row = 0; row < 16; ++row) {
+            std::memcpy(&tile[static_cast<size_t>(row) * tileRow],
+                        &buffer[static_cast<size_t>(((top + row) * paddedWidth + left) * samplesPer * bytes)], tileRow);
+          }
+          TIFFWriteTile(tiff, tile.data(), static_cast<uint32_t>(left), static_cast<uint32_t>(top), 0,
+                        static_cast<uint16_t>(plane));
+        }
+      }
+    } else {
+      for (int64_t y = 0; y < image.height; ++y) {
+        TIFFWriteScanline(tiff, &buffer[static_cast<size_t>(y * paddedWidth * samplesPer * bytes)],
+                          static_cast<uint32_t>(y), static_cast<uint16_t>(plane));
+      }
+    }
+  }
+  TIFFClose(tiff);
+}
+
+TEST(ToolTiffFiles, ReadsPlanesTilesAndBothTogether) {
+  ScratchDir scratch;
+  const Image rgba = test::NoiseImage(21, 19, Layout::RGBA, 16);
+  for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
+    WriteTiffWith(scratch / "organised.tif", rgba, PHOTOMETRIC_RGB, planes, tiles);
+    const Image read = ReadImage(scratch / "organised.tif").image;
+    EXPECT_TRUE(read == rgba) << "planes " << planes << " tiles " << tiles;
+  }
+}
+
+TEST(ToolTiffFiles, WhiteIsZeroGreyIsTurnedAround) {
+  ScratchDir scratch;
+  const Image grey = test::NoiseImage(9, 5, Layout::Gray, 8);
+  WriteTiffWith(scratch / "white.tif", grey, PHOTOMETRIC_MINISWHITE, false, false);
+  const Image read = ReadImage(scratch / "white.tif").image;
+  ASSERT_EQ(read.layout, Layout::Gray);
+  for (size_t i = 0; i < grey.sampleCount(); ++i) ASSERT_EQ(read.sample(i), 255 - grey.sample(i));
+}
+
+// ---- what must be refused, with the file and the reason named ----
+
+TEST(ToolReadErrors, NameTheFileAndTheReason) {
+  ScratchDir scratch;
+  SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.png");
+  SaveImage(test::RampImage(40, 30, Layout::RGB), scratch / "good.jpg");
+  SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.tif");
+  const std::string png = test::ReadText(scratch / "good.png");
+  const std::string jpeg = test::ReadText(scratch / "good.jpg");
+  const std::string tiff = test::ReadText(scratch / "good.tif");
+  test::WriteBytes(scratch / "cut.png", png.substr(0, png.size() / 2));
+  test::WriteBytes(scratch / "cut.jpg", jpeg.substr(0, jpeg.size() / 2));
+  test::WriteBytes(scratch / "cut.tif", tiff.substr(0, tiff.size() / 2));
+  test::WriteBytes(scratch / "text.png", "this is not a picture\n");
+  test::WriteBytes(scratch / "empty.png", "");
+  std::string badCrc = png;
+  badCrc[40] = static_cast<char>(badCrc[40] ^ 0x55);  // inside the first IDAT
+  test::WriteBytes(scratch / "crc.png", badCrc);
+
+  const auto expectError = [&](const std::string& name, const std::string& reason) {
+    const std::string message = ErrorOf([&] { ReadImage(scratch / name); });
+    EXPECT_NE(message.find(scratch / name), std::string::npos) << message;
+    EXPECT_NE(message.find(reason), std::string::npos) << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+  };
+  expectError("missing.png", "No such file");
+  expectError("empty.png", "empty");
+  expectError("text.png", "not a PNG, JPEG or TIFF image");
+  expectError("cut.png", "corrupt PNG");
+  expectError("crc.png", "corrupt PNG");
+  expectError("cut.jpg", "Premature end");
+  expectError("cut.tif", "TIFF");
+}
+
+TEST(ToolReadErrors, EveryTruncationOfAFileIsRefused) {
+  ScratchDir scratch;
+  const Image original = test::RampImage(24, 16, Layout::RGB);
+  for (const char* name : {"whole.png", "whole.jpg"}) {
+    SaveImage(original, scratch / name);
+    const std::string bytes = test::ReadText(scratch / name);
+    for (size_t length = 1; length < bytes.size(); length += 7) {
+      test::WriteBytes(scratch / "cut", bytes.substr(0, length));
+      EXPECT_NE(ErrorOf([&] { ReadImage(scratch / "cut"); }), "no error") << name << " cut at " << length;
+    }
+  }
+}
+
+// Damaged files must give an image or an ImageError, never a crash or another exception.
+TEST(ToolReadErrors, DamagedBytesNeverCrash) {
+  ScratchDir scratch;
+  test::Lcg random(7);
+  SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 16), scratch / "whole.png");
+  SaveImage(test::RampImage(20, 12, Layout::CMYK), scratch / "whole.jpg");
+  SaveImage(test::NoiseImage(20, 12, Layout::RGB, 16), scratch / "whole.tif");
+  for (const char* name : {"whole.png", "whole.jpg", "whole.tif"}) {
+    const std::string bytes = test::ReadText(scratch / name);
+    for (int attempt = 0; attempt < 150; ++attempt) {
+      std::string damaged = bytes;
+      for (int flips = 1 + static_cast<int>(random.next() % 4); flips > 0; --flips) {
+        damaged[random.next() % damaged.size()] = static_cast<char>(random.next());
+      }
+      test::WriteBytes(scratch / "damaged", damaged);
+      try {
+        ReadImage(scratch / "damaged", ReadOptions{1'000'000});
+      } catch (const ImageError&) {
+      }
+    }
+  }
+}
+
+TEST(ToolReadErrors, PixelCountsOverTheLimitAreRefusedBeforeDecoding) {
+  ScratchDir scratch;
+  for (const char* name : {"big.png", "big.jpg", "big.tif"}) {
+    SaveImage(test::RampImage(100, 60, Layout::RGB), scratch / name);
+    const std::string message = ErrorOf([&] { ReadImage(scratch / name, ReadOptions{5999}); });
+    EXPECT_NE(message.find("100 x 60 pixels is more than the limit of 5999"), std::string::npos) << message;
+    EXPECT_EQ(ErrorOf([&] { ReadImage(scratch / name, ReadOptions{6000}); }), "no error");
+  }
+}
+
+// ---- output appears whole or not at all ----
+
+TEST(ToolSafeOutput, ReplacesTheTargetOnlyWhenComplete) {
+  ScratchDir scratch;
+  const Image first = test::NoiseImage(8, 8, Layout::RGB, 8, 1);
+  SaveImage(first, scratch / "out.png");
+  // CMYK does not fit PNG: the writer fails and the old file must stay as it was.
+  EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(8, 8, Layout::CMYK, 8), scratch / "out.png"); }), "no error");
+  EXPECT_TRUE(ReadImage(scratch / "out.png").image == first);
+  EXPECT_EQ(scratch.names(), std::vector<std::string>{"out.png"});
+}
+
+TEST(ToolSafeOutput, AnUnwritableDirectoryLeavesNothing) {
+  ScratchDir scratch;
+  const std::string directory = test::UnwritableDirectory(scratch);
+  const auto before = std::distance(std::filesystem::directory_iterator(directory), {});
+  const std::string message =
+      ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), directory + "/o.png"); });
+  EXPECT_NE(message.find("cannot write " + directory + "/o.png: cannot create a file in " + directory),
+            std::string::npos)
+      << message;
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), before);
+}
+
+TEST(ToolSafeOutput, AMissingDirectoryOrAnUnknownExtensionIsRefused) {
+  ScratchDir scratch;
+  EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), scratch / "no/such/dir/o.png"); })
+                .find("No such file"),
+            std::string::npos);
+  EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), scratch / "o.bmp"); }).find(".png"),
+            std::string::npos);
+  EXPECT_TRUE(scratch.names().empty());
+}
+
+TEST(ToolFileTypes, AreToldByExtensionInAnyCase) {
+  EXPECT_EQ(FileTypeFromExtension("a/b.PNG"), FileType::PNG);
+  EXPECT_EQ(FileTypeFromExtension("b.Jpeg"), FileType::JPEG);
+  EXPECT_EQ(FileTypeFromExtension("b.jpg"), FileType::JPEG);
+  EXPECT_EQ(FileTypeFromExtension("b.tiff"), FileType::TIFF);
+  EXPECT_EQ(FileTypeFromExtension("b.tif"), FileType::TIFF);
+  EXPECT_EQ(FileTypeFromExtension("dir.png/b"), std::nullopt);
+  EXPECT_EQ(FileTypeFromExtension("b.gif"), std::nullopt);
+}
+
+// ---- conversions ----
+
+TEST(ToolConversions, DepthGoesUpExactlyAndComesBackTheSame) {
+  const Image eight = test::NoiseImage(17, 3, Layout::RGBA, 8);
+  const Image sixteen = ConvertDepth(eight, 16);
+  EXPECT_EQ(sixteen.sample(1), 65535u);
+  EXPECT_EQ(sixteen.sample(5), eight.sample(5) * 257);
+  EXPECT_TRUE(ConvertDepth(sixteen, 8) == eight);
+  Image odd = Image::Blank(1, 2, Layout::Gray, 16);
+  odd.setSample(0, 257 * 10 + 128);  // 10.498: down
+  odd.setSample(1, 257 * 10 + 129);  // 10.502: up
+  EXPECT_EQ(ConvertDepth(odd, 8).sample(0), 10u);
+  EXPECT_EQ(ConvertDepth(odd, 8).sample(1), 11u);
+}
+
+TEST(ToolConversions, ColourModelsMapPrimariesAndKeepAlpha) {
+  Image rgba = Image::Blank(3, 1, Layout::RGBA, 8);
+  const uint32_t pixels[] = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
+  for (size_t i = 0; i < 12; ++i) rgba.setSample(i, pixels[i]);
+
+  const Image grey = ConvertLayout(rgba, Layout::GrayAlpha);
+  EXPECT_EQ(grey.sample(0), 76u);  // 0.299 * 255 rounded
+  EXPECT_EQ(grey.sample(1), 10u);
+  EXPECT_EQ(grey.sample(2), 255u);
+  EXPECT_EQ(grey.sample(4), 0u);
+
+  const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
+  const uint32_t inks[] = {0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255};
+  for (size_t i = 0; i < 12; ++i) EXPECT_EQ(cmyk.sample(i), inks[i]) << i;
+  const Image back = ConvertLayout(cmyk, Layout::RGBA);
+  for (size_t p = 0; p < 3; ++p) {
+    for (size_t c = 0; c < 3; ++c) EXPECT_EQ(back.sample(p * 4 + c), pixels[p * 4 + c]);
+    EXPECT_EQ(back.sample(p * 4 + 3), 255u) << "CMYK has no alpha, so it comes back opaque";
+  }
+  EXPECT_EQ(LayoutForModel(Layout::RGBA, ColourModel::Gray), Layout::GrayAlpha);
+  EXPECT_EQ(LayoutForModel(Layout::Gray, ColourModel::RGB), Layout::RGB);
+  EXPECT_EQ(LayoutForModel(Layout::RGBA, ColourModel::CMYK), Layout::CMYK);
+}
+
+TEST(ToolConversions, FittingAFileTypeChangesOnlyWhatItCannotHold) {
+  const Image rgba16 = test::NoiseImage(5, 5, Layout::RGBA, 16);
+  EXPECT_TRUE(FitForFileType(rgba16, FileType::PNG).image == rgba16);
+  EXPECT_TRUE(FitForFileType(rgba16, FileType::PNG).note.empty());
+  const Fitted jpeg = FitForFileType(rgba16, FileType::JPEG);
+  EXPECT_EQ(jpeg.image.layout, Layout::RGB);
+  EXPECT_EQ(jpeg.image.depth, 8);
+  EXPECT_NE(jpeg.note.find("8-bit RGB"), std::string::npos) << jpeg.note;
+  EXPECT_EQ(FitForFileType(test::NoiseImage(5, 5, Layout::CMYK, 16), FileType::PNG).image.layout, Layout::RGB);
+}
+
+}  // namespace
+}  // namespace rawfx::tool

@@ -1,0 +1,51 @@
+// The effect and info commands, as parsed from the command line (or written by
+// the demo) and run against one host.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "host/host.h"
+#include "tools/rawfx/effects.h"
+#include "tools/rawfx/image_io.h"
+
+namespace rawfx::tool {
+
+// Options every effect command takes.
+struct CommonOptions {
+  std::string colour;  // background colour; empty keeps the class's own
+  std::string mask;    // mask image; empty for none
+  bool async = false;
+  int threads = 0;     // engine workers; 0: one per core
+  int depth = 0;       // 8 or 16 converts the working bitmap; 0 keeps the file's depth
+  std::string model;   // rgb, cmyk or gray converts the working bitmap; empty keeps the file's
+  bool quiet = false;
+  bool verbose = false;
+  uint64_t maxPixels = kDefaultMaxPixels;
+  int jpegQuality = 92;
+};
+
+struct EffectCommand {
+  const EffectInfo* effect = nullptr;
+  InterlaceSettings interlace;
+  PolarSettings polar;
+  BarrelSettings barrel;
+  OilPaintSettings oilPaint;
+  CommonOptions common;
+  std::string input;
+  std::string output;
+
+  std::vector<PropertySetting> properties() const;
+};
+
+// Reads the input, runs the effect, writes the output through a temporary file.
+// ToolError on any failure, after which no output file exists (an earlier file at
+// the output path is left as it was). Notes and --verbose lines go to log.
+void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log);
+
+// Size, channels, depth, alpha and the host format the file loads as.
+void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& out);
+
+}  // namespace rawfx::tool

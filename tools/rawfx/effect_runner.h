@@ -1,0 +1,40 @@
+// Runs one effect on an image through the host, only by the class's registered
+// properties and methods, with progress, Ctrl-C cancellation and error codes
+// turned into messages.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "host/host.h"
+#include "tools/rawfx/colour_spec.h"
+#include "tools/rawfx/effects.h"
+#include "tools/rawfx/image_io.h"
+#include "tools/rawfx/progress.h"
+
+namespace rawfx::tool {
+
+struct EffectJob {
+  const EffectInfo* effect = nullptr;
+  std::vector<PropertySetting> properties;
+  std::optional<ColourSpec> backColour;
+  const Image* mask = nullptr;  // grey, the size of the input
+  bool inPlace = false;         // ApplyInPlace (classes that have it)
+  bool async = false;           // ApplyAsync and wait for its completion (classes that have it)
+};
+
+struct RunReport {
+  double seconds = 0;
+  int threads = 0;
+  bool ranAsync = false;
+  bool ranInPlace = false;
+};
+
+bool IsRegistered(const host::Host& host, const EffectInfo& effect);
+
+// The result image. ToolError with status 1 when the class is missing or refuses
+// the bitmap or its settings, 130 when Ctrl-C cancelled the run.
+Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, ProgressBar& progress,
+                RunReport* report = nullptr);
+
+}  // namespace rawfx::tool

@@ -1,0 +1,169 @@
+#include <unistd.h>
+
+#include <filesystem>
+#include <iomanip>
+#include <sstream>
+
+#include "tools/rawfx/command.h"
+#include "tools/rawfx/effect_runner.h"
+#include "tools/rawfx/host_bitmap.h"
+#include "tools/rawfx/image_convert.h"
+#include "tools/rawfx/interrupt.h"
+#include "tools/rawfx/pending_file.h"
+#include "tools/rawfx/tool_error.h"
+
+namespace rawfx::tool {
+namespace {
+
+std::string Threads(int count) { return std::to_string(count) + (count == 1 ? " thread" : " threads"); }
+
+std::string Describe(const Image& image) {
+  return std::to_string(image.width) + " x " + std::to_string(image.height) + " " + LayoutName(image.layout) + ", " +
+         std::to_string(image.depth) + " bits";
+}
+
+// Image files that cannot be read are bad input (status 2).
+Image Load(const std::string& path, uint64_t maxPixels) {
+  try {
+    return ReadImage(path, ReadOptions{maxPixels}).image;
+  } catch (const ImageError& error) {
+    throw ToolError(kExitBadInput, error.what());
+  }
+}
+
+FileType CheckOutputPath(const EffectCommand& command) {
+  const std::optional<FileType> type = FileTypeFromExtension(command.output);
+  if (!type) {
+    throw ToolError(kExitBadInput,
+                    "cannot write " + command.output + ": the name must end in .png, .jpg, .jpeg, .tif or .tiff");
+  }
+  std::error_code ignored;
+  if (std::filesystem::equivalent(command.input, command.output, ignored)) {
+    throw ToolError(kExitBadInput, command.output + " is the input file; rawfx never overwrites its input");
+  }
+  return *type;
+}
+
+std::optional<Image> LoadMask(const EffectCommand& command, const Image& input) {
+  if (command.common.mask.empty() || !command.effect->mask) return std::nullopt;
+  Image mask = Load(command.common.mask, command.common.maxPixels);
+  if (mask.width != input.width || mask.height != input.height) {
+    throw ToolError(kExitBadInput, "the mask " + command.common.mask + " is " + std::to_string(mask.width) + " x " +
+                                       std::to_string(mask.height) + " but the input is " +
+                                       std::to_string(input.width) + " x " + std::to_string(input.height));
+  }
+  return ConvertLayout(mask, Layout::Gray);
+}
+
+ColourModel ModelNamed(const std::string& name) {
+  if (name == "cmyk") return ColourModel::CMYK;
+  if (name == "gray" || name == "grey") return ColourModel::Gray;
+  return ColourModel::RGB;
+}
+
+Image WorkingImage(const Image& input, const CommonOptions& common) {
+  Image working = input;
+  if (!common.model.empty()) working = ConvertLayout(working, LayoutForModel(working.layout, ModelNamed(common.model)));
+  if (common.depth != 0) working = ConvertDepth(working, common.depth);
+  return working;
+}
+
+std::optional<ColourSpec> BackColour(const EffectCommand& command) {
+  if (command.common.colour.empty()) return std::nullopt;
+  std::string why;
+  std::optional<ColourSpec> colour = ParseColour(command.common.colour, &why);
+  if (!colour) throw ToolError(kExitBadInput, "--color: " + why);
+  return colour;
+}
+
+void Note(std::ostream& log, const CommonOptions& common, const std::string& text) {
+  if (!common.quiet) log << "rawfx: note: " << text << '\n';
+}
+
+void ReportStart(std::ostream& log, const EffectCommand& command, const Image& working, const host::Host& host) {
+  const BitmapPlan plan = PlanBitmap(working.layout);
+  log << "rawfx: " << command.effect->title << ": " << command.input << ", " << Describe(working)
+      << ", bitmap format " << plan.format->name << ", " << Threads(host.threads()) << '\n'
+      << std::flush;
+}
+
+void ReportEnd(std::ostream& log, const EffectCommand& command, const Image& working, const RunReport& report) {
+  const double megapixels = static_cast<double>(working.width * working.height) / 1e6;
+  std::ostringstream line;
+  line << std::fixed << std::setprecision(3) << "rawfx: " << command.effect->title << ": "
+       << (report.ranAsync ? "ApplyAsync" : report.ranInPlace ? "ApplyInPlace" : "Apply") << " took "
+       << report.seconds << " s on " << Threads(report.threads) << ", " << std::setprecision(2)
+       << (report.seconds > 0 ? megapixels / report.seconds : 0.0) << " megapixels/s; wrote " << command.output;
+  log << line.str() << '\n';
+}
+
+}  // namespace
+
+std::vector<PropertySetting> EffectCommand::properties() const {
+  const std::string_view name = effect->command;
+  if (name == "interlace") return PropertiesOf(interlace);
+  if (name == "polar") return PropertiesOf(polar);
+  if (name == "barrel") return PropertiesOf(barrel);
+  return PropertiesOf(oilPaint);
+}
+
+void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log) {
+  const CommonOptions& common = command.common;
+  const FileType outputType = CheckOutputPath(command);
+  const Image input = Load(command.input, common.maxPixels);
+  const std::optional<Image> mask = LoadMask(command, input);
+  const Image working = WorkingImage(input, common);
+  host.SetThreads(common.threads);
+  if (common.async && !command.effect->async) {
+    Note(log, common, std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
+  }
+
+  EffectJob job;
+  job.effect = command.effect;
+  job.properties = command.properties();
+  job.backColour = BackColour(command);
+  job.mask = mask ? &*mask : nullptr;
+  job.inPlace = command.interlace.inPlace;
+  job.async = common.async;
+
+  try {
+    // Created before the run, so an unwritable destination fails before any work.
+    PendingFile output(command.output);
+    if (common.verbose) ReportStart(log, command, working, host);
+    ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), std::string(command.effect->title));
+    RunReport report;
+    const Image result = RunEffect(host, job, working, progress, &report);
+    const Fitted fitted = FitForFileType(result, outputType);
+    if (!fitted.note.empty()) Note(log, common, command.output + ": " + fitted.note);
+    WriteImage(fitted.image, output.temporaryPath(), outputType, WriteOptions{common.jpegQuality}, command.output);
+    if (Interrupted()) throw ToolError(kExitCancelled, "interrupted; nothing was written");
+    output.commit();
+    if (common.verbose) ReportEnd(log, command, working, report);
+  } catch (const ImageError& error) {
+    throw ToolError(kExitBadInput, error.what());
+  }
+}
+
+void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& out) {
+  ImageFile file;
+  try {
+    file = ReadImage(path, ReadOptions{maxPixels});
+  } catch (const ImageError& error) {
+    throw ToolError(kExitBadInput, error.what());
+  }
+  const Image& image = file.image;
+  const BitmapPlan plan = PlanBitmap(image.layout);
+  std::ostringstream text;
+  text << path << ": " << FileTypeName(file.type) << '\n'
+       << "  size:      " << image.width << " x " << image.height << " (" << std::fixed << std::setprecision(2)
+       << static_cast<double>(image.width * image.height) / 1e6 << " megapixels)\n"
+       << "  channels:  " << image.channels() << " (" << LayoutName(image.layout) << ")\n"
+       << "  depth:     " << image.depth << " bits per channel\n"
+       << "  alpha:     " << (HasAlpha(image.layout) ? "yes" : "no") << '\n'
+       << "  loads as:  " << plan.format->name << " bitmap (format " << plan.format->code << "), " << image.depth
+       << " bits per channel";
+  if (plan.layout != image.layout) text << ", " << LayoutName(image.layout) << " widened to " << LayoutName(plan.layout);
+  out << text.str() << '\n';
+}
+
+}  // namespace rawfx::tool
