@@ -6,7 +6,7 @@
 #include "host/host.h"
 #include "tool_test_support.h"
 #include "tools/rawfx/cli.h"
-#include "tools/rawfx/colour_spec.h"
+#include "tools/rawfx/colour_option.h"
 #include "tools/rawfx/effects.h"
 #include "tools/rawfx/host_bitmap.h"
 #include "tools/rawfx/progress.h"
@@ -16,11 +16,11 @@
 namespace rawfx::tool {
 namespace {
 
-ColourSpec Parsed(const std::string& text) {
+ColourOption Parsed(const std::string& text) {
   std::string why;
-  const std::optional<ColourSpec> colour = ParseColour(text, &why);
+  const std::optional<ColourOption> colour = ParseColour(text, &why);
   EXPECT_TRUE(colour.has_value()) << text << ": " << why;
-  return colour.value_or(ColourSpec{});
+  return colour.value_or(ColourOption{});
 }
 
 std::string Refusal(const std::string& text) {
@@ -29,7 +29,7 @@ std::string Refusal(const std::string& text) {
 }
 
 TEST(ToolColours, AreReadInAllThreeNotations) {
-  const ColourSpec hex = Parsed("#1A2b3C");
+  const ColourOption hex = Parsed("#1A2b3C");
   EXPECT_FALSE(hex.cmyk);
   EXPECT_EQ(hex.parts[0], 0x1A);
   EXPECT_EQ(hex.parts[1], 0x2B);
@@ -37,12 +37,12 @@ TEST(ToolColours, AreReadInAllThreeNotations) {
   EXPECT_EQ(hex.alpha, 255);
   EXPECT_EQ(Parsed("#00000080").alpha, 0x80);
 
-  const ColourSpec rgb = Parsed(" rgb(255, 0 ,10%, 50%) ");
+  const ColourOption rgb = Parsed(" rgb(255, 0 ,10%, 50%) ");
   EXPECT_EQ(rgb.parts[0], 255);
   EXPECT_EQ(rgb.parts[2], 26);  // 25.5 rounds up
   EXPECT_EQ(rgb.alpha, 128);
 
-  const ColourSpec cmyk = Parsed("cmyk(0,100%,255,12)");
+  const ColourOption cmyk = Parsed("cmyk(0,100%,255,12)");
   EXPECT_TRUE(cmyk.cmyk);
   EXPECT_EQ(cmyk.parts[1], 255);
   EXPECT_EQ(cmyk.parts[2], 255);

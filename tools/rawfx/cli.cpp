@@ -8,7 +8,7 @@
 #include <memory>
 #include <sstream>
 
-#include "tools/rawfx/colour_spec.h"
+#include "tools/rawfx/colour_option.h"
 #include "tools/rawfx/demo.h"
 #include "tools/rawfx/interrupt.h"
 #include "tools/rawfx/tool_error.h"

@@ -41,7 +41,7 @@ void ApplySettings(host::Host& host, REALobject effect, const EffectJob& job) {
     std::visit([&](auto value) { host.Set(effect, setting.name, value); }, setting.value);
   }
   if (job.backColour && job.effect->backColour) {
-    const ColourSpec& c = *job.backColour;
+    const ColourOption& c = *job.backColour;
     HostRef colour(host, c.cmyk ? host.NewCMYKColor(c.parts[0], c.parts[1], c.parts[2], c.parts[3], c.alpha)
                                 : host.NewRGBColor(c.parts[0], c.parts[1], c.parts[2], c.alpha));
     host.Set(effect, "BackColor", colour.get());

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/host.h"
-#include "tools/rawfx/colour_spec.h"
+#include "tools/rawfx/colour_option.h"
 #include "tools/rawfx/effects.h"
 #include "tools/rawfx/image_io.h"
 #include "tools/rawfx/progress.h"
@@ -17,7 +17,7 @@ namespace rawfx::tool {
 struct EffectJob {
   const EffectInfo* effect = nullptr;
   std::vector<PropertySetting> properties;
-  std::optional<ColourSpec> backColour;
+  std::optional<ColourOption> backColour;
   const Image* mask = nullptr;  // grey, the size of the input
   bool inPlace = false;         // ApplyInPlace (classes that have it)
   bool async = false;           // ApplyAsync and wait for its completion (classes that have it)

@@ -68,10 +68,10 @@ Image WorkingImage(const Image& input, const CommonOptions& common) {
   return working;
 }
 
-std::optional<ColourSpec> BackColour(const EffectCommand& command) {
+std::optional<ColourOption> BackColour(const EffectCommand& command) {
   if (command.common.colour.empty()) return std::nullopt;
   std::string why;
-  std::optional<ColourSpec> colour = ParseColour(command.common.colour, &why);
+  std::optional<ColourOption> colour = ParseColour(command.common.colour, &why);
   if (!colour) throw ToolError(kExitBadInput, "--color: " + why);
   return colour;
 }

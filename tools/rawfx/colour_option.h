@@ -12,13 +12,13 @@
 
 namespace rawfx::tool {
 
-struct ColourSpec {
+struct ColourOption {
   bool cmyk = false;
   std::array<uint8_t, 4> parts{};  // r, g, b (last unused) or c, m, y, k
   uint8_t alpha = 255;
 };
 
 // The colour, or nothing with *why set to the reason it was refused.
-std::optional<ColourSpec> ParseColour(std::string_view text, std::string* why);
+std::optional<ColourOption> ParseColour(std::string_view text, std::string* why);
 
 }  // namespace rawfx::tool

@@ -1,4 +1,4 @@
-#include "tools/rawfx/colour_spec.h"
+#include "tools/rawfx/colour_option.h"
 
 #include <cctype>
 #include <charconv>
@@ -21,12 +21,12 @@ std::optional<uint8_t> HexByte(std::string_view two) {
   return static_cast<uint8_t>(value);
 }
 
-std::optional<ColourSpec> ParseHex(std::string_view digits, std::string* why) {
+std::optional<ColourOption> ParseHex(std::string_view digits, std::string* why) {
   if (digits.size() != 6 && digits.size() != 8) {
     *why = "a hexadecimal colour has 6 or 8 digits (#RRGGBB or #RRGGBBAA)";
     return std::nullopt;
   }
-  ColourSpec colour;
+  ColourOption colour;
   for (size_t i = 0; i < digits.size() / 2; ++i) {
     const std::optional<uint8_t> byte = HexByte(digits.substr(2 * i, 2));
     if (!byte) {
@@ -60,7 +60,7 @@ std::vector<std::string_view> SplitCommas(std::string_view text) {
   return pieces;
 }
 
-std::optional<ColourSpec> ParseFunction(std::string_view name, std::string_view inside, std::string* why) {
+std::optional<ColourOption> ParseFunction(std::string_view name, std::string_view inside, std::string* why) {
   const bool cmyk = name == "cmyk";
   const size_t colourParts = cmyk ? 4 : 3;
   const std::vector<std::string_view> pieces = SplitCommas(inside);
@@ -69,7 +69,7 @@ std::optional<ColourSpec> ParseFunction(std::string_view name, std::string_view 
            " components";
     return std::nullopt;
   }
-  ColourSpec colour;
+  ColourOption colour;
   colour.cmyk = cmyk;
   for (size_t i = 0; i < pieces.size(); ++i) {
     const std::optional<uint8_t> value = Component(pieces[i]);
@@ -84,7 +84,7 @@ std::optional<ColourSpec> ParseFunction(std::string_view name, std::string_view 
 
 }  // namespace
 
-std::optional<ColourSpec> ParseColour(std::string_view text, std::string* why) {
+std::optional<ColourOption> ParseColour(std::string_view text, std::string* why) {
   text = Trim(text);
   if (!text.empty() && text.front() == '#') return ParseHex(text.substr(1), why);
   const size_t open = text.find('(');
