@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test demo bench sanitize clean
+.PHONY: all bootstrap configure build test demo bench bench-peers sanitize clean
 
 all: build
 
@@ -24,11 +24,19 @@ test: build
 demo: build
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
 
-# Throughput of every effect through the host, written to $(BUILD)/bench.json.
+# Throughput of every effect through the host and of the reference kernels,
+# written to $(BUILD)/bench.json.
 bench: bootstrap
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench
 	$(BUILD)/bench/rawfx_bench --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
+
+# The same jobs in OpenCV and ImageMagick beside rawfx's, written to $(BUILD)/bench_peers.json.
+bench-peers: bootstrap
+	@scripts/install-bench-peers
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench_peers
+	$(BUILD)/bench/rawfx_bench_peers --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
 
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, then the
 # engine and effect tests under ThreadSanitizer with several workers.

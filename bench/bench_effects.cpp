@@ -1,66 +1,59 @@
-// Throughput of every effect through the host's Apply, end to end, on a 2048 x 2048
-// image with natural texture, at one thread and at all cores; a plain copy of the
-// same buffer is the memory-bandwidth yardstick. Counter: megapixels per second.
+// Throughput of every effect on a 2048 x 2048 image with natural texture:
+//  - through the host's Apply, end to end (result bitmap included), at one
+//    thread and at all cores;
+//  - the literal reference kernels (tests/support), at one thread, called on
+//    hand-built parameter blocks over the same image and a destination laid
+//    out as the engine lays out results;
+//  - a plain copy of a buffer of the same size, the memory-bandwidth yardstick.
+// Counter: megapixels per second.
 #include <benchmark/benchmark.h>
 
-#include <cmath>
+#include <algorithm>
 #include <cstring>
-#include <memory>
+#include <iterator>
 #include <thread>
 #include <vector>
 
-#include "host/host.h"
+#include "bench/bench_image.h"
+#include "effects/barrel/barrel_class.h"
+#include "effects/interlace/interlace_kernels.h"
+#include "effects/oilpaint/oilpaint_class.h"
+#include "effects/polar/polar_kernels.h"
+#include "support/barrel_reference.h"
+#include "support/interlace_reference.h"
+#include "support/oilpaint_kernel_reference.h"
+#include "support/polar_reference.h"
 
 namespace {
 
+using rawfx::bench::Fixture;
+using rawfx::bench::kMegapixels;
+using rawfx::bench::kSide;
 using rawfx::host::Host;
 
-constexpr int64_t kSide = 2048;
-
-const rawfx::host::FormatInfo& FormatWith(int channels, bool alpha) {
-  for (const auto& f : rawfx::host::Formats())
-    if (f.channels == channels && f.hasAlpha == alpha && !f.cmyk) return f;
-  throw std::runtime_error("no such format");
-}
-
-// Smooth value noise with gradients and a fine grain: what photographs look like
-// to a histogram or an interpolator, unlike uniform random pixels.
-double Texture(int64_t x, int64_t y, int channel) {
-  const double fx = static_cast<double>(x) / kSide, fy = static_cast<double>(y) / kSide;
-  const double waves = std::sin(fx * 23.0 + channel) * std::cos(fy * 17.0 - channel) * 0.25;
-  const uint32_t h = static_cast<uint32_t>(x * 73856093 ^ y * 19349663 ^ channel * 83492791);
-  const double grain = static_cast<double>((h * 2654435761u) >> 24) / 255.0 * 0.1;
-  return std::fmin(1.0, std::fmax(0.0, 0.45 + 0.3 * fx * (1 - fy) + waves + grain));
-}
-
-struct Fixture {
-  std::unique_ptr<Host> host = std::make_unique<Host>();
-  REALobject source = nullptr;
-
-  Fixture(int channels, bool alpha, int bits) {
-    const auto& format = FormatWith(channels, alpha);
-    source = host->NewBitmap(kSide, kSide, format.code, bits);
-    const auto view = host->Bitmap(source);
-    for (int64_t y = 0; y < kSide; ++y)
-      for (int64_t x = 0; x < kSide; ++x)
-        for (int c = 0; c < channels; ++c) {
-          const double v = Texture(x, y, c);
-          uint8_t* p = view.row(y) + x * view.pixelBytes;
-          if (bits == 8)
-            p[c] = static_cast<uint8_t>(v * 255.0);
-          else
-            reinterpret_cast<uint16_t*>(p)[c] = static_cast<uint16_t>(v * 65535.0);
-        }
-  }
-  ~Fixture() { host->Unlock(source); }
-};
+// The engine pads result rows by this many bytes; the hand-built runs do too.
+constexpr int64_t kResultRowPadding = 24;
 
 int AllCores() { return static_cast<int>(std::thread::hardware_concurrency()); }
 
 void Report(benchmark::State& state) {
-  state.counters["MP/s"] = benchmark::Counter(static_cast<double>(kSide * kSide) / 1e6 * state.iterations(),
+  state.counters["MP/s"] = benchmark::Counter(kMegapixels * static_cast<double>(state.iterations()),
                                               benchmark::Counter::kIsRate);
 }
+
+// ---- the yardstick ------------------------------------------------------------------
+
+void PlainCopy(benchmark::State& state, int pixelBytes) {
+  const size_t bytes = static_cast<size_t>(kSide * kSide * pixelBytes);
+  std::vector<uint8_t> from(bytes, 7), to(bytes);
+  for (auto _ : state) {
+    std::memcpy(to.data(), from.data(), bytes);
+    benchmark::DoNotOptimize(to.data());
+  }
+  Report(state);
+}
+
+// ---- through the host ---------------------------------------------------------------
 
 // Runs "Apply" of an effect configured by configure on the fixture's source.
 template <class Configure>
@@ -81,39 +74,165 @@ void RunApply(benchmark::State& state, const char* className, int channels, bool
   Report(state);
 }
 
-void BM_PlainCopy(benchmark::State& state) {
-  const size_t bytes = static_cast<size_t>(kSide * kSide * 4);
-  std::vector<uint8_t> from(bytes, 7), to(bytes);
+void ConfigureInterlace(Host& host, REALobject e) {
+  host.Set<int64_t>(e, "HorizontalInterlaceType", 1);
+  host.Set<int64_t>(e, "VerticalInterlaceType", 2);
+}
+
+auto ConfigureBarrel(bool interpolate) {
+  return [=](Host& host, REALobject e) {
+    host.Set<double>(e, "Distortion", 0.4);
+    host.Set<double>(e, "HorizontalKeystone", 0.1);
+    host.Set<bool>(e, "Interpolate", interpolate);
+  };
+}
+
+auto ConfigurePolar(bool toPolar) {
+  return [=](Host& host, REALobject e) { host.Set<bool>(e, "RectangularToPolar", toPolar); };
+}
+
+auto ConfigureOilPaint(int brush) {
+  return [=](Host& host, REALobject e) { host.Set<uint8_t>(e, "BrushSize", static_cast<uint8_t>(brush)); };
+}
+
+void Interlace(benchmark::State& state, int channels, bool alpha, int bits) {
+  RunApply(state, "InterlaceEffectRaw", channels, alpha, bits, ConfigureInterlace);
+}
+
+void Barrel(benchmark::State& state, int channels, bool alpha, int bits, bool interpolate) {
+  RunApply(state, "BarrelDistortEffectRaw", channels, alpha, bits, ConfigureBarrel(interpolate));
+}
+
+void Polar(benchmark::State& state, int channels, bool alpha, int bits, bool toPolar) {
+  RunApply(state, "PolarCoordinatesEffectRaw", channels, alpha, bits, ConfigurePolar(toPolar));
+}
+
+void OilPaint(benchmark::State& state, int brush) {
+  RunApply(state, "OilPaintEffectRaw", 4, true, 8, ConfigureOilPaint(brush));
+}
+
+// ---- the reference kernels ----------------------------------------------------------
+
+// The fixture's image, a destination bitmap as the engine makes one and a
+// head over both filled as the engine fills it; the part runs all rows.
+struct HandBuiltRun {
+  Fixture fixture;
+  REALobject destination;
+
+  HandBuiltRun(int channels, bool alpha, int bits)
+      : fixture(channels, alpha, bits),
+        destination(fixture.host->NewBitmap(kSide, kSide, rawfx::bench::FormatWith(channels, alpha).code, bits,
+                                            kResultRowPadding)) {}
+  ~HandBuiltRun() { fixture.host->Unlock(destination); }
+
+  void FillHead(GenericMPParams& head) const {
+    const auto src = fixture.view();
+    const auto dst = fixture.host->Bitmap(destination);
+    head = GenericMPParams{};
+    head.width = static_cast<int32_t>(kSide);
+    head.height = static_cast<int32_t>(kSide);
+    head.srcPixels = src.pixels;
+    head.dstPixels = dst.pixels;
+    head.srcRowBytes = static_cast<int32_t>(src.rowBytes);
+    head.dstRowBytes = static_cast<int32_t>(dst.rowBytes);
+    head.srcPixelBytes = static_cast<int32_t>(src.pixelBytes);
+    head.dstPixelBytes = static_cast<int32_t>(dst.pixelBytes);
+    head.srcBitmap = src.record;
+    head.dstBitmap = dst.record;
+  }
+};
+
+// Times part over every row of params, whose head FillHead has filled.
+template <class Params>
+void TimeReference(benchmark::State& state, Params& params, PartFunction part) {
   for (auto _ : state) {
-    std::memcpy(to.data(), from.data(), bytes);
-    benchmark::DoNotOptimize(to.data());
+    params.head.progress = 0;
+    MPParamBlock block{0, static_cast<int32_t>(kSide), 0, {}, &params};
+    part(&block);
+    benchmark::DoNotOptimize(params.head.dstPixels);
   }
   Report(state);
 }
 
-void Interlace(benchmark::State& state, int channels, bool alpha, int bits) {
-  RunApply(state, "InterlaceEffectRaw", channels, alpha, bits, [](Host& host, REALobject e) {
-    host.Set<int64_t>(e, "HorizontalInterlaceType", 1);
-    host.Set<int64_t>(e, "VerticalInterlaceType", 2);
-  });
+// An effect object configured like its Apply benchmark, for reading its settings.
+template <class Configure>
+REALobject ConfiguredEffect(Host& host, const char* className, Configure configure) {
+  REALobject effect = host.New(className);
+  configure(host, effect);
+  return effect;
 }
 
-void Barrel(benchmark::State& state, int channels, bool alpha, int bits, bool interpolate) {
-  RunApply(state, "BarrelDistortEffectRaw", channels, alpha, bits, [=](Host& host, REALobject e) {
-    host.Set<double>(e, "Distortion", 0.4);
-    host.Set<double>(e, "HorizontalKeystone", 0.1);
-    host.Set<bool>(e, "Interpolate", interpolate);
-  });
+// Opaque black (the effects' default background) in the format's channel order;
+// entries without a colour component are -1.
+void DefaultBackground(const rawfx::host::FormatInfo& format, int bits, int32_t (&values)[8]) {
+  std::fill(std::begin(values), std::end(values), -1);
+  for (uint8_t channel : {format.red, format.green, format.blue})
+    if (channel != 0xFF) values[channel] = 0;
+  if (format.alpha != 0xFF) values[format.alpha] = bits == 8 ? 255 : 65535;
 }
 
-void Polar(benchmark::State& state, int channels, bool alpha, int bits, bool toPolar) {
-  RunApply(state, "PolarCoordinatesEffectRaw", channels, alpha, bits,
-           [=](Host& host, REALobject e) { host.Set<bool>(e, "RectangularToPolar", toPolar); });
+void InterlaceReference(benchmark::State& state, int channels, bool alpha, int bits) {
+  HandBuiltRun run(channels, alpha, bits);
+  InterlaceParams params{};
+  run.FillHead(params.head);
+  params.horizontalType = 1;
+  params.verticalType = 2;
+  params.interlaceAlpha = 1;
+  DefaultBackground(rawfx::bench::FormatWith(channels, alpha), bits, params.channelValues);
+  TimeReference(state, params,
+                bits == 8 ? rawfx::reference::InterlacePart : rawfx::reference::InterlacePart16);
 }
 
-void OilPaint(benchmark::State& state, int brush) {
-  RunApply(state, "OilPaintEffectRaw", 4, true, 8,
-           [=](Host& host, REALobject e) { host.Set<uint8_t>(e, "BrushSize", static_cast<uint8_t>(brush)); });
+void PolarReference(benchmark::State& state, int channels, bool alpha, int bits, bool toPolar) {
+  HandBuiltRun run(channels, alpha, bits);
+  Host& host = *run.fixture.host;
+  REALobject effect = ConfiguredEffect(host, "PolarCoordinatesEffectRaw", ConfigurePolar(toPolar));
+  PolarCoordinatesParams params{};
+  run.FillHead(params.head);
+  params.settings.roundness = 100.0;
+  params.settings.flipMapping = host.Get<bool>(effect, "FlipMapping") ? 1 : 0;
+  params.settings.centerAtTop = 1;
+  params.settings.rectangularToPolar = toPolar ? 1 : 0;
+  params.settings.angleOffset = 0.0;
+  host.Unlock(effect);
+  int32_t background[8];
+  DefaultBackground(rawfx::bench::FormatWith(channels, alpha), bits, background);
+  for (int i = 0; i < 8; ++i) {
+    params.backColor8[i] = static_cast<uint8_t>(background[i]);
+    params.backColor16[i] = static_cast<uint16_t>(background[i]);
+  }
+  TimeReference(state, params,
+                bits == 8 ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16);
+}
+
+// The class keeps its block in its instance data and fills it on Apply: one
+// Apply gives exactly the settings of the Apply benchmark.
+void BarrelReference(benchmark::State& state, int channels, bool alpha, int bits, bool interpolate) {
+  HandBuiltRun run(channels, alpha, bits);
+  Host& host = *run.fixture.host;
+  REALobject effect = ConfiguredEffect(host, "BarrelDistortEffectRaw", ConfigureBarrel(interpolate));
+  host.Unlock(host.Call<REALobject>(effect, "Apply(source as RawBitmap) as RawBitmap", run.fixture.source));
+  BarrelDistortionParams params =
+      static_cast<BarrelDistortionData*>(host.ClassData(effect, "BarrelDistortEffectRaw"))->params;
+  host.Unlock(effect);
+  run.FillHead(params.head);
+  PartFunction part = bits == 8 ? (interpolate ? rawfx::reference::BarrelDistortInterpolate8BitPart
+                                               : rawfx::reference::BarrelDistort8BitPart)
+                                : (interpolate ? rawfx::reference::BarrelDistortInterpolate16BitPart
+                                               : rawfx::reference::BarrelDistort16BitPart);
+  TimeReference(state, params, part);
+}
+
+void OilPaintReference(benchmark::State& state, int brush) {
+  HandBuiltRun run(4, true, 8);
+  Host& host = *run.fixture.host;
+  REALobject effect = ConfiguredEffect(host, "OilPaintEffectRaw", ConfigureOilPaint(brush));
+  OilPaintParams params{};
+  rawfx::oilpaint::PrepareParams(*static_cast<OilPaintData*>(host.ClassData(effect, "OilPaintEffectRaw")),
+                                 *run.fixture.view().record, params);
+  host.Unlock(effect);
+  run.FillHead(params.head);
+  TimeReference(state, params, rawfx::reference::OilPaintPart8bit);
 }
 
 void ThreadCounts(benchmark::internal::Benchmark* b) {
@@ -122,19 +241,38 @@ void ThreadCounts(benchmark::internal::Benchmark* b) {
   b->UseRealTime()->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK(BM_PlainCopy)->UseRealTime()->Unit(benchmark::kMillisecond);
+void OneThread(benchmark::internal::Benchmark* b) { b->UseRealTime()->Unit(benchmark::kMillisecond); }
+
+BENCHMARK_CAPTURE(PlainCopy, rgba8, 4)->Apply(OneThread);
+BENCHMARK_CAPTURE(PlainCopy, rgb16, 6)->Apply(OneThread);
+
 BENCHMARK_CAPTURE(Interlace, rgba8, 4, true, 8)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(InterlaceReference, rgba8, 4, true, 8)->Apply(OneThread);
 BENCHMARK_CAPTURE(Interlace, rgb16, 3, false, 16)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(InterlaceReference, rgb16, 3, false, 16)->Apply(OneThread);
+
 BENCHMARK_CAPTURE(Barrel, nearest_rgba8, 4, true, 8, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelReference, nearest_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, bilinear_rgba8, 4, true, 8, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelReference, bilinear_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, nearest_rgb16, 3, false, 16, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelReference, nearest_rgb16, 3, false, 16, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, bilinear_rgb16, 3, false, 16, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelReference, bilinear_rgb16, 3, false, 16, true)->Apply(OneThread);
+
 BENCHMARK_CAPTURE(Polar, to_polar_rgba8, 4, true, 8, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarReference, to_polar_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_rect_rgba8, 4, true, 8, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarReference, to_rect_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_polar_rgb16, 3, false, 16, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarReference, to_polar_rgb16, 3, false, 16, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_rect_rgb16, 3, false, 16, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarReference, to_rect_rgb16, 3, false, 16, false)->Apply(OneThread);
+
 BENCHMARK_CAPTURE(OilPaint, brush2_rgba8, 2)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(OilPaintReference, brush2_rgba8, 2)->Apply(OneThread);
 BENCHMARK_CAPTURE(OilPaint, brush5_rgba8, 5)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(OilPaintReference, brush5_rgba8, 5)->Apply(OneThread);
 
 }  // namespace
 

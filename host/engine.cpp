@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "host/host_internal.h"
 
@@ -16,6 +17,7 @@ struct EngineState {
   REALobject self;
   std::mutex mutex;
   bool cancelNextRun = false;              // a cancel requested while no run was going
+  int32_t cancelAtRow = -1;                // CancelAtRow for the next run; -1: none
   std::vector<GenericMPParams*> running;   // heads of the runs under way
 };
 
@@ -52,6 +54,7 @@ struct Run {
   PartFunction function = nullptr;
   REALobject result = nullptr;  // the new bitmap of a run that makes one
   std::vector<MPParamBlock> blocks;
+  bool cancelBetweenParts = false;  // CancelAtRow: two parts in order, cancel set between them
   std::atomic<size_t> remaining{0};
   std::mutex mutex;
   std::condition_variable finished;
@@ -153,6 +156,12 @@ void FillHead(GenericMPParams* head, RawBitmap* source, RawBitmap* destination, 
   head->maskData = maskData;
 }
 
+// The row a CancelAtRow asked to cut the next run at, once; -1 when none.
+int32_t TakeCancelCut(EngineState& state) {
+  std::lock_guard lock(state.mutex);
+  return std::exchange(state.cancelAtRow, -1);
+}
+
 // Checks the request and readies run: result bitmap, head and parts. Nothing
 // is made when a check fails.
 bool Prepare(Host::Impl& host, const Request& request, Run& run) {
@@ -165,6 +174,7 @@ bool Prepare(Host::Impl& host, const Request& request, Run& run) {
 
   RawBitmap* destination = source;
   if (request.operation != EngineCall::PartsInPlace) {
+    if (host.TakeResultFailure()) return false;
     run.result = host.MakeBitmap(source->width, source->height, source->format, source->bitsPerChannel,
                                  source->width * source->bytesPerPixel + kResultRowPadding);
     if (!run.result) return false;
@@ -182,12 +192,16 @@ bool Prepare(Host::Impl& host, const Request& request, Run& run) {
     std::lock_guard lock(host.mutex);
     policy = host.split;
   }
-  for (const RowRange& range : SplitRows(policy, head->height, host.pool->size()))
-    run.blocks.push_back(MPParamBlock{range.first, range.second, 0, {}, head});
+  std::vector<RowRange> ranges = SplitRows(policy, head->height, host.pool->size());
+  if (const int32_t cut = TakeCancelCut(*request.state); cut >= 0 && cut < head->height) {
+    ranges = {{0, cut}, {cut, head->height}};
+    run.cancelBetweenParts = true;
+  }
+  for (const RowRange& range : ranges) run.blocks.push_back(MPParamBlock{range.first, range.second, 0, {}, head});
   return true;
 }
 
-void RecordCall(Host::Impl& host, const Request& request, int parts) {
+EngineCall CallOf(const Request& request, int parts) {
   EngineCall call;
   call.operation = request.operation;
   call.modeCode = request.modeCode;
@@ -199,6 +213,11 @@ void RecordCall(Host::Impl& host, const Request& request, int parts) {
   call.params = request.params;
   call.deleteCallback = request.deleteCallback;
   call.parts = parts;
+  return call;
+}
+
+void RecordCall(Host::Impl& host, const Request& request, int parts) {
+  const EngineCall call = CallOf(request, parts);
   std::lock_guard lock(host.mutex);
   host.lastCall = call;
 }
@@ -211,6 +230,15 @@ void Finish(Run& run) {
   std::lock_guard lock(run.mutex);
   run.done = true;
   run.finished.notify_all();
+}
+
+// Runs every part in order on this thread; a run cut by CancelAtRow gets its
+// cancel between its two parts.
+void RunPartsInOrder(Run& run) {
+  for (size_t i = 0; i < run.blocks.size(); ++i) {
+    if (run.cancelBetweenParts && i == 1) SetCancel(run.head);
+    run.function(&run.blocks[i]);
+  }
 }
 
 // Registers the run with its engine (where a cancel can reach it) and hands
@@ -231,8 +259,13 @@ void Start(Run& run) {
   if (parts == 0) {
     Finish(run);
   } else if (ThreadPool::OnWorkerThread()) {
-    for (MPParamBlock& block : run.blocks) run.function(&block);
+    RunPartsInOrder(run);
     Finish(run);
+  } else if (run.cancelBetweenParts) {
+    pool.Submit([&run] {
+      RunPartsInOrder(run);
+      Finish(run);
+    });
   } else {
     for (size_t i = 0; i < parts; ++i)
       pool.Submit([&run, i] {
@@ -285,6 +318,18 @@ void WaitReporting(Run& run) {
   Report(run, observer, onProgress);
 }
 
+// Shows an accepted run to the inspector, if a test or fuzz target set one.
+void Inspect(Host::Impl& host, const Request& request, const Run& run) {
+  Host::RunInspector inspector;
+  {
+    std::lock_guard lock(host.mutex);
+    inspector = host.inspector;
+  }
+  if (inspector)
+    inspector(CallOf(request, static_cast<int>(run.blocks.size())), *run.head, run.blocks,
+              run.result ? run.result : BitmapObjectOf(host, request.source));
+}
+
 REALobject RunSync(const Request& request) {
   Host::Impl& host = *request.state->host;
   Run run;
@@ -296,6 +341,7 @@ REALobject RunSync(const Request& request) {
   Start(run);
   WaitReporting(run);
   Unregister(run);
+  Inspect(host, request, run);
   if (Cancelled(run.head)) {
     host.Unlock(run.result);
     return nullptr;
@@ -320,17 +366,25 @@ struct AsyncRun {
 void CompleteAsync(AsyncRun* async) {
   Host::Impl& host = *async->request.state->host;
   Run& run = async->run;
-  if (async->prepared) Unregister(run);
+  if (async->prepared) {
+    Unregister(run);
+    Inspect(host, async->request, run);
+  }
   REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
   if (!result) host.Unlock(run.result);
-  if (async->completeMethod)
+  if (async->completeMethod) {
+    host.completionCalls.fetch_add(1, std::memory_order_relaxed);
     reinterpret_cast<CompletionMethod>(async->completeMethod)(async->completeTarget, result);
+  }
   host.Unlock(result);
   if (void* params = async->request.params) {
-    if (async->request.deleteCallback)
+    if (async->request.deleteCallback) {
+      host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
       async->request.deleteCallback(async->self, static_cast<GenericMPParams*>(params));
-    else
+    } else {
+      host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
       ::operator delete(params);
+    }
   }
   for (REALobject held : {async->request.mask, async->completeTarget, async->sourceObject, async->self})
     host.Unlock(held);
@@ -350,6 +404,7 @@ void RunAsync(AsyncRun* async) {
     std::lock_guard lock(host.asyncMutex);
     ++host.asyncRuns;
   }
+  host.asyncStarted.fetch_add(1, std::memory_order_relaxed);
   async->prepared = Prepare(host, async->request, async->run);
   RecordCall(host, async->request, async->prepared ? static_cast<int>(async->run.blocks.size()) : 0);
   async->run.whenDone = [async] { CompleteAsync(async); };
@@ -404,7 +459,7 @@ MPImageFilterData* EngineDataOf(REALobject self) {
 void FilterInit(REALobject self) {
   MPImageFilterData* engine = EngineDataOf(self);
   engine->ops = &kEngineOps;
-  engine->engineState = new EngineState{HostOf(self), self, {}, false, {}};
+  engine->engineState = new EngineState{HostOf(self), self, {}, false, -1, {}};
 }
 
 void FilterDestroy(REALobject self) {
@@ -471,6 +526,36 @@ void Host::WaitForAsync() { impl_->WaitForAsync(); }
 EngineCall Host::lastEngineCall() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->lastCall;
+}
+
+// ---- Host: fault injection and inspection -------------------------------------------------
+
+// Counts one refusal off, unless none is left; concurrent runs take one each.
+bool Host::Impl::TakeResultFailure() {
+  int left = resultFailures.load(std::memory_order_relaxed);
+  do {
+    if (left <= 0) return false;
+  } while (!resultFailures.compare_exchange_weak(left, left - 1, std::memory_order_relaxed));
+  return true;
+}
+
+void Host::FailResultCreation(int count) { impl_->resultFailures.store(std::max(count, 0)); }
+
+void Host::CancelAtRow(REALobject effect, int32_t row) {
+  if (!IsA(effect, impl_->filterClass->name)) throw HostError(ClassName(effect) + " has no engine");
+  EngineState* state = StateOf(EngineDataOf(effect));
+  std::lock_guard lock(state->mutex);
+  state->cancelAtRow = std::max(row, int32_t{0});
+}
+
+void Host::SetRunInspector(RunInspector inspector) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->inspector = std::move(inspector);
+}
+
+Host::AsyncCounts Host::asyncCounts() const {
+  return {impl_->asyncStarted.load(), impl_->completionCalls.load(), impl_->blocksDeleted.load(),
+          impl_->deleteCallbacks.load()};
 }
 
 }  // namespace rawfx::host

@@ -200,6 +200,32 @@ class Host {
   void WaitForAsync();                    // until every asynchronous run has completed
   EngineCall lastEngineCall() const;
 
+  // ---- fault injection and inspection, for tests and fuzz targets -------------------
+  // The next `count` result bitmaps the engine would make are refused, as by a
+  // companion out of memory: those runs give nil (asynchronous ones complete with nil).
+  void FailResultCreation(int count = 1);
+  // Cuts the effect's next run into the parts [0, row) and [row, height), run one
+  // after the other on one worker, and sets cancel between them: the cancel arrives
+  // while row `row` is processed, so that row is the last one done. A row at or
+  // past the height leaves the run as it would have been.
+  void CancelAtRow(REALobject effect, int32_t row);
+  // Called once for every run the engine accepted, after its parts have returned and
+  // before its result is handed out, on the thread that ends the run, with the
+  // parameter block while it is still alive (its cancel and progress tell whether
+  // the run was stopped), the parts the rows were cut into, and the destination:
+  // the new bitmap, or the source for an in-place run.
+  using RunInspector = std::function<void(const EngineCall& call, const GenericMPParams& params,
+                                          const std::vector<MPParamBlock>& parts, REALobject destination)>;
+  void SetRunInspector(RunInspector inspector);
+  // What became of the asynchronous runs so far.
+  struct AsyncCounts {
+    int64_t started = 0;          // ProcessPartsAsync calls
+    int64_t completionCalls = 0;  // completion methods called
+    int64_t blocksDeleted = 0;    // parameter blocks released with the global operator delete
+    int64_t deleteCallbacks = 0;  // parameter blocks handed to the effect's delete callback
+  };
+  AsyncCounts asyncCounts() const;
+
   struct Impl;
 
  private:

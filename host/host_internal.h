@@ -161,6 +161,12 @@ struct Host::Impl {
   std::mutex asyncMutex;
   std::condition_variable asyncFinished;
   int asyncRuns = 0;
+
+  // ---- fault injection and inspection (engine.cpp) ----
+  std::atomic<int> resultFailures{0};  // result bitmaps still to refuse
+  Host::RunInspector inspector;        // guarded by mutex
+  std::atomic<int64_t> asyncStarted{0}, completionCalls{0}, blocksDeleted{0}, deleteCallbacks{0};
+  bool TakeResultFailure();
 };
 
 // The RawBitmap companion fields this host keeps in the record's own gaps.

@@ -45,7 +45,8 @@ static_assert(offsetof(RawBitmap, bitsPerChannel) == 129);
 static_assert(sizeof(RawBitmap) == 136);
 
 // Formats 13..16 are the CMYK family: (format - 13), taken unsigned, is at most 3.
-inline bool IsCMYKFormat(int64_t format) { return static_cast<uint64_t>(format - 13) <= 3; }
+// The subtraction is done unsigned, where it wraps instead of overflowing.
+inline bool IsCMYKFormat(int64_t format) { return static_cast<uint64_t>(format) - 13 <= 3; }
 
 // Formats 0, 1, 2, 22 and 23 carry a single grey channel.
 inline bool IsSingleChannelFormat(int64_t format) { return format < 3 || format == 22 || format == 23; }

@@ -2,6 +2,7 @@
 // forms, ApplyAsync, failures, background colours and thread independence.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -14,28 +15,57 @@
 
 // ---- parameter blocks on the heap -----------------------------------------------
 // The asynchronous block is allocated by the module with the global operator new
-// and released by whoever ends its life with the global operator delete. These
-// replacements keep track of the live allocations of exactly that size, so tests
-// can tell whether a block was freed.
+// and released by whoever ends its life with the global operator delete; a run
+// from polar to rectangular also takes a column table, in the same allocation
+// as an asynchronous block or in one of its own for a synchronous Apply. These
+// replacements keep track of the live allocations of the sizes being watched,
+// so tests can tell whether a block or table was freed and what it held then.
 namespace {
 
 constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
 constexpr int kTrackedSlots = 256;
+constexpr size_t kSnapshotBytes = sizeof(PolarCoordinatesParams) + sizeof(PolarColumnTable);
 
 std::mutex& TrackerMutex() {
   static std::mutex mutex;
   return mutex;
 }
-std::array<void*, kTrackedSlots> gLiveBlocks{};
+
+struct TrackedAllocation {
+  void* p;
+  size_t size;
+};
+std::array<TrackedAllocation, kTrackedSlots> gLiveBlocks{};
+std::array<size_t, 4> gWatchedSizes{kBlockSize};
 int gBlockAllocations = 0;
 
-void TrackNew(void* p, size_t size) {
-  if (size != kBlockSize) return;
+// The first bytes of the last watched allocation, as they were when it was freed.
+struct Released {
+  void* p = nullptr;
+  size_t size = 0;
+  std::array<uint8_t, kSnapshotBytes> bytes{};
+};
+Released gLastReleased;
+
+// Watches the block size and the given sizes (table or block with table), until the next call.
+void WatchSizes(size_t a = 0, size_t b = 0) {
   std::lock_guard lock(TrackerMutex());
+  gWatchedSizes = {kBlockSize, a, b, 0};
+}
+
+bool Watched(size_t size) {
+  for (size_t watched : gWatchedSizes)
+    if (watched != 0 && watched == size) return true;
+  return false;
+}
+
+void TrackNew(void* p, size_t size) {
+  std::lock_guard lock(TrackerMutex());
+  if (!Watched(size)) return;
   ++gBlockAllocations;
-  for (void*& slot : gLiveBlocks)
-    if (!slot) {
-      slot = p;
+  for (TrackedAllocation& slot : gLiveBlocks)
+    if (!slot.p) {
+      slot = {p, size};
       return;
     }
 }
@@ -43,8 +73,14 @@ void TrackNew(void* p, size_t size) {
 void TrackDelete(void* p) {
   if (!p) return;
   std::lock_guard lock(TrackerMutex());
-  for (void*& slot : gLiveBlocks)
-    if (slot == p) slot = nullptr;
+  for (TrackedAllocation& slot : gLiveBlocks)
+    if (slot.p == p) {
+      gLastReleased.p = p;
+      gLastReleased.size = slot.size;
+      gLastReleased.bytes = {};
+      std::memcpy(gLastReleased.bytes.data(), p, std::min(slot.size, kSnapshotBytes));
+      slot = {};
+    }
 }
 
 struct BlockCensus {
@@ -55,21 +91,31 @@ struct BlockCensus {
 BlockCensus TakeBlockCensus() {
   std::lock_guard lock(TrackerMutex());
   int live = 0;
-  for (void* slot : gLiveBlocks) live += slot != nullptr;
+  for (const TrackedAllocation& slot : gLiveBlocks) live += slot.p != nullptr;
   return {gBlockAllocations, live};
 }
 
 bool BlockIsLive(void* p) {
   std::lock_guard lock(TrackerMutex());
-  for (void* slot : gLiveBlocks)
-    if (slot == p) return true;
+  for (const TrackedAllocation& slot : gLiveBlocks)
+    if (slot.p == p) return true;
   return false;
 }
 
-void* Allocate(size_t size) {
+Released LastReleased() {
+  std::lock_guard lock(TrackerMutex());
+  return gLastReleased;
+}
+
+void* AllocateOrNull(size_t size) noexcept {
   void* p = std::malloc(size ? size : 1);
+  if (p) TrackNew(p, size);
+  return p;
+}
+
+void* Allocate(size_t size) {
+  void* p = AllocateOrNull(size);
   if (!p) throw std::bad_alloc();
-  TrackNew(p, size);
   return p;
 }
 
@@ -86,6 +132,8 @@ void operator delete(void* p) noexcept { Release(p); }
 void operator delete[](void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
 void operator delete[](void* p, size_t) noexcept { Release(p); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
 
 namespace {
 
@@ -354,6 +402,118 @@ TEST_F(PolarEffectTest, ApplyAsyncCompletesOnceWithApplysResult) {
   ASSERT_NE(gCompletions.result, nullptr);
   EXPECT_TRUE(rawfx::test::SamePixels(host, gCompletions.result, expected));
   EXPECT_FALSE(BlockIsLive(call.params));
+}
+
+// The column table of what a block held when it was freed: nil, or its header
+// when it lies right after the block in the same allocation.
+const PolarColumnTable* TableInBlock(const Released& released, PolarColumnTable& header) {
+  PolarCoordinatesParams params;
+  std::memcpy(&params, released.bytes.data(), sizeof params);
+  if (!params.columnTable) return nullptr;
+  EXPECT_EQ(reinterpret_cast<const uint8_t*>(params.columnTable),
+            static_cast<const uint8_t*>(released.p) + sizeof(PolarCoordinatesParams));
+  std::memcpy(&header, released.bytes.data() + sizeof params, sizeof header);
+  return params.columnTable;
+}
+
+TEST_F(PolarEffectTest, AsyncUnrollingCarriesItsColumnTableInTheBlock) {
+  constexpr int64_t kWidth = 29, kHeight = 21;
+  const size_t blockWithTable = kBlockSize + PolarColumnTableBytes(kWidth, kHeight);
+  REALobject effect = NewEffect();
+  host.Set<bool>(effect, "RectangularToPolar", false);
+  host.Set<bool>(effect, "FlipMapping", false);
+  host.Set<REALobject>(effect, "BackColor", Keep(host.NewRGBColor(10, 20, 30, 40)));
+  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
+  REALobject source = NewSource(kWidth, kHeight, kRGBA, 8, 5);
+  REALobject expected = Apply(effect, source);
+
+  WatchSizes(blockWithTable);
+  const BlockCensus before = TakeBlockCensus();
+  ApplyAsync(effect, source, target);
+  const rawfx::host::EngineCall call = host.lastEngineCall();
+  host.WaitForAsync();
+  const BlockCensus after = TakeBlockCensus();
+  EXPECT_EQ(after.allocations, before.allocations + 1);  // block and table: one allocation ...
+  EXPECT_EQ(after.live, before.live);                    // ... released by the engine
+
+  const Released released = LastReleased();
+  EXPECT_EQ(released.p, call.params);
+  EXPECT_EQ(released.size, blockWithTable);
+  PolarColumnTable header{};
+  ASSERT_NE(TableInBlock(released, header), nullptr);
+  EXPECT_EQ(header.width, kWidth);
+  EXPECT_EQ(header.height, kHeight);
+  EXPECT_EQ(header.flipMapping, 0);
+  EXPECT_EQ(header.roundness, 100.0);
+  EXPECT_EQ(header.angleOffset, 0.0);
+
+  ASSERT_EQ(gCompletions.calls, 1);
+  EXPECT_TRUE(rawfx::test::SamePixels(host, gCompletions.result, expected));
+  ExpectPixelsEqual(host.Bitmap(gCompletions.result), KernelResult(host.Bitmap(source), false, false, {10, 20, 30, 40}));
+}
+
+TEST_F(PolarEffectTest, AsyncWrappingTakesNoColumnTable) {
+  REALobject effect = NewEffect();
+  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
+  REALobject source = NewSource(17, 13, kRGB, 16, 2);
+  WatchSizes();
+  ApplyAsync(effect, source, target);
+  const rawfx::host::EngineCall call = host.lastEngineCall();
+  host.WaitForAsync();
+  const Released released = LastReleased();
+  EXPECT_EQ(released.p, call.params);
+  EXPECT_EQ(released.size, kBlockSize);
+  PolarColumnTable header{};
+  EXPECT_EQ(TableInBlock(released, header), nullptr);
+}
+
+TEST_F(PolarEffectTest, FailedAsyncUnrollingFreesBlockAndTable) {
+  constexpr int64_t kWidth = 9, kHeight = 6;
+  REALobject effect = NewEffect();
+  host.Set<bool>(effect, "RectangularToPolar", false);
+  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
+  REALobject source = NewSource(kWidth, kHeight, kRGB);
+  uint8_t& depth = host.Bitmap(source).record->bitsPerChannel;
+  depth = 12;
+  WatchSizes(kBlockSize + PolarColumnTableBytes(kWidth, kHeight));
+  const BlockCensus before = TakeBlockCensus();
+  ApplyAsync(effect, source, target);
+  host.WaitForAsync();
+  const BlockCensus after = TakeBlockCensus();
+  EXPECT_EQ(after.allocations, before.allocations + 1);
+  EXPECT_EQ(after.live, before.live);
+  EXPECT_EQ(gCompletions.calls, 0);
+  EXPECT_EQ(host.LastError(effect), 6);
+  depth = 8;
+}
+
+// A synchronous run keeps its block on the stack; the table it takes when
+// unrolling is freed before Apply returns, and only unrolling takes one.
+TEST_F(PolarEffectTest, SyncApplyFreesItsColumnTableBeforeReturning) {
+  constexpr int64_t kWidth = 33, kHeight = 18;
+  const size_t tableBytes = PolarColumnTableBytes(kWidth, kHeight);
+  REALobject effect = NewEffect();
+  REALobject source = NewSource(kWidth, kHeight, kRGB, 8, 9);
+  WatchSizes(tableBytes);
+  for (bool toPolar : {false, true}) {
+    for (bool flip : {false, true}) {
+      const BlockCensus before = TakeBlockCensus();
+      REALobject result = Apply(effect, source, toPolar, flip, Keep(host.NewRGBColor(1, 2, 3)));
+      ASSERT_NE(result, nullptr);
+      const BlockCensus after = TakeBlockCensus();
+      EXPECT_EQ(after.allocations, before.allocations + (toPolar ? 0 : 1)) << toPolar << flip;
+      EXPECT_EQ(after.live, before.live);
+      ExpectPixelsEqual(host.Bitmap(result), KernelResult(host.Bitmap(source), toPolar, flip, {1, 2, 3}));
+      if (toPolar) continue;
+      const Released released = LastReleased();
+      EXPECT_EQ(released.size, tableBytes);
+      PolarColumnTable header{};
+      std::memcpy(&header, released.bytes.data(), sizeof header);
+      EXPECT_EQ(header.width, kWidth);
+      EXPECT_EQ(header.height, kHeight);
+      EXPECT_EQ(header.flipMapping, flip ? 1 : 0);
+    }
+  }
 }
 
 TEST_F(PolarEffectTest, BackgroundAlphaFollowsTheBitmap) {

@@ -27,6 +27,7 @@ class ToolErrors : public testing::Test {
   // Runs the tool, expects the status and one line "rawfx: ..." holding `message`,
   // and that nothing but the inputs is left in the scratch directory.
   void ExpectFailure(const std::vector<std::string>& words, int status, const std::string& message) {
+    SCOPED_TRACE(message);
     const std::vector<std::string> before = Sorted(scratch_.names());
     const ToolResult run = RunTool(words, scratch_);
     EXPECT_EQ(run.status, status) << run.err;
@@ -41,84 +42,79 @@ class ToolErrors : public testing::Test {
     return names;
   }
 
-  std::string Cut(const std::string& name, const std::string& cutName) {
+  std::string Cut(const std::string& name) {
     const std::string bytes = test::ReadText(scratch_ / name);
-    test::WriteBytes(scratch_ / cutName, bytes.substr(0, bytes.size() * 2 / 3));
-    return scratch_ / cutName;
+    test::WriteBytes(scratch_ / ("cut-" + name), bytes.substr(0, bytes.size() * 2 / 3));
+    return scratch_ / ("cut-" + name);
   }
 
   ScratchDir scratch_;
 };
 
-TEST_F(ToolErrors, UnreadableInputIsStatusTwoNamingTheFile) {
-  const std::string out = scratch_ / "out.png";
+TEST_F(ToolErrors, UnreadableInputOrUnwritableOutputIsStatusTwoNamingTheFile) {
+  const std::string in = scratch_ / "rgb.png", out = scratch_ / "out.png";
+  const std::string cutPng = Cut("rgb.png"), cutJpeg = Cut("rgb.jpg");
+  test::WriteBytes(scratch_ / "notes.png", "shopping list\n");
+  const std::string locked = test::UnwritableDirectory(scratch_);
   ExpectFailure({"polar", scratch_ / "missing.png", out}, 2,
                 "cannot read " + scratch_ / "missing.png" + ": No such file or directory");
-  const std::string cutPng = Cut("rgb.png", "cut.png");
   ExpectFailure({"polar", cutPng, out}, 2, "cannot read " + cutPng + ": corrupt PNG");
-  const std::string cutJpeg = Cut("rgb.jpg", "cut.jpg");
   ExpectFailure({"barrel", cutJpeg, out}, 2, "cannot read " + cutJpeg + ": corrupt JPEG: Premature end of JPEG file");
-  test::WriteBytes(scratch_ / "notes.png", "shopping list\n");
   ExpectFailure({"oilpaint", scratch_ / "notes.png", out}, 2, "not a PNG, JPEG or TIFF image");
   ExpectFailure({"info", scratch_ / "notes.png"}, 2, "not a PNG, JPEG or TIFF image");
-  ExpectFailure({"polar", "--max-pixels", "100", scratch_ / "rgb.png", out}, 2,
-                "24 x 16 pixels is more than the limit of 100");
-}
-
-TEST_F(ToolErrors, AnUnwritableOutputIsStatusTwo) {
-  const std::string directory = test::UnwritableDirectory(scratch_);
-  ExpectFailure({"polar", scratch_ / "rgb.png", directory + "/out.png"}, 2,
-                "cannot write " + directory + "/out.png: cannot create a file in " + directory);
-  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "no/such/dir/out.png"}, 2, "No such file or directory");
-  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "out.bmp"}, 2, "the name must end in .png");
-  ExpectFailure({"polar", scratch_ / "rgb.png", scratch_ / "rgb.png"}, 2, "rawfx never overwrites its input");
+  ExpectFailure({"polar", "--max-pixels", "100", in, out}, 2, "24 x 16 pixels is more than the limit of 100");
+  ExpectFailure({"polar", in, locked + "/out.png"}, 2,
+                "cannot write " + locked + "/out.png: cannot create a file in " + locked);
+  ExpectFailure({"polar", in, scratch_ / "no/such/dir/out.png"}, 2, "No such file or directory");
+  ExpectFailure({"polar", in, scratch_ / "out.bmp"}, 2, "the name must end in .png");
+  ExpectFailure({"polar", in, in}, 2, "rawfx never overwrites its input");
 }
 
 TEST_F(ToolErrors, OutOfRangeOptionsAreBadUsage) {
   const std::string in = scratch_ / "rgb.png", out = scratch_ / "out.png";
-  ExpectFailure({"oilpaint", "--brush", "0", in, out}, 2, "--brush");
-  ExpectFailure({"oilpaint", "--brush", "6", in, out}, 2, "see rawfx oilpaint --help");
-  ExpectFailure({"oilpaint", "--smoothness", "0.02", in, out}, 2, "--smoothness");
-  ExpectFailure({"oilpaint", "--smoothness", "1.5", in, out}, 2, "--smoothness");
-  ExpectFailure({"barrel", "--distortion", "12", in, out}, 2, "--distortion");
-  ExpectFailure({"barrel", "--hkeystone", "nan", in, out}, 2, "--hkeystone");
-  ExpectFailure({"interlace", "--horizontal", "sideways", in, out}, 2, "--horizontal");
-  ExpectFailure({"polar", "--color", "#12345", in, out}, 2, "6 or 8 digits");
-  ExpectFailure({"polar", "--threads", "-1", in, out}, 2, "--threads");
-  ExpectFailure({"polar", "--depth", "12", in, out}, 2, "--depth");
-  ExpectFailure({"polar", "--model", "hsv", in, out}, 2, "--model");
-  ExpectFailure({"polar", "--sharpen", in, out}, 2, "--sharpen");
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"oilpaint", "--brush", "0"}, "--brush"},
+      {{"oilpaint", "--brush", "6"}, "see rawfx oilpaint --help"},
+      {{"oilpaint", "--smoothness", "0.02"}, "--smoothness"},
+      {{"oilpaint", "--smoothness", "1.5"}, "--smoothness"},
+      {{"oilpaint", "--color", "#ffffff"}, "--color"},  // oil paint has no background
+      {{"barrel", "--distortion", "12"}, "--distortion"},
+      {{"barrel", "--hkeystone", "nan"}, "--hkeystone"},
+      {{"barrel", "--vkeystone", "-1.01"}, "--vkeystone"},
+      {{"interlace", "--horizontal", "sideways"}, "--horizontal"},
+      {{"polar", "--color", "#12345"}, "6 or 8 digits"},
+      {{"polar", "--threads", "-1"}, "--threads"},
+      {{"polar", "--depth", "12"}, "--depth"},
+      {{"polar", "--model", "hsv"}, "--model"},
+      {{"polar", "--sharpen"}, "--sharpen"},
+      {{"blur"}, "blur"},
+  };
+  for (auto [words, message] : cases) {
+    words.insert(words.end(), {in, out});
+    ExpectFailure(words, 2, message);
+  }
   ExpectFailure({"polar", in}, 2, "OUTPUT");
-  ExpectFailure({"blur", in, out}, 2, "blur");
   const ToolResult bare = RunTool({}, scratch_);
   EXPECT_EQ(bare.status, 2);
   EXPECT_NE(bare.err.find("Subcommands:"), std::string::npos) << bare.err;
 }
 
-TEST_F(ToolErrors, TheEffectRefusingTheBitmapIsStatusOne) {
-  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", scratch_ / "out.png"}, 1,
-                "oil paint works on 8-bit images; use --depth 8");
-  ExpectFailure({"oilpaint", "--depth", "16", scratch_ / "rgb.png", scratch_ / "out.png"}, 1,
-                "oil paint works on 8-bit images");
-  const ToolResult converted =
-      RunTool({"oilpaint", "--depth", "8", scratch_ / "rgb16.png", scratch_ / "out.png"}, scratch_);
-  EXPECT_EQ(converted.status, 0) << converted.err;
+TEST_F(ToolErrors, TheEffectRefusingTheBitmapIsStatusOneAndKeepsAnEarlierOutput) {
+  const std::string out = scratch_ / "out.png";
+  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", out}, 1, "oil paint works on 8-bit images; use --depth 8");
+  ExpectFailure({"oilpaint", "--depth", "16", scratch_ / "rgb.png", out}, 1, "oil paint works on 8-bit images");
+  ASSERT_EQ(RunTool({"oilpaint", "--depth", "8", scratch_ / "rgb16.png", out}, scratch_).status, 0);
+  const std::string before = test::ReadText(out);
+  const std::string input = test::ReadText(scratch_ / "rgb16.png");
+  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", out}, 1, "8-bit");
+  EXPECT_EQ(test::ReadText(out), before);
+  EXPECT_EQ(test::ReadText(scratch_ / "rgb16.png"), input) << "the input is never modified";
 }
 
 TEST_F(ToolErrors, AMaskOfAnotherSizeIsRefused) {
   SaveImage(test::NoiseImage(10, 10, Layout::Gray, 8), scratch_ / "small-mask.png");
   ExpectFailure({"oilpaint", "--mask", scratch_ / "small-mask.png", scratch_ / "rgb.png", scratch_ / "out.png"}, 2,
                 "is 10 x 10 but the input is 24 x 16");
-}
-
-TEST_F(ToolErrors, AFailedRunLeavesAnEarlierOutputAsItWas) {
-  const std::string out = scratch_ / "out.png";
-  ASSERT_EQ(RunTool({"polar", scratch_ / "rgb.png", out}, scratch_).status, 0);
-  const std::string before = test::ReadText(out);
-  const std::string input = test::ReadText(scratch_ / "rgb16.png");
-  ExpectFailure({"oilpaint", scratch_ / "rgb16.png", out}, 1, "8-bit");
-  EXPECT_EQ(test::ReadText(out), before);
-  EXPECT_EQ(test::ReadText(scratch_ / "rgb16.png"), input) << "the input is never modified";
 }
 
 // Ctrl-C during a long run: the engine cancels between rows and nothing is written.
@@ -130,9 +126,8 @@ TEST(ToolCancel, InterruptingALargeRunWritesNothingAndExits130) {
                             scratch.path().string());
   // The verbose start line appears just before the effect starts.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (process.errSoFar().find("thread") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+  while (process.errSoFar().find("thread") == std::string::npos && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   const auto interrupted = std::chrono::steady_clock::now();
   kill(process.pid(), SIGINT);
@@ -151,18 +146,17 @@ TEST(ToolDemo, WritesEveryResultAContactSheetAndAPage) {
   EXPECT_NE(run.out.find("wrote 12 results"), std::string::npos) << run.out;
 
   const std::string page = test::ReadText(directory + "/index.html");
-  const std::vector<std::string> results = {
-      "interlace-rows.png", "interlace-columns.png", "interlace-masked.png", "polar.png",
-      "polar-no-flip.png",  "polar-round-trip.png", "barrel.png",         "pincushion.png",
-      "keystone.png",       "oilpaint.png",       "oilpaint-broad.png",   "oilpaint-masked.png"};
-  for (const std::string& name : results) {
+  for (const std::string name :
+       {"interlace-rows.png", "interlace-columns.png", "interlace-masked.png", "polar.png", "polar-no-flip.png",
+        "polar-round-trip.png", "barrel.png", "pincushion.png", "keystone.png", "oilpaint.png", "oilpaint-broad.png",
+        "oilpaint-masked.png"}) {
     const Image image = ReadImage(directory + "/" + name).image;
     EXPECT_EQ(image.width, 96) << name;
     EXPECT_EQ(image.height, 72) << name;
     EXPECT_NE(page.find("<img src=\"" + name + "\""), std::string::npos) << name;
-    const bool commandShown = page.find(" sample.png " + name + "</code>") != std::string::npos ||
-                              page.find(" polar.png " + name + "</code>") != std::string::npos;
-    EXPECT_TRUE(commandShown) << "the command that made " << name;
+    EXPECT_TRUE(page.find(" sample.png " + name + "</code>") != std::string::npos ||
+                page.find(" polar.png " + name + "</code>") != std::string::npos)
+        << "the command that made " << name;
   }
   EXPECT_NE(page.find("rawfx barrel --distortion 0.6 sample.png barrel.png"), std::string::npos);
   EXPECT_NE(page.find("rawfx oilpaint --brush 4 --mask mask.png sample.png oilpaint-masked.png"), std::string::npos);
@@ -174,8 +168,8 @@ TEST(ToolDemo, WritesEveryResultAContactSheetAndAPage) {
   const ToolResult again = RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch);
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(again.out, "");
-  EXPECT_EQ(test::ReadText(scratch / "again/sample.png"), test::ReadText(directory + "/sample.png"));
-  EXPECT_EQ(test::ReadText(scratch / "again/oilpaint.png"), test::ReadText(directory + "/oilpaint.png"));
+  for (const char* name : {"/sample.png", "/oilpaint.png"})
+    EXPECT_EQ(test::ReadText(scratch / "again" + name), test::ReadText(directory + name)) << name;
 }
 
 TEST(ToolInfo, DescribesTheFileAndTheBitmapItLoadsAs) {

@@ -1,6 +1,7 @@
 // The tool's image files: round trips of every layout through PNG, JPEG and TIFF,
 // the less common TIFF organisations, corrupt and hostile input, safe output,
-// and the depth and colour model conversions.
+// and the depth and colour model conversions. The messages a user sees for the
+// common read and write failures are checked on the tool itself (tool_errors_test).
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
@@ -17,15 +18,6 @@ namespace {
 
 using test::ScratchDir;
 
-const char* ExtensionOf(FileType type) {
-  switch (type) {
-    case FileType::PNG: return ".png";
-    case FileType::JPEG: return ".jpg";
-    case FileType::TIFF: return ".tif";
-  }
-  return "";
-}
-
 std::string ErrorOf(const std::function<void()>& action) {
   try {
     action();
@@ -35,7 +27,7 @@ std::string ErrorOf(const std::function<void()>& action) {
   return "no error";
 }
 
-// ---- lossless round trips: every layout and depth each file type can hold ----
+// ---- round trips: every layout and depth each file type can hold ----
 
 using LosslessCase = std::tuple<FileType, Layout, int>;
 class ToolLosslessRoundTrip : public testing::TestWithParam<LosslessCase> {};
@@ -44,7 +36,7 @@ TEST_P(ToolLosslessRoundTrip, GivesTheSamePixelsBack) {
   const auto [type, layout, depth] = GetParam();
   ScratchDir scratch;
   const Image original = test::NoiseImage(13, 7, layout, depth);
-  const std::string path = scratch / (std::string("image") + ExtensionOf(type));
+  const std::string path = scratch / (type == FileType::PNG ? "image.png" : "image.tif");
   SaveImage(original, path);
   const ImageFile read = ReadImage(path);
   EXPECT_EQ(read.type, type);
@@ -53,19 +45,17 @@ TEST_P(ToolLosslessRoundTrip, GivesTheSamePixelsBack) {
   EXPECT_TRUE(read.image == original);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    ToolPng, ToolLosslessRoundTrip,
-    testing::Combine(testing::Values(FileType::PNG),
-                     testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA),
-                     testing::Values(8, 16)));
-INSTANTIATE_TEST_SUITE_P(
-    ToolTiff, ToolLosslessRoundTrip,
-    testing::Combine(testing::Values(FileType::TIFF),
-                     testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK),
-                     testing::Values(8, 16)));
+INSTANTIATE_TEST_SUITE_P(ToolPng, ToolLosslessRoundTrip,
+                         testing::Combine(testing::Values(FileType::PNG),
+                                          testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA),
+                                          testing::Values(8, 16)));
+INSTANTIATE_TEST_SUITE_P(ToolTiff, ToolLosslessRoundTrip,
+                         testing::Combine(testing::Values(FileType::TIFF),
+                                          testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA,
+                                                          Layout::CMYK),
+                                          testing::Values(8, 16)));
 
-// ---- JPEG: lossy, so the pixels come back close, in the same layout ----
-
+// JPEG is lossy: the pixels come back close, in the same layout (CMYK ink amounts not inverted).
 class ToolJpegRoundTrip : public testing::TestWithParam<Layout> {};
 
 TEST_P(ToolJpegRoundTrip, KeepsTheLayoutAndTheValuesClose) {
@@ -82,94 +72,59 @@ TEST_P(ToolJpegRoundTrip, KeepsTheLayoutAndTheValuesClose) {
 
 INSTANTIATE_TEST_SUITE_P(ToolLayouts, ToolJpegRoundTrip, testing::Values(Layout::Gray, Layout::RGB, Layout::CMYK));
 
-TEST(ToolJpegFiles, CmykInkAmountsAreNotInverted) {
-  ScratchDir scratch;
-  Image flat = Image::Blank(16, 16, Layout::CMYK, 8);
-  for (size_t i = 0; i < flat.sampleCount(); i += 4) {
-    flat.setSample(i, 200);
-    flat.setSample(i + 1, 10);
-    flat.setSample(i + 3, 60);
-  }
-  SaveImage(flat, scratch / "ink.jpg");
-  const Image read = ReadImage(scratch / "ink.jpg").image;
-  EXPECT_NEAR(read.sample(0), 200, 3);
-  EXPECT_NEAR(read.sample(1), 10, 3);
-  EXPECT_NEAR(read.sample(2), 0, 3);
-  EXPECT_NEAR(read.sample(3), 60, 3);
-}
-
 // ---- TIFF organisations other writers produce ----
 
+// Writes image as TIFF in separate planes and/or 16 x 16 tiles.
 void WriteTiffWith(const std::string& path, const Image& image, uint16_t photometric, bool planes, bool tiles) {
   TIFF* tiff = TIFFOpen(path.c_str(), "w");
   ASSERT_NE(tiff, nullptr);
-  const int channels = image.channels();
-  const int bytes = image.depth / 8;
+  const int channels = image.channels(), bytes = image.depth / 8;
   TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.width));
   TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.height));
   TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(image.depth));
   TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(channels));
   TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
   TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-  if (HasAlpha(image.layout)) {
-    const uint16_t kinds[] = {EXTRASAMPLE_ASSOCALPHA};
-    TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, kinds);
-  }
+  const uint16_t alphaKind[] = {EXTRASAMPLE_ASSOCALPHA};
+  if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, alphaKind);
   if (tiles) {
     TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
     TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
   }
-  // One pixel buffer per plane (or one interleaved), sized to whole tiles.
-  const int planeCount = planes ? channels : 1;
-  const int samplesPer = planes ? 1 : channels;
-  const int64_t paddedWidth = tiles ? (image.width + 15) / 16 * 16 : image.width;
-  const int64_t paddedHeight = tiles ? (image.height + 15) / 16 * 16 : image.height;
-  for (int plane = 0; plane < planeCount; ++plane) {
-    std::vector<uint8_t> buffer(static_cast<size_t>(paddedWidth * paddedHeight * samplesPer * bytes));
-    for (int64_t y = 0; y < image.height; ++y) {
-      for (int64_t x = 0; x < image.width; ++x) {
-        for (int s = 0; s < samplesPer; ++s) {
-          const size_t from = static_cast<size_t>((y * image.width + x) * channels + (planes ? plane : s));
-          std::memcpy(&buffer[static_cast<size_t>(((y * paddedWidth + x) * samplesPer + s) * bytes)],
-                      image.data.data() + from * bytes, static_cast<size_t>(bytes));
-        }
-      }
-    }
-    if (tiles) {
-      std::vector<uint8_t> tile(static_cast<size_t>(TIFFTileSize(tiff)));
-      for (int64_t top = 0; top < paddedHeight; top += 16) {
-        for (int64_t left = 0; left < paddedWidth; left += 16) {
-          const size_t tileRow = static_cast<size_t>(16 * samplesPer * bytes);
-          for (int64_t row = 0; row < 16; ++row) {
-            std::memcpy(&tile[static_cast<size_t>(row) * tileRow],
-                        &buffer[static_cast<size_t>(((top + row) * paddedWidth + left) * samplesPer * bytes)], tileRow);
-          }
-          TIFFWriteTile(tiff, tile.data(), static_cast<uint32_t>(left), static_cast<uint32_t>(top), 0,
-                        static_cast<uint16_t>(plane));
-        }
-      }
-    } else {
-      for (int64_t y = 0; y < image.height; ++y) {
-        TIFFWriteScanline(tiff, &buffer[static_cast<size_t>(y * paddedWidth * samplesPer * bytes)],
-                          static_cast<uint32_t>(y), static_cast<uint16_t>(plane));
+  // One buffer per plane (or one interleaved), padded to whole tiles.
+  const int samples = planes ? 1 : channels;
+  const size_t pixelBytes = static_cast<size_t>(samples * bytes);
+  const int64_t width = tiles ? (image.width + 15) / 16 * 16 : image.width;
+  const int64_t height = tiles ? (image.height + 15) / 16 * 16 : image.height;
+  const size_t rowBytes = static_cast<size_t>(width) * pixelBytes;
+  for (int plane = 0; plane < (planes ? channels : 1); ++plane) {
+    std::vector<uint8_t> buffer(rowBytes * static_cast<size_t>(height));
+    for (int64_t y = 0; y < image.height; ++y)
+      for (int64_t x = 0; x < image.width; ++x)
+        for (int s = 0; s < samples; ++s)
+          std::memcpy(&buffer[y * rowBytes + x * pixelBytes + s * bytes],
+                      &image.data[((y * image.width + x) * channels + (planes ? plane : s)) * bytes], bytes);
+    for (int64_t top = 0; top < height; top += tiles ? 16 : 1) {
+      if (!tiles) TIFFWriteScanline(tiff, &buffer[top * rowBytes], uint32_t(top), uint16_t(plane));
+      for (int64_t left = 0; tiles && left < width; left += 16) {
+        std::vector<uint8_t> tile(16 * 16 * pixelBytes);
+        for (size_t row = 0; row < 16; ++row)
+          std::memcpy(&tile[row * 16 * pixelBytes], &buffer[(top + row) * rowBytes + left * pixelBytes],
+                      16 * pixelBytes);
+        TIFFWriteTile(tiff, tile.data(), uint32_t(left), uint32_t(top), 0, uint16_t(plane));
       }
     }
   }
   TIFFClose(tiff);
 }
 
-TEST(ToolTiffFiles, ReadsPlanesTilesAndBothTogether) {
+TEST(ToolTiffFiles, ReadsPlanesTilesAndWhiteIsZeroGrey) {
   ScratchDir scratch;
   const Image rgba = test::NoiseImage(21, 19, Layout::RGBA, 16);
   for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
     WriteTiffWith(scratch / "organised.tif", rgba, PHOTOMETRIC_RGB, planes, tiles);
-    const Image read = ReadImage(scratch / "organised.tif").image;
-    EXPECT_TRUE(read == rgba) << "planes " << planes << " tiles " << tiles;
+    EXPECT_TRUE(ReadImage(scratch / "organised.tif").image == rgba) << "planes " << planes << " tiles " << tiles;
   }
-}
-
-TEST(ToolTiffFiles, WhiteIsZeroGreyIsTurnedAround) {
-  ScratchDir scratch;
   const Image grey = test::NoiseImage(9, 5, Layout::Gray, 8);
   WriteTiffWith(scratch / "white.tif", grey, PHOTOMETRIC_MINISWHITE, false, false);
   const Image read = ReadImage(scratch / "white.tif").image;
@@ -182,40 +137,27 @@ TEST(ToolTiffFiles, WhiteIsZeroGreyIsTurnedAround) {
 TEST(ToolReadErrors, NameTheFileAndTheReason) {
   ScratchDir scratch;
   SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.png");
-  SaveImage(test::RampImage(40, 30, Layout::RGB), scratch / "good.jpg");
   SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.tif");
   const std::string png = test::ReadText(scratch / "good.png");
-  const std::string jpeg = test::ReadText(scratch / "good.jpg");
   const std::string tiff = test::ReadText(scratch / "good.tif");
-  test::WriteBytes(scratch / "cut.png", png.substr(0, png.size() / 2));
-  test::WriteBytes(scratch / "cut.jpg", jpeg.substr(0, jpeg.size() / 2));
   test::WriteBytes(scratch / "cut.tif", tiff.substr(0, tiff.size() / 2));
-  test::WriteBytes(scratch / "text.png", "this is not a picture\n");
   test::WriteBytes(scratch / "empty.png", "");
   std::string badCrc = png;
   badCrc[40] = static_cast<char>(badCrc[40] ^ 0x55);  // inside the first IDAT
   test::WriteBytes(scratch / "crc.png", badCrc);
-
-  const auto expectError = [&](const std::string& name, const std::string& reason) {
+  for (const auto& [name, reason] :
+       {std::pair{"empty.png", "empty"}, {"crc.png", "corrupt PNG"}, {"cut.tif", "TIFF"}}) {
     const std::string message = ErrorOf([&] { ReadImage(scratch / name); });
     EXPECT_NE(message.find(scratch / name), std::string::npos) << message;
     EXPECT_NE(message.find(reason), std::string::npos) << message;
     EXPECT_EQ(message.find('\n'), std::string::npos) << message;
-  };
-  expectError("missing.png", "No such file");
-  expectError("empty.png", "empty");
-  expectError("text.png", "not a PNG, JPEG or TIFF image");
-  expectError("cut.png", "corrupt PNG");
-  expectError("crc.png", "corrupt PNG");
-  expectError("cut.jpg", "Premature end");
-  expectError("cut.tif", "TIFF");
+  }
 }
 
 TEST(ToolReadErrors, EveryTruncationOfAFileIsRefused) {
   ScratchDir scratch;
-  const Image original = test::RampImage(24, 16, Layout::RGB);
   for (const char* name : {"whole.png", "whole.jpg"}) {
-    SaveImage(original, scratch / name);
+    SaveImage(test::RampImage(24, 16, Layout::RGB), scratch / name);
     const std::string bytes = test::ReadText(scratch / name);
     for (size_t length = 1; length < bytes.size(); length += 7) {
       test::WriteBytes(scratch / "cut", bytes.substr(0, length));
@@ -235,14 +177,10 @@ TEST(ToolReadErrors, DamagedBytesNeverCrash) {
     const std::string bytes = test::ReadText(scratch / name);
     for (int attempt = 0; attempt < 150; ++attempt) {
       std::string damaged = bytes;
-      for (int flips = 1 + static_cast<int>(random.next() % 4); flips > 0; --flips) {
+      for (int flips = 1 + static_cast<int>(random.next() % 4); flips > 0; --flips)
         damaged[random.next() % damaged.size()] = static_cast<char>(random.next());
-      }
       test::WriteBytes(scratch / "damaged", damaged);
-      try {
-        ReadImage(scratch / "damaged", ReadOptions{1'000'000});
-      } catch (const ImageError&) {
-      }
+      ErrorOf([&] { ReadImage(scratch / "damaged", ReadOptions{1'000'000}); });
     }
   }
 }
@@ -269,41 +207,21 @@ TEST(ToolSafeOutput, ReplacesTheTargetOnlyWhenComplete) {
   EXPECT_EQ(scratch.names(), std::vector<std::string>{"out.png"});
 }
 
-TEST(ToolSafeOutput, AnUnwritableDirectoryLeavesNothing) {
-  ScratchDir scratch;
-  const std::string directory = test::UnwritableDirectory(scratch);
-  const auto before = std::distance(std::filesystem::directory_iterator(directory), {});
-  const std::string message =
-      ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), directory + "/o.png"); });
-  EXPECT_NE(message.find("cannot write " + directory + "/o.png: cannot create a file in " + directory),
-            std::string::npos)
-      << message;
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), before);
-}
-
-TEST(ToolSafeOutput, AMissingDirectoryOrAnUnknownExtensionIsRefused) {
-  ScratchDir scratch;
-  EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), scratch / "no/such/dir/o.png"); })
-                .find("No such file"),
-            std::string::npos);
-  EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(4, 4, Layout::RGB, 8), scratch / "o.bmp"); }).find(".png"),
-            std::string::npos);
-  EXPECT_TRUE(scratch.names().empty());
-}
-
 TEST(ToolFileTypes, AreToldByExtensionInAnyCase) {
-  EXPECT_EQ(FileTypeFromExtension("a/b.PNG"), FileType::PNG);
-  EXPECT_EQ(FileTypeFromExtension("b.Jpeg"), FileType::JPEG);
-  EXPECT_EQ(FileTypeFromExtension("b.jpg"), FileType::JPEG);
-  EXPECT_EQ(FileTypeFromExtension("b.tiff"), FileType::TIFF);
-  EXPECT_EQ(FileTypeFromExtension("b.tif"), FileType::TIFF);
-  EXPECT_EQ(FileTypeFromExtension("dir.png/b"), std::nullopt);
-  EXPECT_EQ(FileTypeFromExtension("b.gif"), std::nullopt);
+  for (const auto& [path, type] : std::initializer_list<std::pair<const char*, std::optional<FileType>>>{
+           {"a/b.PNG", FileType::PNG},
+           {"b.Jpeg", FileType::JPEG},
+           {"b.jpg", FileType::JPEG},
+           {"b.tiff", FileType::TIFF},
+           {"b.tif", FileType::TIFF},
+           {"dir.png/b", std::nullopt},
+           {"b.gif", std::nullopt}})
+    EXPECT_EQ(FileTypeFromExtension(path), type) << path;
 }
 
 // ---- conversions ----
 
-TEST(ToolConversions, DepthGoesUpExactlyAndComesBackTheSame) {
+TEST(ToolConversions, DepthGoesUpExactlyAndComesBackRounded) {
   const Image eight = test::NoiseImage(17, 3, Layout::RGBA, 8);
   const Image sixteen = ConvertDepth(eight, 16);
   EXPECT_EQ(sixteen.sample(1), 65535u);
@@ -312,29 +230,18 @@ TEST(ToolConversions, DepthGoesUpExactlyAndComesBackTheSame) {
   Image odd = Image::Blank(1, 2, Layout::Gray, 16);
   odd.setSample(0, 257 * 10 + 128);  // 10.498: down
   odd.setSample(1, 257 * 10 + 129);  // 10.502: up
-  EXPECT_EQ(ConvertDepth(odd, 8).sample(0), 10u);
-  EXPECT_EQ(ConvertDepth(odd, 8).sample(1), 11u);
+  EXPECT_EQ(ConvertDepth(odd, 8).data, (std::vector<uint8_t>{10, 11}));
 }
 
 TEST(ToolConversions, ColourModelsMapPrimariesAndKeepAlpha) {
   Image rgba = Image::Blank(3, 1, Layout::RGBA, 8);
-  const uint32_t pixels[] = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
-  for (size_t i = 0; i < 12; ++i) rgba.setSample(i, pixels[i]);
-
-  const Image grey = ConvertLayout(rgba, Layout::GrayAlpha);
-  EXPECT_EQ(grey.sample(0), 76u);  // 0.299 * 255 rounded
-  EXPECT_EQ(grey.sample(1), 10u);
-  EXPECT_EQ(grey.sample(2), 255u);
-  EXPECT_EQ(grey.sample(4), 0u);
-
+  rgba.data = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
+  using Bytes = std::vector<uint8_t>;
+  EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
   const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
-  const uint32_t inks[] = {0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255};
-  for (size_t i = 0; i < 12; ++i) EXPECT_EQ(cmyk.sample(i), inks[i]) << i;
-  const Image back = ConvertLayout(cmyk, Layout::RGBA);
-  for (size_t p = 0; p < 3; ++p) {
-    for (size_t c = 0; c < 3; ++c) EXPECT_EQ(back.sample(p * 4 + c), pixels[p * 4 + c]);
-    EXPECT_EQ(back.sample(p * 4 + 3), 255u) << "CMYK has no alpha, so it comes back opaque";
-  }
+  EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
+  // CMYK has no alpha, so it comes back opaque.
+  EXPECT_EQ(ConvertLayout(cmyk, Layout::RGBA).data, (Bytes{255, 0, 0, 255, 255, 255, 255, 255, 0, 0, 0, 255}));
   EXPECT_EQ(LayoutForModel(Layout::RGBA, ColourModel::Gray), Layout::GrayAlpha);
   EXPECT_EQ(LayoutForModel(Layout::Gray, ColourModel::RGB), Layout::RGB);
   EXPECT_EQ(LayoutForModel(Layout::RGBA, ColourModel::CMYK), Layout::CMYK);

@@ -82,22 +82,17 @@ inline Image NoiseImage(int64_t width, int64_t height, Layout layout, int depth,
 inline Image RampImage(int64_t width, int64_t height, Layout layout, int depth = 8) {
   Image image = Image::Blank(width, height, layout, depth);
   const int channels = image.channels();
-  for (int64_t y = 0; y < height; ++y) {
-    for (int64_t x = 0; x < width; ++x) {
-      for (int c = 0; c < channels; ++c) {
-        const uint32_t value = static_cast<uint32_t>((x * 3 + y * 2 + c * 40) % 256);
-        image.setSample(static_cast<size_t>((y * width + x) * channels + c), depth == 16 ? value * 257 : value);
-      }
-    }
+  for (size_t i = 0; i < image.sampleCount(); ++i) {
+    const int64_t pixel = static_cast<int64_t>(i) / channels, x = pixel % width, y = pixel / width;
+    const uint32_t value = static_cast<uint32_t>((x * 3 + y * 2 + static_cast<int64_t>(i % channels) * 40) % 256);
+    image.setSample(i, depth == 16 ? value * 257 : value);
   }
   return image;
 }
 
 inline double MeanAbsoluteDifference(const Image& a, const Image& b) {
   double sum = 0;
-  for (size_t i = 0; i < a.sampleCount(); ++i) {
-    sum += std::abs(static_cast<double>(a.sample(i)) - static_cast<double>(b.sample(i)));
-  }
+  for (size_t i = 0; i < a.sampleCount(); ++i) sum += std::abs(double(a.sample(i)) - double(b.sample(i)));
   return a.sampleCount() ? sum / static_cast<double>(a.sampleCount()) : 0;
 }
 
@@ -118,26 +113,19 @@ struct ToolResult {
 // A started tool process with its output going to files.
 class ToolProcess {
  public:
-  ToolProcess(const std::vector<std::string>& arguments, const std::string& scratch) {
-    outPath_ = scratch + "/.tool-stdout";
-    errPath_ = scratch + "/.tool-stderr";
+  ToolProcess(std::vector<std::string> arguments, const std::string& scratch)
+      : outPath_(scratch + "/.tool-stdout"), errPath_(scratch + "/.tool-stderr") {
     pid_ = fork();
-    if (pid_ == 0) {
-      const int out = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int in = open("/dev/null", O_RDONLY);
-      dup2(in, 0);
-      dup2(out, 1);
-      dup2(err, 2);
-      std::vector<char*> argv;
-      std::string tool = RAWFX_TOOL_PATH;
-      argv.push_back(tool.data());
-      std::vector<std::string> copies = arguments;
-      for (std::string& argument : copies) argv.push_back(argument.data());
-      argv.push_back(nullptr);
-      execv(tool.c_str(), argv.data());
-      _exit(127);
-    }
+    if (pid_ != 0) return;
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    std::string tool = RAWFX_TOOL_PATH;
+    std::vector<char*> argv = {tool.data()};
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    execv(tool.c_str(), argv.data());
+    _exit(127);
   }
   pid_t pid() const { return pid_; }
   std::string errSoFar() const { return ReadText(errPath_); }
@@ -145,10 +133,8 @@ class ToolProcess {
   ToolResult wait() {
     int status = 0;
     waitpid(pid_, &status, 0);
-    ToolResult result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = ReadText(outPath_);
-    result.err = ReadText(errPath_);
+    ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(outPath_),
+                      ReadText(errPath_)};
     std::filesystem::remove(outPath_);
     std::filesystem::remove(errPath_);
     return result;

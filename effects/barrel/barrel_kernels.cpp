@@ -3,10 +3,33 @@
 // matrix) and filled from the source there, or from the background colour.
 // All arithmetic is double precision in a fixed order so results are exact to
 // the bit; positions are never rounded, stored samples are truncated.
+//
+// A row is done in chunks of kChunk pixels, in two passes. The plan pass maps
+// every pixel of the chunk to the source pixels it reads (and, for bilinear
+// sampling, its weights); the fill pass then reads and writes the samples.
+// Splitting them keeps the long chain of divisions away from the loads, so
+// the loads of a whole chunk can be in flight together: the source is read
+// along curves, and waiting for each pixel in turn cost more than the
+// arithmetic. The AVX2 plan maps four columns at once in double vectors (the
+// same +, -, *, / in the same order, each lane rounded as the scalar
+// operation) and tests the bounds with ordered compares, which fail for NaN
+// as the scalar ones do; the AVX2 fill blends up to four channels of a pixel
+// in one vector. Both give the portable path's bytes.
+//
+// Measured on this machine (2 cores, x86-64 with AVX2), 2048 x 2048,
+// distortion 0.4 and horizontal keystone 0.1, one thread, thread CPU time,
+// best of 5, against the plain per-pixel kernels in the same process:
+// FIGURES.
 #include "effects/barrel/barrel_kernels.h"
 
+#include <immintrin.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
+
+#include "imaging/cpu_dispatch.h"
 
 namespace {
 
@@ -37,7 +60,7 @@ struct SourceMapping {
   }
 
   // NaN when the mapping is undefined there (distortion -1, or W = 0 with X or Y = 0).
-  Position At(int32_t x, const RowTerms& row) const {
+  Position At(int64_t x, const RowTerms& row) const {
     const double nx = (static_cast<double>(x) - centerX) / centerX;
     const double r = ((nx * nx + row.nySquared) * distortion + 1.0) / distortionPlusOne;
     const double u = nx * r;
@@ -55,24 +78,62 @@ SourceMapping MappingOf(const BarrelDistortionParams& p) {
           k[k20], k[k21], k[k22], p.distortion, p.distortionPlusOne, p.centerX, p.centerY};
 }
 
-// Samples are read and written through byte pointers: 16-bit rows need not
-// start on an even address when the companion pads them.
-template <class Sample>
-Sample LoadSample(const uint8_t* pixel, int channel) {
-  Sample sample;
-  std::memcpy(&sample, pixel + channel * sizeof(Sample), sizeof(Sample));
-  return sample;
+// ---- byte moves -------------------------------------------------------------------
+// Samples are moved through byte pointers: 16-bit rows need not start on an
+// even address when the companion pads them. Pixels are short, so a run of n
+// bytes moves as two fixed-size words that overlap in the middle (both write
+// the same values there). The helpers are forced inline: as calls from the
+// AVX2 loops they would cost a call and a vzeroupper per pixel.
+
+#define RAWFX_INLINE __attribute__((always_inline)) inline
+
+template <class Word>
+RAWFX_INLINE Word LoadWord(const uint8_t* at) {
+  Word word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
 }
 
-template <class Sample>
-void StoreSample(uint8_t* pixel, int channel, Sample sample) {
-  std::memcpy(pixel + channel * sizeof(Sample), &sample, sizeof(Sample));
+template <class Word>
+RAWFX_INLINE void StoreWord(uint8_t* at, Word word) {
+  std::memcpy(at, &word, sizeof word);
 }
 
-template <class Sample>
-void CopyPixel(uint8_t* out, const uint8_t* in, int channels) {
-  for (int c = 0; c < channels; ++c) StoreSample<Sample>(out, c, LoadSample<Sample>(in, c));
+// n in 1..8 bytes, the first byte in the lowest bits.
+RAWFX_INLINE uint64_t LoadBytes(const uint8_t* at, int64_t n) {
+  if (n >= 4) return LoadWord<uint32_t>(at) | uint64_t{LoadWord<uint32_t>(at + n - 4)} << (8 * (n - 4));
+  if (n >= 2) return LoadWord<uint16_t>(at) | uint64_t{LoadWord<uint16_t>(at + n - 2)} << (8 * (n - 2));
+  return *at;
 }
+
+RAWFX_INLINE void StoreBytes(uint8_t* at, uint64_t bytes, int64_t n) {
+  if (n >= 4) {
+    StoreWord(at, static_cast<uint32_t>(bytes));
+    StoreWord(at + n - 4, static_cast<uint32_t>(bytes >> (8 * (n - 4))));
+  } else if (n >= 2) {
+    StoreWord(at, static_cast<uint16_t>(bytes));
+    StoreWord(at + n - 2, static_cast<uint16_t>(bytes >> (8 * (n - 2))));
+  } else {
+    *at = static_cast<uint8_t>(bytes);
+  }
+}
+
+// Copies n bytes (none when n <= 0); out and in do not overlap.
+RAWFX_INLINE void CopyBytes(uint8_t* out, const uint8_t* in, int64_t n) {
+  if (n <= 0) return;
+  if (n <= 8) {
+    StoreBytes(out, LoadBytes(in, n), n);
+  } else if (n <= 16) {
+    const uint64_t head = LoadWord<uint64_t>(in);
+    const uint64_t tail = LoadWord<uint64_t>(in + n - 8);
+    StoreWord(out, head);
+    StoreWord(out + n - 8, tail);
+  } else {
+    std::memcpy(out, in, static_cast<size_t>(n));
+  }
+}
+
+// ---- the source -------------------------------------------------------------------
 
 // The source as the kernels see it. Bounds are doubles so that a position is
 // tested before it is ever converted to an integer (NaN fails every test).
@@ -83,6 +144,7 @@ struct SourceImage {
   double lastColumn;
   double lastRow;
   const uint8_t* background;  // one sample per channel, in the bitmap's order
+  int channels;               // samples per pixel that are read and written
 
   bool Holds(double column, double row) const {
     return 0.0 <= column && column <= lastColumn && 0.0 <= row && row <= lastRow;
@@ -111,13 +173,74 @@ SourceImage SourceOf(const BarrelDistortionParams& p) {
           head.srcPixelBytes,
           static_cast<double>(head.width) - 1.0,
           static_cast<double>(head.height) - 1.0,
-          BackgroundOf<Sample>(p)};
+          BackgroundOf<Sample>(p),
+          head.srcPixelBytes / static_cast<int>(sizeof(Sample))};
 }
 
-template <class Sample>
-void NearestPixel(uint8_t* out, const SourceImage& source, Position s, int channels) {
-  const bool inside = s.x <= source.lastColumn && s.y >= 0.0 && s.x >= 0.0 && s.y <= source.lastRow;
-  CopyPixel<Sample>(out, inside ? source.PixelAt(s.x, s.y) : source.background, channels);
+// ---- plans --------------------------------------------------------------------------
+// kChannels is the number of samples per pixel when the fill is compiled for
+// one pixel size, or 0 when it takes the source's count at run time.
+
+constexpr int kChunk = 64;  // pixels planned before they are filled; a multiple of 4
+
+// Nearest sampling: the pixel each destination pixel copies.
+struct NearestPlan {
+  const uint8_t* from[kChunk];
+};
+
+// Bilinear sampling: the four neighbours (source pixels or the background)
+// and the weights. A pixel whose neighbours are all outside gets weights 0:
+// blending four background samples with them gives the background exactly,
+// and it keeps the NaN weights of a non-finite position out of the blend.
+struct BlendPlan {
+  const uint8_t* topLeft[kChunk];
+  const uint8_t* topRight[kChunk];
+  const uint8_t* bottomLeft[kChunk];
+  const uint8_t* bottomRight[kChunk];
+  double fx[kChunk];
+  double fy[kChunk];
+};
+
+template <Sampling mode>
+using PlanOf = std::conditional_t<mode == Sampling::Nearest, NearestPlan, BlendPlan>;
+
+// One chunk of a destination row: its first pixel, their step and count, and
+// the columns of the source mapping they belong to.
+struct Chunk {
+  uint8_t* out;
+  int64_t step;
+  int64_t firstColumn;
+  int count;
+};
+
+template <int kChannels>
+RAWFX_INLINE int ChannelsOf(const SourceImage& source) {
+  return kChannels > 0 ? kChannels : source.channels;
+}
+
+template <class Sample, int kChannels>
+RAWFX_INLINE void CopyPixel(uint8_t* out, const uint8_t* in, const SourceImage& source) {
+  if constexpr (kChannels > 0)
+    std::memcpy(out, in, kChannels * sizeof(Sample));
+  else
+    CopyBytes(out, in, int64_t{source.channels} * static_cast<int64_t>(sizeof(Sample)));
+}
+
+template <class Sample, int kChannels>
+RAWFX_INLINE void FillNearest(const Chunk& chunk, const NearestPlan& plan, const SourceImage& source) {
+  uint8_t* out = chunk.out;
+  for (int i = 0; i < chunk.count; ++i, out += chunk.step) CopyPixel<Sample, kChannels>(out, plan.from[i], source);
+}
+
+// ---- the portable path --------------------------------------------------------------
+
+void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
+                  NearestPlan& plan) {
+  for (int i = 0; i < chunk.count; ++i) {
+    const Position s = mapping.At(chunk.firstColumn + i, row);
+    const bool inside = s.x <= source.lastColumn && s.y >= 0.0 && s.x >= 0.0 && s.y <= source.lastRow;
+    plan.from[i] = inside ? source.PixelAt(s.x, s.y) : source.background;
+  }
 }
 
 // s - floor(s), in [0, 1].
@@ -127,40 +250,295 @@ double Fraction(double s) {
   return f;
 }
 
-template <class Sample>
-void BlendPixel(uint8_t* out, const SourceImage& source, Position s, int channels) {
-  const double x0 = std::floor(s.x);
-  const double y0 = std::floor(s.y);
-  const double x1 = x0 + 1.0;
-  const double y1 = y0 + 1.0;
-  const bool hasTopLeft = source.Holds(x0, y0);
-  const bool hasTopRight = source.Holds(x1, y0);
-  const bool hasBottomLeft = source.Holds(x0, y1);
-  const bool hasBottomRight = source.Holds(x1, y1);
-  // Four background neighbours blend to exactly the background. Taking it
-  // directly also covers a non-finite position, whose weights are NaN.
-  if (!hasTopLeft && !hasTopRight && !hasBottomLeft && !hasBottomRight) {
-    CopyPixel<Sample>(out, source.background, channels);
-    return;
-  }
-  const uint8_t* topLeft = hasTopLeft ? source.PixelAt(x0, y0) : source.background;
-  const uint8_t* topRight = hasTopRight ? source.PixelAt(x1, y0) : source.background;
-  const uint8_t* bottomLeft = hasBottomLeft ? source.PixelAt(x0, y1) : source.background;
-  const uint8_t* bottomRight = hasBottomRight ? source.PixelAt(x1, y1) : source.background;
-  const double fx = Fraction(s.x);
-  const double fy = Fraction(s.y);
-  for (int c = 0; c < channels; ++c) {
-    const double tl = LoadSample<Sample>(topLeft, c);
-    const double tr = LoadSample<Sample>(topRight, c);
-    const double bl = LoadSample<Sample>(bottomLeft, c);
-    const double br = LoadSample<Sample>(bottomRight, c);
-    const double upper = (tr - tl) * fx + tl;
-    const double lower = (br - bl) * fx + bl;
-    const double value = (lower - upper) * fy + upper;
-    // The value lies between the samples, so it fits the sample type; truncated.
-    StoreSample<Sample>(out, c, static_cast<Sample>(value));
+void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
+                  BlendPlan& plan) {
+  for (int i = 0; i < chunk.count; ++i) {
+    const Position s = mapping.At(chunk.firstColumn + i, row);
+    const double x0 = std::floor(s.x);
+    const double y0 = std::floor(s.y);
+    const double x1 = x0 + 1.0;
+    const double y1 = y0 + 1.0;
+    const bool hasTopLeft = source.Holds(x0, y0);
+    const bool hasTopRight = source.Holds(x1, y0);
+    const bool hasBottomLeft = source.Holds(x0, y1);
+    const bool hasBottomRight = source.Holds(x1, y1);
+    plan.topLeft[i] = hasTopLeft ? source.PixelAt(x0, y0) : source.background;
+    plan.topRight[i] = hasTopRight ? source.PixelAt(x1, y0) : source.background;
+    plan.bottomLeft[i] = hasBottomLeft ? source.PixelAt(x0, y1) : source.background;
+    plan.bottomRight[i] = hasBottomRight ? source.PixelAt(x1, y1) : source.background;
+    const bool hasAny = hasTopLeft || hasTopRight || hasBottomLeft || hasBottomRight;
+    plan.fx[i] = hasAny ? Fraction(s.x) : 0.0;
+    plan.fy[i] = hasAny ? Fraction(s.y) : 0.0;
   }
 }
+
+template <class Sample>
+Sample LoadSample(const uint8_t* pixel, int channel) {
+  return LoadWord<Sample>(pixel + channel * sizeof(Sample));
+}
+
+template <class Sample>
+void FillBlendPortable(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
+  uint8_t* out = chunk.out;
+  for (int i = 0; i < chunk.count; ++i, out += chunk.step) {
+    const double fx = plan.fx[i];
+    const double fy = plan.fy[i];
+    for (int c = 0; c < source.channels; ++c) {
+      const double tl = LoadSample<Sample>(plan.topLeft[i], c);
+      const double tr = LoadSample<Sample>(plan.topRight[i], c);
+      const double bl = LoadSample<Sample>(plan.bottomLeft[i], c);
+      const double br = LoadSample<Sample>(plan.bottomRight[i], c);
+      const double upper = (tr - tl) * fx + tl;
+      const double lower = (br - bl) * fx + bl;
+      const double value = (lower - upper) * fy + upper;
+      // The value lies between the samples, so it fits the sample type; truncated.
+      StoreWord(out + c * sizeof(Sample), static_cast<Sample>(value));
+    }
+  }
+}
+
+template <class Sample, Sampling mode, int kChannels>
+void FillChunkPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row,
+                       const Chunk& chunk) {
+  PlanOf<mode> plan;
+  PlanPortable(mapping, source, row, chunk, plan);
+  if constexpr (mode == Sampling::Nearest)
+    FillNearest<Sample, kChannels>(chunk, plan, source);
+  else
+    FillBlendPortable<Sample>(chunk, plan, source);
+}
+
+// ---- the AVX2 path ------------------------------------------------------------------
+// Lane i of a vector belongs to column x + i. The last group of a chunk may
+// have lanes past the chunk's end: they are planned (pure arithmetic; only
+// lanes that passed a bounds test are converted) and never filled.
+
+#define RAWFX_AVX2 __attribute__((target("avx2")))
+
+struct WideMapping {
+  __m256d m00, m01, m02, m10, m11, m12, m20, m21, m22;
+  __m256d distortion, distortionPlusOne, centerX, centerY;
+  __m256d ny, nySquared;
+};
+
+RAWFX_AVX2 inline WideMapping Widen(const SourceMapping& m, const RowTerms& row) {
+  return {_mm256_set1_pd(m.m00),        _mm256_set1_pd(m.m01),     _mm256_set1_pd(m.m02),
+          _mm256_set1_pd(m.m10),        _mm256_set1_pd(m.m11),     _mm256_set1_pd(m.m12),
+          _mm256_set1_pd(m.m20),        _mm256_set1_pd(m.m21),     _mm256_set1_pd(m.m22),
+          _mm256_set1_pd(m.distortion), _mm256_set1_pd(m.distortionPlusOne),
+          _mm256_set1_pd(m.centerX),    _mm256_set1_pd(m.centerY), _mm256_set1_pd(row.ny),
+          _mm256_set1_pd(row.nySquared)};
+}
+
+struct WidePosition {
+  __m256d x;
+  __m256d y;
+};
+
+// SourceMapping::At for four columns, operation for operation.
+RAWFX_AVX2 RAWFX_INLINE WidePosition MapFour(const WideMapping& m, __m256d column) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d nx = (column - m.centerX) / m.centerX;
+  const __m256d r = ((nx * nx + m.nySquared) * m.distortion + one) / m.distortionPlusOne;
+  const __m256d u = nx * r;
+  const __m256d v = m.ny * r;
+  const __m256d X = u * m.m00 + v * m.m10 + m.m20;
+  const __m256d Y = u * m.m01 + v * m.m11 + m.m21;
+  const __m256d W = u * m.m02 + v * m.m12 + m.m22;
+  return {(X / W + one) * m.centerX, (Y / W + one) * m.centerY};
+}
+
+// The source as vectors: bounds, strides and the two kinds of address.
+struct WideSource {
+  __m256d lastColumn, lastRow;
+  __m256i pixels, background, rowBytes, pixelBytes;
+};
+
+RAWFX_AVX2 inline WideSource Widen(const SourceImage& s) {
+  return {_mm256_set1_pd(s.lastColumn),
+          _mm256_set1_pd(s.lastRow),
+          _mm256_set1_epi64x(reinterpret_cast<intptr_t>(s.pixels)),
+          _mm256_set1_epi64x(reinterpret_cast<intptr_t>(s.background)),
+          _mm256_set1_epi64x(s.rowBytes),
+          _mm256_set1_epi64x(s.pixelBytes)};
+}
+
+// 0 <= v <= last per lane; false for NaN.
+RAWFX_AVX2 RAWFX_INLINE __m256d Within(__m256d v, __m256d last) {
+  return _mm256_and_pd(_mm256_cmp_pd(_mm256_setzero_pd(), v, _CMP_LE_OQ), _mm256_cmp_pd(v, last, _CMP_LE_OQ));
+}
+
+// The address of source pixel (column, row) per lane, with column and row
+// truncated to integers. Only lanes whose column and row passed a bounds
+// test (columnOk, rowOk) are converted; the others are zeroed first, so no
+// value out of range is ever converted. Their addresses are meaningless and
+// must not be chosen.
+RAWFX_AVX2 RAWFX_INLINE __m256i AddressesOf(const WideSource& s, __m256d column, __m256d columnOk, __m256d row,
+                                            __m256d rowOk) {
+  const __m256i columns = _mm256_cvtepi32_epi64(_mm256_cvttpd_epi32(_mm256_and_pd(columnOk, column)));
+  const __m256i rows = _mm256_cvtepi32_epi64(_mm256_cvttpd_epi32(_mm256_and_pd(rowOk, row)));
+  // Both factors of each product fit 32 signed bits: the products are exact.
+  const __m256i offsets = _mm256_add_epi64(_mm256_mul_epi32(rows, s.rowBytes), _mm256_mul_epi32(columns, s.pixelBytes));
+  return _mm256_add_epi64(s.pixels, offsets);
+}
+
+// Per lane: the address where inside is set, else the background.
+RAWFX_AVX2 RAWFX_INLINE void StoreChoice(const uint8_t** to, const WideSource& s, __m256i address, __m256d inside) {
+  const __m256i chosen = _mm256_blendv_epi8(s.background, address, _mm256_castpd_si256(inside));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), chosen);
+}
+
+RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePosition& s, int at, NearestPlan& plan) {
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d inside =
+      _mm256_and_pd(_mm256_and_pd(_mm256_cmp_pd(s.x, source.lastColumn, _CMP_LE_OQ), _mm256_cmp_pd(s.y, zero, _CMP_GE_OQ)),
+                    _mm256_and_pd(_mm256_cmp_pd(s.x, zero, _CMP_GE_OQ), _mm256_cmp_pd(s.y, source.lastRow, _CMP_LE_OQ)));
+  StoreChoice(plan.from + at, source, AddressesOf(source, s.x, inside, s.y, inside), inside);
+}
+
+// fmod(s, 1.0) plus 1.0 when negative. For finite s, fmod(s, 1.0) is exactly
+// s - trunc(s) with the sign of s (also when it is zero), so these are the
+// scalar weights bit for bit. Lanes with a non-finite s have all neighbours
+// outside; their weights are replaced by 0.
+RAWFX_AVX2 RAWFX_INLINE __m256d FractionFour(__m256d s) {
+  const __m256d wholePart = _mm256_round_pd(s, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+  const __m256d f = _mm256_or_pd(s - wholePart, _mm256_and_pd(s, _mm256_set1_pd(-0.0)));
+  const __m256d negative = _mm256_cmp_pd(f, _mm256_setzero_pd(), _CMP_LT_OQ);
+  return _mm256_blendv_pd(f, f + _mm256_set1_pd(1.0), negative);
+}
+
+RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePosition& s, int at, BlendPlan& plan) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d x0 = _mm256_round_pd(s.x, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+  const __m256d y0 = _mm256_round_pd(s.y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+  const __m256d left = Within(x0, source.lastColumn);
+  const __m256d right = Within(x0 + one, source.lastColumn);
+  const __m256d top = Within(y0, source.lastRow);
+  const __m256d bottom = Within(y0 + one, source.lastRow);
+  // A column or row next to an inside one is at least -1: converted, it fits.
+  const __m256i topLeft = AddressesOf(source, x0, _mm256_or_pd(left, right), y0, _mm256_or_pd(top, bottom));
+  const __m256i bottomLeft = _mm256_add_epi64(topLeft, source.rowBytes);
+  const __m256d hasTopLeft = _mm256_and_pd(left, top);
+  const __m256d hasTopRight = _mm256_and_pd(right, top);
+  const __m256d hasBottomLeft = _mm256_and_pd(left, bottom);
+  const __m256d hasBottomRight = _mm256_and_pd(right, bottom);
+  StoreChoice(plan.topLeft + at, source, topLeft, hasTopLeft);
+  StoreChoice(plan.topRight + at, source, _mm256_add_epi64(topLeft, source.pixelBytes), hasTopRight);
+  StoreChoice(plan.bottomLeft + at, source, bottomLeft, hasBottomLeft);
+  StoreChoice(plan.bottomRight + at, source, _mm256_add_epi64(bottomLeft, source.pixelBytes), hasBottomRight);
+  const __m256d hasAny =
+      _mm256_or_pd(_mm256_or_pd(hasTopLeft, hasTopRight), _mm256_or_pd(hasBottomLeft, hasBottomRight));
+  _mm256_storeu_pd(plan.fx + at, _mm256_and_pd(hasAny, FractionFour(s.x)));
+  _mm256_storeu_pd(plan.fy + at, _mm256_and_pd(hasAny, FractionFour(s.y)));
+}
+
+template <Sampling mode>
+RAWFX_AVX2 RAWFX_INLINE void PlanAVX2(const WideMapping& mapping, const WideSource& source, const Chunk& chunk,
+                                      PlanOf<mode>& plan) {
+  const __m256d first = _mm256_set1_pd(static_cast<double>(chunk.firstColumn));
+  __m256d column = first + _mm256_setr_pd(0.0, 1.0, 2.0, 3.0);
+  for (int at = 0; at < chunk.count; at += 4, column += _mm256_set1_pd(4.0))
+    PlanFour(source, MapFour(mapping, column), at, plan);
+}
+
+// Up to four samples as doubles; lanes past count are 0.
+template <class Sample>
+RAWFX_AVX2 RAWFX_INLINE __m256d LoadGroup(const uint8_t* at, int count) {
+  const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(LoadBytes(at, count * sizeof(Sample))));
+  if constexpr (sizeof(Sample) == 1)
+    return _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(packed));
+  else
+    return _mm256_cvtepi32_pd(_mm_cvtepu16_epi32(packed));
+}
+
+// Stores count truncated samples. Every lane lies between samples, so it fits
+// the sample type and the saturating packs leave it unchanged.
+template <class Sample>
+RAWFX_AVX2 RAWFX_INLINE void StoreGroup(uint8_t* at, __m256d values, int count) {
+  __m128i packed = _mm_packus_epi32(_mm256_cvttpd_epi32(values), _mm_setzero_si128());
+  if constexpr (sizeof(Sample) == 1) packed = _mm_packus_epi16(packed, _mm_setzero_si128());
+  StoreBytes(at, static_cast<uint64_t>(_mm_cvtsi128_si64(packed)), count * sizeof(Sample));
+}
+
+// FillBlendPortable's per-channel formula on up to four channels at a time.
+template <class Sample, int kChannels>
+RAWFX_AVX2 RAWFX_INLINE void FillBlendAVX2(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
+  const int channels = ChannelsOf<kChannels>(source);
+  uint8_t* out = chunk.out;
+  for (int i = 0; i < chunk.count; ++i, out += chunk.step) {
+    const __m256d fx = _mm256_broadcast_sd(plan.fx + i);
+    const __m256d fy = _mm256_broadcast_sd(plan.fy + i);
+    for (int c = 0; c < channels; c += 4) {
+      const int count = std::min(4, channels - c);
+      const int64_t at = c * static_cast<int64_t>(sizeof(Sample));
+      const __m256d tl = LoadGroup<Sample>(plan.topLeft[i] + at, count);
+      const __m256d tr = LoadGroup<Sample>(plan.topRight[i] + at, count);
+      const __m256d bl = LoadGroup<Sample>(plan.bottomLeft[i] + at, count);
+      const __m256d br = LoadGroup<Sample>(plan.bottomRight[i] + at, count);
+      const __m256d upper = (tr - tl) * fx + tl;
+      const __m256d lower = (br - bl) * fx + bl;
+      const __m256d value = (lower - upper) * fy + upper;
+      StoreGroup<Sample>(out + at, value, count);
+    }
+  }
+}
+
+template <class Sample, Sampling mode, int kChannels>
+RAWFX_AVX2 void FillChunkAVX2(const WideMapping& mapping, const WideSource& wideSource, const SourceImage& source,
+                              const Chunk& chunk) {
+  PlanOf<mode> plan;
+  PlanAVX2<mode>(mapping, wideSource, chunk, plan);
+  if constexpr (mode == Sampling::Nearest)
+    FillNearest<Sample, kChannels>(chunk, plan, source);
+  else
+    FillBlendAVX2<Sample, kChannels>(chunk, plan, source);
+}
+
+// ---- rows ---------------------------------------------------------------------------
+
+// One destination row: where it starts, how far a pixel steps, how many pixels.
+struct RowTarget {
+  uint8_t* out;
+  int64_t step;
+  int64_t width;
+};
+
+// The chunk of the row that starts at column x.
+Chunk ChunkAt(const RowTarget& target, int64_t x) {
+  const int count = static_cast<int>(std::min<int64_t>(kChunk, target.width - x));
+  return {target.out + x * target.step, target.step, x, count};
+}
+
+template <class Sample, Sampling mode, int kChannels>
+void FillRowPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, RowTarget target) {
+  for (int64_t x = 0; x < target.width; x += kChunk)
+    FillChunkPortable<Sample, mode, kChannels>(mapping, source, row, ChunkAt(target, x));
+}
+
+template <class Sample, Sampling mode, int kChannels>
+RAWFX_AVX2 void FillRowAVX2(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row,
+                            RowTarget target) {
+  const WideMapping wideMapping = Widen(mapping, row);
+  const WideSource wideSource = Widen(source);
+  for (int64_t x = 0; x < target.width; x += kChunk)
+    FillChunkAVX2<Sample, mode, kChannels>(wideMapping, wideSource, source, ChunkAt(target, x));
+}
+
+#undef RAWFX_AVX2
+
+using RowFiller = void (*)(const SourceMapping&, const SourceImage&, const RowTerms&, RowTarget);
+
+// The AVX2 rows are compiled apart for the usual pixels (three or four
+// samples), where the copies and blends become fixed-size moves.
+template <class Sample, Sampling mode>
+RowFiller RowFillerFor(int channels) {
+  if (!rawfx::cpu::UseAVX2()) return FillRowPortable<Sample, mode, 0>;
+  if (channels == 3) return FillRowAVX2<Sample, mode, 3>;
+  if (channels == 4) return FillRowAVX2<Sample, mode, 4>;
+  return FillRowAVX2<Sample, mode, 0>;
+}
+
+// ---- the part -----------------------------------------------------------------------
 
 template <class Sample, Sampling mode>
 void* BarrelDistortPart(void* block) {
@@ -170,25 +548,20 @@ void* BarrelDistortPart(void* block) {
   constexpr int kSampleBytes = sizeof(Sample);
   const SourceMapping mapping = MappingOf(params);
   const SourceImage source = SourceOf<Sample>(params);
-  const int channels = head.srcPixelBytes / kSampleBytes;
   // Whole samples only: a 16-bit destination steps by an even number of bytes.
   const int64_t dstStep = head.dstPixelBytes / kSampleBytes * kSampleBytes;
+  const RowFiller fillRow = RowFillerFor<Sample, mode>(source.channels);
 
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
-    const RowTerms row = mapping.Row(y);
     uint8_t* out = head.dstPixels + static_cast<int64_t>(y) * head.dstRowBytes;
-    for (int32_t x = 0; x < head.width; ++x, out += dstStep) {
-      const Position s = mapping.At(x, row);
-      if constexpr (mode == Sampling::Nearest)
-        NearestPixel<Sample>(out, source, s, channels);
-      else
-        BlendPixel<Sample>(out, source, s, channels);
-    }
+    fillRow(mapping, source, mapping.Row(y), RowTarget{out, dstStep, head.width});
     if (!rawfx::FinishRow(head)) break;
   }
   part->done = 1;
   return nullptr;
 }
+
+#undef RAWFX_INLINE
 
 }  // namespace
 

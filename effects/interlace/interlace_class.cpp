@@ -187,6 +187,10 @@ Preparation Prepare(InterlaceData& data, REALobject source, InterlaceRun& run) {
   run.params.verticalType = data.verticalType;
   run.params.interlaceAlpha = data.interlaceAlpha;
   run.bitmap = GetRawBitmapData(source);
+  if (!run.bitmap) {  // a host that cannot give the bitmap's data
+    rawfx::StoreError(&data, rawfx::kErrorInvalidArgument);
+    return Preparation::Refused;
+  }
   OrderBackgroundColour(data.backColor, run.bitmap, static_cast<signed char>(data.interlaceAlpha),
                         run.params.channelValues, ColourTestOrder::ByBitmapFamily);
   if (!ChooseKernels(run)) {

@@ -8,9 +8,12 @@
 //
 // Preconditions set by the class before a run: 8 bits per channel, smoothness
 // within 0.04 .. 1.0, maxLevel = smoothness * 255 (single precision,
-// truncated), brushSize within 1 .. 5, and the engine has filled the head.
+// truncated), brushSize within 1 .. 5, and the engine has filled the head
+// with a destination apart from the source (the effect always paints into a
+// new bitmap, never in place).
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -56,6 +59,25 @@ inline uint8_t BinOf(uint8_t intensity, float smoothness) {
   const double scaled = intensity * static_cast<double>(smoothness);
   if (!(scaled > -2147483649.0 && scaled < 2147483648.0)) return 0;
   return static_cast<uint8_t>(static_cast<int32_t>(scaled));
+}
+
+// The most pixels a neighbourhood holds: the square of radius 5.
+inline constexpr uint32_t kMaxNeighbours = 121;
+
+// 2^32 / count rounded up (plus one for powers of two), for count 1 .. 121.
+inline constexpr std::array<uint64_t, kMaxNeighbours + 1> kCountReciprocals = [] {
+  std::array<uint64_t, kMaxNeighbours + 1> reciprocals{};
+  for (uint64_t count = 1; count <= kMaxNeighbours; ++count) reciprocals[count] = (uint64_t{1} << 32) / count + 1;
+  return reciprocals;
+}();
+
+// sum / count, truncated, for a neighbourhood's channel sum (at most
+// 255 x count) and its count (1 .. 121), without a division: the reciprocal
+// exceeds 2^32 / count by at most 1, so the product exceeds the exact
+// quotient by less than 2^15 / 2^32 = 2^-17, less than the 1 / count that
+// separates it from the next integer.
+inline uint32_t MeanOf(uint32_t sum, uint32_t count) {
+  return static_cast<uint32_t>(uint64_t{sum} * kCountReciprocals[count] >> 32);
 }
 
 }  // namespace rawfx::oilpaint

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "effects/polar/polar_kernels.h"
@@ -133,6 +134,10 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
   settings.angleOffset = 0.0;
 
   RawBitmap* bitmap = GetRawBitmapData(source);
+  if (!bitmap) {  // a host that cannot give the bitmap's data
+    engine->lastError = rawfx::kErrorInvalidArgument;
+    return nullptr;
+  }
   // A bitmap without alpha gets -1 (full) in its alpha position, whatever the colour's alpha.
   ChannelValues channelValues{};
   OrderBackgroundColour(backColor, bitmap, static_cast<signed char>(bitmap->hasAlpha), channelValues,
@@ -155,7 +160,27 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
   }
 }
 
+// Bytes of the column table that a run over source takes: polar to rectangular
+// only, whose per-column work (a tangent, a sine and a cosine) the table saves
+// on every row. 0 for no table.
+size_t ColumnTableBytes(REALobject source, signed char rectangularToPolar) {
+  if (!source || rectangularToPolar) return 0;
+  const RawBitmap* bitmap = GetRawBitmapData(source);
+  return bitmap ? PolarColumnTableBytes(bitmap->width, bitmap->height) : 0;
+}
+
+// Makes the run's column table in storage of tableBytes bytes, when there is
+// storage and it was sized for this bitmap.
+void AttachColumnTable(PolarCoordinatesParams* params, void* storage, size_t tableBytes, const RawBitmap& bitmap) {
+  if (!storage || tableBytes == 0 || tableBytes != PolarColumnTableBytes(bitmap.width, bitmap.height)) return;
+  params->columnTable = MakePolarColumnTable(storage, params->settings, static_cast<int32_t>(bitmap.width),
+                                             static_cast<int32_t>(bitmap.height));
+}
+
 // The four-argument Apply: the arguments serve this call only, the properties keep their values.
+// The block lives on the stack; a column table, if the run takes one, on the
+// heap until the engine has run every part. Without memory for it the parts
+// map every pixel in full, with the same result.
 REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangularToPolar, signed char flipMapping,
                        REALobject backColor) {
   MPImageFilterData* engine = rawfx::EngineOf(DataOf(self));
@@ -165,6 +190,9 @@ REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangul
   RawBitmap* bitmap =
       PrepareParams(source, engine, &params, rectangularToPolar, flipMapping, backColor, &part, &formatFlags);
   if (!bitmap) return nullptr;
+  const size_t tableBytes = ColumnTableBytes(source, rectangularToPolar);
+  const std::unique_ptr<std::byte[]> table(tableBytes ? new (std::nothrow) std::byte[tableBytes] : nullptr);
+  AttachColumnTable(&params, table.get(), tableBytes, *bitmap);
   return engine->ops->ProcessParts(engine, &params, part, part, bitmap, nullptr, kModeCode, formatFlags,
                                    rawfx::kResultFlag);
 }
@@ -177,12 +205,19 @@ REALobject IEffectApply(REALobject self, REALobject source) {
 
 // The block outlives this call: it is allocated with the global operator new
 // and, handed over with no delete callback, released by the engine with the
-// global operator delete after the run. If the checks fail it is freed here.
+// global operator delete after the run. A column table, if the run takes one,
+// follows the block in the same allocation and so is released with it. If the
+// checks fail the block is freed here.
 void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
   PolarCoordinatesData* data = DataOf(self);
   MPImageFilterData* engine = rawfx::EngineOf(data);
-  void* storage = ::operator new(sizeof(PolarCoordinatesParams));
-  std::memset(storage, 0, sizeof(PolarCoordinatesParams));
+  size_t tableBytes = ColumnTableBytes(source, static_cast<signed char>(data->rectangularToPolar));
+  void* storage = tableBytes ? ::operator new(sizeof(PolarCoordinatesParams) + tableBytes, std::nothrow) : nullptr;
+  if (!storage) {
+    tableBytes = 0;  // without memory for the table the parts map every pixel in full
+    storage = ::operator new(sizeof(PolarCoordinatesParams));
+  }
+  std::memset(storage, 0, sizeof(PolarCoordinatesParams) + tableBytes);
   auto* params = static_cast<PolarCoordinatesParams*>(storage);
 
   PartFunction part = nullptr;
@@ -194,6 +229,7 @@ void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTar
     ::operator delete(storage);
     return;
   }
+  AttachColumnTable(params, params + 1, tableBytes, *bitmap);
   engine->ops->ProcessPartsAsync(self, engine, source, params, part, part, bitmap, nullptr, kModeCode, formatFlags,
                                  rawfx::kResultFlag, completeTarget, completeMethod, nullptr);
 }

@@ -36,16 +36,51 @@ static_assert(offsetof(PolarizeSettings, centerX) == 32);
 static_assert(offsetof(PolarizeSettings, centerY) == 40);
 static_assert(sizeof(PolarizeSettings) == 48);
 
+// The polar-to-rectangular mapping of one destination column: everything but
+// the row's share of the radius, so a run can work it out once per column
+// instead of once per pixel (it costs a tangent, a sine and a cosine).
+struct PolarColumn {
+  double xStep;   // +-sin of the folded angle, signed as the column's quadrant moves sx
+  double yStep;   // +-cos of the folded angle, signed as the column's quadrant moves sy
+  double radius;  // the polar radius R along the column's angle
+};
+
+// The columns of one polar-to-rectangular run, made before the run in memory
+// the effect owns for it. The header records what the columns were made for:
+// a part uses them only when that matches its own geometry and options, and
+// otherwise maps every pixel in full. `width` PolarColumn entries follow it.
+struct PolarColumnTable {
+  int32_t width;
+  int32_t height;
+  double roundness;
+  double angleOffset;
+  uint8_t flipMapping;  // 0 or 1
+  const PolarColumn* Columns() const { return reinterpret_cast<const PolarColumn*>(this + 1); }
+};
+static_assert(sizeof(PolarColumnTable) % alignof(PolarColumn) == 0);
+
 struct PolarCoordinatesParams {
   GenericMPParams head;         // 0: filled by the engine
   PolarizeSettings settings;    // 88
   uint8_t backColor8[8];        // 136: background samples in the source's channel order
   uint16_t backColor16[8];      // 144: the same for 16-bit sources
+  const PolarColumnTable* columnTable;  // 160: nil, or the run's columns (only read)
 };
 static_assert(offsetof(PolarCoordinatesParams, settings) == 88);
 static_assert(offsetof(PolarCoordinatesParams, backColor8) == 136);
 static_assert(offsetof(PolarCoordinatesParams, backColor16) == 144);
-static_assert(sizeof(PolarCoordinatesParams) == 160);
+static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
+static_assert(sizeof(PolarCoordinatesParams) == 168);
+
+// Bytes of a column table for a width x height bitmap (header included); 0 when
+// a part could not use one (a size outside 1 .. the largest int32).
+size_t PolarColumnTableBytes(int64_t width, int64_t height);
+
+// Makes the column table of a polar-to-rectangular run over a width x height
+// bitmap with the options of settings, in storage of
+// PolarColumnTableBytes(width, height) bytes aligned for a double, and returns it.
+const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
+                                             int32_t height);
 
 // Maps destination pixel (x, y) to its unrounded source position. Returns
 // false, leaving both out-arguments untouched, when the position lies outside
@@ -55,6 +90,10 @@ bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double
 
 // Part functions: block is an MPParamBlock whose params is a
 // PolarCoordinatesParams. The 8-bit part reads srcPixelBytes samples per pixel,
-// the 16-bit part srcPixelBytes / 2. Both set done and return nil.
+// the 16-bit part srcPixelBytes / 2. Both set done and return nil. The source
+// and the destination must be different bitmaps whose pixels do not overlap
+// (the destination step holds at least the samples written), as the engine's
+// new result bitmap of the source's format always is: the parts may write the
+// pixels of a row in any order.
 void* PolarCoordinatesPart(void* block);
 void* PolarCoordinatesPart16(void* block);

@@ -1,9 +1,13 @@
 #include "support/child_process.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstdio>
+
+#include "plugin/host_binding.h"
 
 namespace rawfx::test {
 
@@ -32,6 +36,32 @@ ChildResult RunInChild(const std::function<std::string()>& body) {
   result.exitedNormally = WIFEXITED(status);
   result.exitCode = result.exitedNormally ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+int ScriptedHost::Asks(std::string_view name) const {
+  return static_cast<int>(std::count(asked.begin(), asked.end(), name));
+}
+
+namespace {
+ScriptedHost* gScripted = nullptr;
+}  // namespace
+
+void InFreshProcess(const std::function<void(ScriptedHost&)>& body) {
+  std::fflush(nullptr);
+  const ChildResult result = RunInChild([&] {
+    ScriptedHost host;
+    gScripted = &host;
+    gResolver = [](const char* name) -> void* {
+      gScripted->asked.emplace_back(name);
+      const auto found = gScripted->known.find(name);
+      return found == gScripted->known.end() ? nullptr : found->second;
+    };
+    body(host);
+    std::fflush(nullptr);
+    return std::string(::testing::Test::HasFailure() ? "failed" : "passed");
+  });
+  EXPECT_TRUE(result.exitedNormally);
+  EXPECT_EQ(result.output, "passed");
 }
 
 }  // namespace rawfx::test
