@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap configure build test demo bench bench-peers sanitize clean
+.PHONY: all bootstrap configure build test demo bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -38,15 +38,55 @@ bench-peers: bootstrap
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench_peers
 	$(BUILD)/bench/rawfx_bench_peers --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
 
+# ---- sanitizers ----------------------------------------------------------------
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, then the
-# engine and effect tests under ThreadSanitizer with several workers.
-sanitize: bootstrap
+# engine, effect and fault tests under ThreadSanitizer. Every report stops its
+# test. The module the host copies and loads is built with the same flags, so
+# its code is checked too. The differential tests run SANITIZE_DIFF_CASES cases
+# each under the sanitizers (read from RAWFX_DIFF_CASES by the tests that honour it).
+SANITIZE_DIFF_CASES ?= 500
+TSAN_TESTS = $(sort $(basename $(notdir $(wildcard \
+  $(foreach t,host_engine interlace_* polar_* barrel_* oilpaint_* fault_*,tests/$(t)_test.cpp)))))
+
+sanitize: sanitize-asan sanitize-tsan
+
+sanitize-asan: bootstrap
 	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRAWFX_SANITIZE=address,undefined
 	cmake --build build-asan -j $(JOBS)
-	cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)
+	cd build-asan && RAWFX_DIFF_CASES=$(SANITIZE_DIFF_CASES) \
+	  ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+# Only the TSAN_TESTS executables are built; ctest skips the placeholders of the
+# others. setarch -R turns address randomisation off for the run, so that the
+# ThreadSanitizer runtime finds its fixed memory layout on any kernel.
+sanitize-tsan: bootstrap
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRAWFX_SANITIZE=thread -DRAWFX_BUILD_TOOL=OFF
-	cmake --build build-tsan -j $(JOBS)
-	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -R '^(Host|Engine|Interlace|Barrel|Polar|OilPaint)'
+	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
+	cd build-tsan && RAWFX_DIFF_CASES=$(SANITIZE_DIFF_CASES) TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  setarch $$(uname -m) -R ctest --output-on-failure -j $(JOBS) -E '_NOT_BUILT$$'
+
+# ---- fuzzing -------------------------------------------------------------------
+# Every fuzz target for FUZZ_SECONDS, from its seeds in fuzz/corpus/<target>/
+# and what earlier runs kept in build-fuzz/corpus/<target>/. A finding stops the
+# run and leaves its input in build-fuzz/artefacts/ (TESTING.md tells how to replay it).
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS = effects_fuzzer image_loaders_fuzzer
+
+fuzz-build:
+	@scripts/bootstrap-fuzz
+	cmake -S fuzz -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++
+	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
+
+fuzz: fuzz-build
+	@mkdir -p build-fuzz/artefacts
+	@for target in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$target; \
+	  echo "fuzz: $$target for $(FUZZ_SECONDS) s"; \
+	  build-fuzz/$$target -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
+	    -artifact_prefix=build-fuzz/artefacts/$$target- build-fuzz/corpus/$$target fuzz/corpus/$$target \
+	    || exit 1; \
+	done
 
 clean:
 	rm -rf $(BUILD)

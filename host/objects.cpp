@@ -292,7 +292,8 @@ bool Host::Impl::ReadProperty(REALobject object, std::string_view name, ValueKin
     std::memcpy(&stored, static_cast<uint8_t*>(DataOf(object, ref.owner)) + ref.row->parameter, sizeof(Raw));
     if constexpr (std::is_same_v<Raw, REALobject>) Lock(stored);  // the caller gets its own reference
   } else if (ref.row->getter) {
-    stored = reinterpret_cast<Raw (*)(REALobject, int64_t)>(ref.row->getter)(object, ref.row->parameter);
+    const auto getter = reinterpret_cast<Raw (*)(REALobject, int64_t)>(const_cast<void*>(ref.row->getter));
+    stored = getter(object, ref.row->parameter);
   } else {
     throw HostError("property " + std::string(name) + " cannot be read");
   }
@@ -337,7 +338,8 @@ bool Host::Impl::WriteProperty(REALobject object, std::string_view name, ValueKi
       std::memcpy(field, &stored, sizeof stored);
     }
   } else if (ref.row->setter) {
-    reinterpret_cast<void (*)(REALobject, int64_t, Stored)>(ref.row->setter)(object, ref.row->parameter, stored);
+    const auto setter = reinterpret_cast<void (*)(REALobject, int64_t, Stored)>(const_cast<void*>(ref.row->setter));
+    setter(object, ref.row->parameter, stored);
   } else {
     throw HostError("property " + std::string(name) + " cannot be written");
   }

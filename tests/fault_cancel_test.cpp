@@ -239,12 +239,12 @@ TEST_F(FaultCancel, CancelBeforeTheRunLetsEveryPartDoItsFirstRowOnly) {
 }
 
 // The observer stops a run wherever it happens to be: the result is then nil,
-// or whole when the run had finished first. Oil paint with the widest brush is
-// slow enough for the cancel to land part way.
+// or whole when the run had finished first. Oil paint with the widest brush
+// over 512 x 512 pixels takes long enough for the cancel to land part way.
 TEST_F(FaultCancel, ObserverCancelGivesNilOrTheWholeResult) {
   REALobject effect = host.New("OilPaintEffectRaw");
   host.Set<uint8_t>(effect, "BrushSize", 5);
-  constexpr int64_t kSize = 160;
+  constexpr int64_t kSize = 512;
   REALobject source = host.NewBitmap(kSize, kSize, kRGBA, 8, 0);
   rawfx::test::FillPattern(host, source, 3);
   REALobject expected = host.Call<REALobject>(effect, kApply, source);

@@ -12,7 +12,6 @@
 namespace {
 
 using rawfx::host::BitmapView;
-using rawfx::host::FormatInfo;
 using rawfx::host::HostError;
 using V = std::vector<int>;
 
@@ -31,43 +30,31 @@ class CompanionsTest : public rawfx::test::HostTest {
   }
 };
 
-V Offsets(const RawBitmap& r) { return {r.redOffset, r.greenOffset, r.blueOffset, r.alphaOffset, r.blackOffset}; }
-
-TEST_F(CompanionsTest, BitmapRecordsFollowTheFormatAtBothDepths) {
-  for (const FormatInfo& f : rawfx::host::Formats()) {
-    for (int bits : {8, 16}) {
-      SCOPED_TRACE(std::string(f.name) + " at " + std::to_string(bits));
-      REALobject bitmap = host.NewBitmap(5, 3, f.code, bits, 6);
-      ASSERT_NE(bitmap, nullptr);
-      const BitmapView view = host.Bitmap(bitmap);
-      const RawBitmap& r = *view.record;
-      const int bytes = bits / 8;
-      EXPECT_EQ(view.record, PluginData(bitmap, "RawBitmap"));
-      EXPECT_EQ(view.rowBytes, 5 * f.channels * bytes + 6);
-      EXPECT_EQ((V{int(r.width), int(r.height), int(r.channelCount), int(r.bytesPerPixel), r.bitsPerChannel,
-                   int(r.format), r.isValid, r.hasAlpha}),
-                (V{5, 3, f.channels, f.channels * bytes, bits, int(f.code), 1, f.hasAlpha}));
-      V expected;
-      for (uint8_t index : {f.red, f.green, f.blue, f.alpha, f.black})
-        expected.push_back(index == 0xFF ? 0xFF : index * bytes);
-      EXPECT_EQ(Offsets(r), expected);
-      host.Unlock(bitmap);
-    }
-  }
-  // Some formats spelled out: byte positions scale with the depth; X formats have a
-  // fourth byte at the alpha position but no alpha.
+// Byte positions scale with the depth; X formats have a fourth byte at the alpha
+// position but no alpha; grey is read as red, green and blue.
+TEST_F(CompanionsTest, BitmapRecordsFollowTheirFormat) {
   struct Known {
     int64_t code;
     int bits;
-    V offsets;
+    V channelsAndOffsets;  // channels; red, green, blue, alpha and black byte positions
     bool hasAlpha;
   };
-  for (const Known& k : {Known{0, 8, {0, 0, 0, 0xFF, 0xFF}, false}, Known{7, 8, {2, 1, 0, 3, 0xFF}, true},
-                         Known{5, 16, {0, 2, 4, 6, 0xFF}, true}, Known{9, 8, {1, 2, 3, 0, 0xFF}, false},
-                         Known{16, 16, {2, 4, 6, 0xFF, 0}, false}}) {
-    REALobject bitmap = host.NewBitmap(1, 1, k.code, k.bits);
-    EXPECT_EQ(Offsets(*host.Bitmap(bitmap).record), k.offsets) << k.code;
-    EXPECT_EQ(host.Bitmap(bitmap).record->hasAlpha, k.hasAlpha) << k.code;
+  for (const Known& k : {Known{0, 8, {1, 0, 0, 0, 0xFF, 0xFF}, false}, Known{0, 16, {1, 0, 0, 0, 0xFF, 0xFF}, false},
+                         Known{7, 8, {4, 2, 1, 0, 3, 0xFF}, true}, Known{5, 16, {4, 0, 2, 4, 6, 0xFF}, true},
+                         Known{9, 8, {4, 1, 2, 3, 0, 0xFF}, false}, Known{16, 16, {4, 2, 4, 6, 0xFF, 0}, false},
+                         Known{15, 8, {5, 1, 2, 3, 0, 4}, true}}) {
+    SCOPED_TRACE(std::to_string(k.code) + " at " + std::to_string(k.bits));
+    REALobject bitmap = host.NewBitmap(5, 3, k.code, k.bits, 6);
+    ASSERT_NE(bitmap, nullptr);
+    const BitmapView view = host.Bitmap(bitmap);
+    const RawBitmap& r = *view.record;
+    EXPECT_EQ(view.record, PluginData(bitmap, "RawBitmap"));
+    EXPECT_EQ(view.rowBytes, 5 * r.bytesPerPixel + 6);
+    EXPECT_EQ((V{int(r.channelCount), r.redOffset, r.greenOffset, r.blueOffset, r.alphaOffset, r.blackOffset}),
+              k.channelsAndOffsets);
+    EXPECT_EQ((V{int(r.width), int(r.height), int(r.bytesPerPixel), r.bitsPerChannel, int(r.format), r.isValid,
+                 r.hasAlpha}),
+              (V{5, 3, k.channelsAndOffsets[0] * k.bits / 8, k.bits, int(k.code), 1, k.hasAlpha}));
     host.Unlock(bitmap);
   }
 }
@@ -80,27 +67,6 @@ TEST_F(CompanionsTest, RefusedBitmapsAreNotKept) {
   EXPECT_EQ(host.NewBitmap(4, 4, 3, 16, 3), nullptr);  // 16-bit rows must stay aligned
   EXPECT_EQ(host.NewBitmap(int64_t{1} << 20, int64_t{1} << 20, 5), nullptr);
   EXPECT_THROW(host.Bitmap(nullptr), HostError);
-}
-
-TEST_F(CompanionsTest, ConstructorLoadedByDeclaration) {
-  using Constructor = void (*)(REALobject, REALobject, int64_t, int64_t, int64_t, int64_t);
-  auto classRef = Service<REALclassRef (*)(const char*)>("pluginObjectType");
-  REALobject bitmap = Service<REALobject (*)(REALclassRef)>("CreateInstance")(classRef("RawBitmap"));
-  auto construct = reinterpret_cast<Constructor>(
-      Service<void* (*)(REALobject, const char*)>("REALLoadObjectMethod")(bitmap, kRawBitmapConstructorDecl));
-  ASSERT_NE(construct, nullptr);
-  const RawBitmap* record = host.Bitmap(bitmap).record;
-  EXPECT_EQ(record->isValid, 0);  // a new instance is empty
-  construct(bitmap, nullptr, 7, 2, 0, 3);  // rowBytes 0: rows without padding
-  EXPECT_EQ(std::make_tuple(record->isValid, record->bitsPerChannel, host.Bitmap(bitmap).rowBytes),
-            std::make_tuple(1, 8, 21));
-  for (int64_t i = 0; i < 42; ++i) ASSERT_EQ(host.Bitmap(bitmap).pixels[i], 0);
-  // Rows shorter than their pixels, an unknown format, a memory block (this host has none).
-  for (auto [block, rowBytes, format] : {std::tuple{REALobject{}, 20, 3}, {REALobject{}, 0, 99}, {bitmap, 0, 3}}) {
-    construct(bitmap, block, 7, 2, rowBytes, format);
-    EXPECT_EQ(record->isValid, 0) << rowBytes << " " << format;
-  }
-  host.Unlock(bitmap);
 }
 
 TEST_F(CompanionsTest, MaskValuesComeFromTheActiveChannel) {

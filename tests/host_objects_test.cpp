@@ -191,14 +191,6 @@ TEST_F(ObjectsTest, PropertiesUseTheirFieldsAccessorsAndTypes) {
   host.Set(probe, "Mask", nullptr);
   EXPECT_EQ(host.RefCount(mask), 2);
   for (REALobject object : {got, mask, bitmap}) host.Unlock(object);
-
-  // The services by name answer with their result and leave the value alone on a failure.
-  bool flag = false;
-  EXPECT_TRUE(Service<bool (*)(REALobject, const char*, double)>(host, "REALSetPropValueDouble")(probe, "Gain", 0.25));
-  EXPECT_FALSE(Service<bool (*)(REALobject, const char*, bool*)>(host, "REALGetPropValueBool")(probe, "Gain", &flag));
-  EXPECT_FALSE(flag);
-  EXPECT_TRUE(Service<bool (*)(REALobject, const char*, uint8_t)>(host, "REALSetPropValueBoolean")(probe, "Flag", 0));
-  EXPECT_EQ(std::tie(data.gain, data.flag), std::make_tuple(0.25, 0));
 }
 
 void ProgramOnProgress(REALobject, uint64_t, uint64_t, uint64_t, bool*) {}

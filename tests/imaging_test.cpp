@@ -1,6 +1,6 @@
 // Imaging support against hand-built RawBitmap records: channel ordering,
-// format families, background colour conversion, bitmap creation and the
-// engine helpers. Cases that fill class caches run in forked children.
+// format families, mask values, background colour conversion, bitmap creation
+// and the progress handler. Cases that fill class caches run in forked children.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -52,7 +52,8 @@ struct RecordingMask {
 
   // Values carry random high bits: only the low 8 may count.
   uint32_t ValueAt(int64_t row, int32_t x) const {
-    uint64_t h = seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^ (static_cast<uint64_t>(x) * 0xC2B2AE3D27D4EB4Full);
+    uint64_t h = seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
+                 (static_cast<uint64_t>(x) * 0xC2B2AE3D27D4EB4Full);
     h ^= h >> 29;
     h *= 0xBF58476D1CE4E5B9ull;
     h ^= h >> 32;
@@ -88,12 +89,12 @@ static_assert(offsetof(RecordingMask, data) == 0);
 
 // How the source's colours are drawn: what each stresses.
 enum class Picture {
-  Noise,         // every byte random: bins mostly distinct, ties everywhere
-  FewColours,    // a handful of colours: crowded bins and equal counts
-  Smooth,        // gradients with grain, like photographs: neighbouring bins
-  EdgeOfBins,    // colours whose weighted sum is a whole number in exact arithmetic,
-                 // where the double sum may fall just below it
-  Extremes,      // 0 and 255 only
+  Noise,       // every byte random: bins mostly distinct, ties everywhere
+  FewColours,  // a handful of colours: crowded bins and equal counts
+  Smooth,      // gradients with grain, like photographs: neighbouring bins
+  EdgeOfBins,  // colours whose weighted sum is a whole number in exact arithmetic,
+               // where the double sum may fall just below it
+  Extremes,    // 0 and 255 only
 };
 constexpr int kPictures = 5;
 
@@ -230,7 +231,8 @@ Case RandomCase(Random& random, int index) {
   c.maskSeed = random();
   c.parts = RandomParts(random, c.height);
   if (Chance(random, 8) && c.height > 0) c.cancelAtRow = Uniform(random, 0, c.height - 1);
-  if (Chance(random, 8) && !c.parts.empty()) c.cancelAfterPart = static_cast<int>(Uniform(random, 0, c.parts.size() - 1));
+  if (Chance(random, 8) && !c.parts.empty())
+    c.cancelAfterPart = static_cast<int>(Uniform(random, 0, c.parts.size() - 1));
   c.fillSeed = random();
   return c;
 }

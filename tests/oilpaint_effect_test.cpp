@@ -486,7 +486,8 @@ TEST_F(OilPaintEffect, CancelDuringTheRunStopsIt) {
   REALobject effect = NewEffect();
   host.Set<uint8_t>(effect, "BrushSize", 5);
   host.Set<float>(effect, "Smoothness", 1.0f);
-  REALobject source = NewPattern(300, 300, kRGB, 70);
+  // Wide rows, so that the run lasts many progress intervals even with fast kernels.
+  REALobject source = NewPattern(3000, 300, kRGB, 70);
   host.SetThreads(1);
   host.SetSplitPolicy(SplitPolicy::SinglePart);
   int64_t lastDone = -1;

@@ -1,6 +1,6 @@
 // The tool's pieces that need no process: colours as written on the command line,
 // the progress bar's text, the settings' defaults against a new object of each
-// class, the bitmaps the host gets, the command parser and the demo's pictures.
+// class, a bitmap read back from the host, the command parser and the demo's pictures.
 #include <gtest/gtest.h>
 
 #include "host/host.h"
@@ -133,19 +133,10 @@ TEST(ToolEffectWords, BecomeSettingsAndFiles) {
   EXPECT_EQ(std::get<bool>(interlace[2].value), false) << "--keep-alpha: InterlaceAlphaChannel false";
 }
 
-TEST(ToolDemoPictures, AreTheSameEveryTimeAndShowTheirFeatures) {
+TEST(ToolDemoPictures, AreTheSameEveryTimeAndTheMaskKeepsTheCorners) {
   const Image sample = SampleImage(160, 120);
   EXPECT_TRUE(sample == SampleImage(160, 120));
   EXPECT_EQ(sample.layout, Layout::RGB);
-  // The grey ramp along the bottom runs from black to white.
-  const size_t bottom = static_cast<size_t>(119 * 160 * 3);
-  EXPECT_EQ(sample.sample(bottom), 0u);
-  EXPECT_EQ(sample.sample(bottom + 159 * 3), 255u);
-  // The red disc.
-  const size_t red = static_cast<size_t>((38 * 160 + 43) * 3);
-  EXPECT_GT(sample.sample(red), 150u);
-  EXPECT_LT(sample.sample(red + 1), 100u);
-
   const Image mask = SampleMask(160, 120);
   EXPECT_EQ(mask.layout, Layout::Gray);
   EXPECT_EQ(mask.sample(60 * 160 + 80), 0u) << "the centre lets the effect through";

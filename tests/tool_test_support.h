@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,24 +56,12 @@ inline std::string UnwritableDirectory(const ScratchDir& scratch) {
   return locked;
 }
 
-// A seeded generator of its own, so the data is the same on every machine.
-class Lcg {
- public:
-  explicit Lcg(uint64_t seed) : state_(seed) {}
-  uint32_t next() {
-    state_ = state_ * 6364136223846793005ull + 1442695040888963407ull;
-    return static_cast<uint32_t>(state_ >> 33);
-  }
-
- private:
-  uint64_t state_;
-};
-
-// Noise with the extreme values 0 and max in the first pixels.
-inline Image NoiseImage(int64_t width, int64_t height, Layout layout, int depth, uint64_t seed = 1) {
+// Noise with the extreme values 0 and max in the first pixels. The generator is
+// defined to the bit by the standard, so the data is the same on every machine.
+inline Image NoiseImage(int64_t width, int64_t height, Layout layout, int depth, uint32_t seed = 1) {
   Image image = Image::Blank(width, height, layout, depth);
-  Lcg random(seed);
-  for (size_t i = 0; i < image.sampleCount(); ++i) image.setSample(i, random.next() % (image.maxSample() + 1));
+  std::minstd_rand random(seed);
+  for (size_t i = 0; i < image.sampleCount(); ++i) image.setSample(i, random() % (image.maxSample() + 1));
   image.setSample(0, 0);
   if (image.sampleCount() > 1) image.setSample(1, image.maxSample());
   return image;

@@ -4,25 +4,33 @@
 // All arithmetic is double precision in a fixed order so results are exact to
 // the bit; positions are never rounded, stored samples are truncated.
 //
-// A row is done in chunks of kChunk pixels, in two passes. The plan pass maps
-// every pixel of the chunk to the source pixels it reads (and, for bilinear
-// sampling, its weights); the fill pass then reads and writes the samples.
-// Splitting them keeps the long chain of divisions away from the loads, so
-// the loads of a whole chunk can be in flight together: the source is read
-// along curves, and waiting for each pixel in turn cost more than the
-// arithmetic. The AVX2 plan maps four columns at once in double vectors (the
-// same +, -, *, / in the same order, each lane rounded as the scalar
-// operation) and tests the bounds with ordered compares, which fail for NaN
-// as the scalar ones do; the AVX2 fill blends up to four channels of a pixel
-// in one vector. Both give the portable path's bytes.
+// A row is done in chunks of kChunk pixels. A chunk is first planned: every
+// pixel is mapped to the source pixels it reads (for bilinear sampling also
+// its weights), and those are prefetched. It is filled, reading and writing
+// the samples, only after the next chunk has been planned. The source is read
+// along curves that the hardware prefetcher cannot follow, so without this a
+// pixel's load waited for memory after a long chain of divisions (planning
+// just before filling, without prefetches: nearest 20.1 ms for 8-bit RGBA and
+// 30.8 ms for 16-bit RGB, bilinear 47 and 64 ms, against the figures below).
 //
-// Measured on this machine (2 cores, x86-64 with AVX2), 2048 x 2048,
-// distortion 0.4 and horizontal keystone 0.1, one thread, thread CPU time,
-// best of 5, against the plain per-pixel kernels in the same process:
-// FIGURES.
+// Two paths give the same bytes. The portable one plans one pixel at a time.
+// The AVX2 one plans four columns at once in double vectors (the same +, -, *,
+// / in the same order, each lane rounded as the scalar operation), tests the
+// bounds with ordered compares, which fail for NaN as the scalar ones do, and
+// blends up to four channels of a pixel in one vector.
+//
+// Measured on this machine (2 cores, x86-64 with AVX2, shared, so +-10%),
+// 2048 x 2048, distortion 0.4 and horizontal keystone 0.1, one thread, thread
+// CPU time, best of 5, against the plain per-pixel kernels in the same process:
+//   nearest, 8-bit RGBA    58.5 ms -> AVX2 11.9 ms (4.9x), portable 45.6 ms
+//   nearest, 16-bit RGB    66.5 ms -> AVX2 13.7 ms (4.8x), portable 47.0 ms
+//   bilinear, 8-bit RGBA  335   ms -> AVX2 29.5 ms (11x),  portable 172 ms
+//   bilinear, 16-bit RGB  322   ms -> AVX2 30   ms (11x),  portable 168 ms
 #include "effects/barrel/barrel_kernels.h"
 
+#if defined(__x86_64__)
 #include <immintrin.h>
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -36,6 +44,12 @@ namespace {
 using namespace BarrelKeystone;
 
 enum class Sampling { Nearest, Bilinear };
+
+// The helpers of the inner loops are forced inline: as calls from the AVX2
+// loops they cost a call and a vzeroupper each (forcing them took an early
+// AVX2 nearest kernel from 42.7 to 35.3 ms on the image measured below).
+#define RAWFX_INLINE __attribute__((always_inline)) inline
+#define RAWFX_AVX2 __attribute__((target("avx2")))
 
 struct Position {
   double x;
@@ -59,17 +73,25 @@ struct SourceMapping {
     return {ny, ny * ny};
   }
 
-  // NaN when the mapping is undefined there (distortion -1, or W = 0 with X or Y = 0).
-  Position At(int64_t x, const RowTerms& row) const {
+  // The radial step: (u, v) = (nx, ny) * r.
+  Position Radial(int64_t x, const RowTerms& row) const {
     const double nx = (static_cast<double>(x) - centerX) / centerX;
     const double r = ((nx * nx + row.nySquared) * distortion + 1.0) / distortionPlusOne;
-    const double u = nx * r;
-    const double v = row.ny * r;
+    return {nx * r, row.ny * r};
+  }
+
+  // The keystone step, (u, v, 1) times the matrix, and back to pixels. NaN
+  // when the mapping is undefined (distortion -1, or W = 0 with X or Y = 0).
+  Position Project(Position uv) const {
+    const double u = uv.x;
+    const double v = uv.y;
     const double X = u * m00 + v * m10 + m20;
     const double Y = u * m01 + v * m11 + m21;
     const double W = u * m02 + v * m12 + m22;
     return {(X / W + 1.0) * centerX, (Y / W + 1.0) * centerY};
   }
+
+  Position At(int64_t x, const RowTerms& row) const { return Project(Radial(x, row)); }
 };
 
 SourceMapping MappingOf(const BarrelDistortionParams& p) {
@@ -82,10 +104,7 @@ SourceMapping MappingOf(const BarrelDistortionParams& p) {
 // Samples are moved through byte pointers: 16-bit rows need not start on an
 // even address when the companion pads them. Pixels are short, so a run of n
 // bytes moves as two fixed-size words that overlap in the middle (both write
-// the same values there). The helpers are forced inline: as calls from the
-// AVX2 loops they would cost a call and a vzeroupper per pixel.
-
-#define RAWFX_INLINE __attribute__((always_inline)) inline
+// the same values there).
 
 template <class Word>
 RAWFX_INLINE Word LoadWord(const uint8_t* at) {
@@ -133,6 +152,8 @@ RAWFX_INLINE void CopyBytes(uint8_t* out, const uint8_t* in, int64_t n) {
   }
 }
 
+RAWFX_INLINE void PrefetchLine(const uint8_t* at) { __builtin_prefetch(at); }
+
 // ---- the source -------------------------------------------------------------------
 
 // The source as the kernels see it. Bounds are doubles so that a position is
@@ -178,14 +199,25 @@ SourceImage SourceOf(const BarrelDistortionParams& p) {
 }
 
 // ---- plans --------------------------------------------------------------------------
-// kChannels is the number of samples per pixel when the fill is compiled for
-// one pixel size, or 0 when it takes the source's count at run time.
 
-constexpr int kChunk = 64;  // pixels planned before they are filled; a multiple of 4
+constexpr int kChunk = 64;  // pixels planned ahead of their fill; a multiple of 4
+
+// One chunk of a destination row: its first pixel, the step to the next, the
+// number of pixels and the column of the first.
+struct Chunk {
+  uint8_t* out;
+  int64_t step;
+  int count;
+  int64_t firstColumn;
+};
 
 // Nearest sampling: the pixel each destination pixel copies.
 struct NearestPlan {
   const uint8_t* from[kChunk];
+
+  void Prefetch(int count) const {
+    for (int i = 0; i < count; ++i) PrefetchLine(from[i]);
+  }
 };
 
 // Bilinear sampling: the four neighbours (source pixels or the background)
@@ -199,20 +231,21 @@ struct BlendPlan {
   const uint8_t* bottomRight[kChunk];
   double fx[kChunk];
   double fy[kChunk];
+
+  // The right-hand neighbours mostly share the left ones' cache lines.
+  void Prefetch(int count) const {
+    for (int i = 0; i < count; ++i) {
+      PrefetchLine(topLeft[i]);
+      PrefetchLine(bottomLeft[i]);
+    }
+  }
 };
 
 template <Sampling mode>
 using PlanOf = std::conditional_t<mode == Sampling::Nearest, NearestPlan, BlendPlan>;
 
-// One chunk of a destination row: its first pixel, their step and count, and
-// the columns of the source mapping they belong to.
-struct Chunk {
-  uint8_t* out;
-  int64_t step;
-  int64_t firstColumn;
-  int count;
-};
-
+// kChannels is the number of samples per pixel when a fill is compiled for
+// one pixel size, or 0 when it takes the source's count at run time.
 template <int kChannels>
 RAWFX_INLINE int ChannelsOf(const SourceImage& source) {
   return kChannels > 0 ? kChannels : source.channels;
@@ -234,8 +267,8 @@ RAWFX_INLINE void FillNearest(const Chunk& chunk, const NearestPlan& plan, const
 
 // ---- the portable path --------------------------------------------------------------
 
-void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
-                  NearestPlan& plan) {
+void PlanPixels(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
+                NearestPlan& plan) {
   for (int i = 0; i < chunk.count; ++i) {
     const Position s = mapping.At(chunk.firstColumn + i, row);
     const bool inside = s.x <= source.lastColumn && s.y >= 0.0 && s.x >= 0.0 && s.y <= source.lastRow;
@@ -243,15 +276,18 @@ void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const
   }
 }
 
-// s - floor(s), in [0, 1].
+// The weight of a position: fmod(s, 1.0), plus 1.0 when that is negative (so
+// s - floor(s), in [0, 1]). Only asked for positions next to a source pixel,
+// so |s| < 2^31 and the truncation to an integer cannot overflow; for such s,
+// fmod(s, 1.0) is exactly s - trunc(s) with the sign of s, zero included, and
+// that saves the library call (portable bilinear 8-bit RGBA: about 340 -> 200 ms).
 double Fraction(double s) {
-  double f = std::fmod(s, 1.0);
-  if (f < 0.0) f += 1.0;
-  return f;
+  const double f = std::copysign(s - static_cast<double>(static_cast<int64_t>(s)), s);
+  return f < 0.0 ? f + 1.0 : f;
 }
 
-void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
-                  BlendPlan& plan) {
+void PlanPixels(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, const Chunk& chunk,
+                BlendPlan& plan) {
   for (int i = 0; i < chunk.count; ++i) {
     const Position s = mapping.At(chunk.firstColumn + i, row);
     const double x0 = std::floor(s.x);
@@ -273,47 +309,61 @@ void PlanPortable(const SourceMapping& mapping, const SourceImage& source, const
 }
 
 template <class Sample>
-Sample LoadSample(const uint8_t* pixel, int channel) {
-  return LoadWord<Sample>(pixel + channel * sizeof(Sample));
-}
-
-template <class Sample>
-void FillBlendPortable(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
-  uint8_t* out = chunk.out;
-  for (int i = 0; i < chunk.count; ++i, out += chunk.step) {
-    const double fx = plan.fx[i];
-    const double fy = plan.fy[i];
-    for (int c = 0; c < source.channels; ++c) {
-      const double tl = LoadSample<Sample>(plan.topLeft[i], c);
-      const double tr = LoadSample<Sample>(plan.topRight[i], c);
-      const double bl = LoadSample<Sample>(plan.bottomLeft[i], c);
-      const double br = LoadSample<Sample>(plan.bottomRight[i], c);
-      const double upper = (tr - tl) * fx + tl;
-      const double lower = (br - bl) * fx + bl;
-      const double value = (lower - upper) * fy + upper;
-      // The value lies between the samples, so it fits the sample type; truncated.
-      StoreWord(out + c * sizeof(Sample), static_cast<Sample>(value));
-    }
+void BlendPixel(uint8_t* out, const BlendPlan& plan, int i, int channels) {
+  const double fx = plan.fx[i];
+  const double fy = plan.fy[i];
+  for (int c = 0; c < channels; ++c) {
+    const int64_t at = c * static_cast<int64_t>(sizeof(Sample));
+    const double tl = LoadWord<Sample>(plan.topLeft[i] + at);
+    const double tr = LoadWord<Sample>(plan.topRight[i] + at);
+    const double bl = LoadWord<Sample>(plan.bottomLeft[i] + at);
+    const double br = LoadWord<Sample>(plan.bottomRight[i] + at);
+    const double upper = (tr - tl) * fx + tl;
+    const double lower = (br - bl) * fx + bl;
+    const double value = (lower - upper) * fy + upper;
+    // The value lies between the samples, so it fits the sample type; truncated.
+    StoreWord(out + at, static_cast<Sample>(value));
   }
 }
 
-template <class Sample, Sampling mode, int kChannels>
-void FillChunkPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row,
-                       const Chunk& chunk) {
-  PlanOf<mode> plan;
-  PlanPortable(mapping, source, row, chunk, plan);
-  if constexpr (mode == Sampling::Nearest)
-    FillNearest<Sample, kChannels>(chunk, plan, source);
-  else
-    FillBlendPortable<Sample>(chunk, plan, source);
+template <class Sample>
+void FillBlend(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
+  uint8_t* out = chunk.out;
+  for (int i = 0; i < chunk.count; ++i, out += chunk.step) {
+    // With both weights 0 every formula above gives the top-left samples
+    // exactly: background pixels and whole-pixel positions are copies.
+    if (plan.fx[i] == 0.0 && plan.fy[i] == 0.0)
+      CopyPixel<Sample, 0>(out, plan.topLeft[i], source);
+    else
+      BlendPixel<Sample>(out, plan, i, source.channels);
+  }
 }
 
+template <class Sample, Sampling mode>
+struct PortablePath {
+  using Plan = PlanOf<mode>;
+  const SourceMapping& mapping;
+  const SourceImage& source;
+  RowTerms row;
+
+  void MakePlan(const Chunk& chunk, Plan& plan) const {
+    PlanPixels(mapping, source, row, chunk, plan);
+    plan.Prefetch(chunk.count);
+  }
+
+  void Fill(const Chunk& chunk, const Plan& plan) const {
+    if constexpr (mode == Sampling::Nearest)
+      FillNearest<Sample, 0>(chunk, plan, source);
+    else
+      FillBlend<Sample>(chunk, plan, source);
+  }
+};
+
 // ---- the AVX2 path ------------------------------------------------------------------
+#if defined(__x86_64__)
 // Lane i of a vector belongs to column x + i. The last group of a chunk may
 // have lanes past the chunk's end: they are planned (pure arithmetic; only
 // lanes that passed a bounds test are converted) and never filled.
-
-#define RAWFX_AVX2 __attribute__((target("avx2")))
 
 struct WideMapping {
   __m256d m00, m01, m02, m10, m11, m12, m20, m21, m22;
@@ -330,18 +380,23 @@ RAWFX_AVX2 inline WideMapping Widen(const SourceMapping& m, const RowTerms& row)
           _mm256_set1_pd(row.nySquared)};
 }
 
-struct WidePosition {
+struct WidePair {
   __m256d x;
   __m256d y;
 };
 
-// SourceMapping::At for four columns, operation for operation.
-RAWFX_AVX2 RAWFX_INLINE WidePosition MapFour(const WideMapping& m, __m256d column) {
-  const __m256d one = _mm256_set1_pd(1.0);
+// SourceMapping::Radial for four columns, operation for operation.
+RAWFX_INLINE RAWFX_AVX2 WidePair RadialFour(const WideMapping& m, __m256d column) {
   const __m256d nx = (column - m.centerX) / m.centerX;
-  const __m256d r = ((nx * nx + m.nySquared) * m.distortion + one) / m.distortionPlusOne;
-  const __m256d u = nx * r;
-  const __m256d v = m.ny * r;
+  const __m256d r = ((nx * nx + m.nySquared) * m.distortion + _mm256_set1_pd(1.0)) / m.distortionPlusOne;
+  return {nx * r, m.ny * r};
+}
+
+// SourceMapping::Project for four columns, operation for operation.
+RAWFX_INLINE RAWFX_AVX2 WidePair ProjectFour(const WideMapping& m, WidePair uv) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d u = uv.x;
+  const __m256d v = uv.y;
   const __m256d X = u * m.m00 + v * m.m10 + m.m20;
   const __m256d Y = u * m.m01 + v * m.m11 + m.m21;
   const __m256d W = u * m.m02 + v * m.m12 + m.m22;
@@ -364,35 +419,37 @@ RAWFX_AVX2 inline WideSource Widen(const SourceImage& s) {
 }
 
 // 0 <= v <= last per lane; false for NaN.
-RAWFX_AVX2 RAWFX_INLINE __m256d Within(__m256d v, __m256d last) {
+RAWFX_INLINE RAWFX_AVX2 __m256d Within(__m256d v, __m256d last) {
   return _mm256_and_pd(_mm256_cmp_pd(_mm256_setzero_pd(), v, _CMP_LE_OQ), _mm256_cmp_pd(v, last, _CMP_LE_OQ));
 }
 
-// The address of source pixel (column, row) per lane, with column and row
-// truncated to integers. Only lanes whose column and row passed a bounds
-// test (columnOk, rowOk) are converted; the others are zeroed first, so no
-// value out of range is ever converted. Their addresses are meaningless and
-// must not be chosen.
-RAWFX_AVX2 RAWFX_INLINE __m256i AddressesOf(const WideSource& s, __m256d column, __m256d columnOk, __m256d row,
+// The address of source pixel (column, row) per lane, column and row truncated
+// to integers. Only lanes whose column and row passed a bounds test (columnOk,
+// rowOk) are converted; the others are zeroed first, so no value out of range
+// is ever converted. Their addresses are meaningless and are never chosen.
+RAWFX_INLINE RAWFX_AVX2 __m256i AddressesOf(const WideSource& s, __m256d column, __m256d columnOk, __m256d row,
                                             __m256d rowOk) {
   const __m256i columns = _mm256_cvtepi32_epi64(_mm256_cvttpd_epi32(_mm256_and_pd(columnOk, column)));
   const __m256i rows = _mm256_cvtepi32_epi64(_mm256_cvttpd_epi32(_mm256_and_pd(rowOk, row)));
-  // Both factors of each product fit 32 signed bits: the products are exact.
-  const __m256i offsets = _mm256_add_epi64(_mm256_mul_epi32(rows, s.rowBytes), _mm256_mul_epi32(columns, s.pixelBytes));
+  // Each factor fits 32 signed bits, so the 64-bit products are exact.
+  const __m256i offsets =
+      _mm256_add_epi64(_mm256_mul_epi32(rows, s.rowBytes), _mm256_mul_epi32(columns, s.pixelBytes));
   return _mm256_add_epi64(s.pixels, offsets);
 }
 
-// Per lane: the address where inside is set, else the background.
-RAWFX_AVX2 RAWFX_INLINE void StoreChoice(const uint8_t** to, const WideSource& s, __m256i address, __m256d inside) {
-  const __m256i chosen = _mm256_blendv_epi8(s.background, address, _mm256_castpd_si256(inside));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), chosen);
+// Per lane: the address where chosen is set, else the background.
+RAWFX_INLINE RAWFX_AVX2 void StoreChoice(const uint8_t** to, const WideSource& s, __m256i address, __m256d chosen) {
+  const __m256i pick = _mm256_blendv_epi8(s.background, address, _mm256_castpd_si256(chosen));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), pick);
 }
 
-RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePosition& s, int at, NearestPlan& plan) {
+RAWFX_INLINE RAWFX_AVX2 void PlanFour(const WideSource& source, const WidePair& s, int at, NearestPlan& plan) {
   const __m256d zero = _mm256_setzero_pd();
-  const __m256d inside =
-      _mm256_and_pd(_mm256_and_pd(_mm256_cmp_pd(s.x, source.lastColumn, _CMP_LE_OQ), _mm256_cmp_pd(s.y, zero, _CMP_GE_OQ)),
-                    _mm256_and_pd(_mm256_cmp_pd(s.x, zero, _CMP_GE_OQ), _mm256_cmp_pd(s.y, source.lastRow, _CMP_LE_OQ)));
+  const __m256d columnOk =
+      _mm256_and_pd(_mm256_cmp_pd(s.x, source.lastColumn, _CMP_LE_OQ), _mm256_cmp_pd(s.x, zero, _CMP_GE_OQ));
+  const __m256d rowOk =
+      _mm256_and_pd(_mm256_cmp_pd(s.y, zero, _CMP_GE_OQ), _mm256_cmp_pd(s.y, source.lastRow, _CMP_LE_OQ));
+  const __m256d inside = _mm256_and_pd(columnOk, rowOk);
   StoreChoice(plan.from + at, source, AddressesOf(source, s.x, inside, s.y, inside), inside);
 }
 
@@ -400,14 +457,14 @@ RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePositi
 // s - trunc(s) with the sign of s (also when it is zero), so these are the
 // scalar weights bit for bit. Lanes with a non-finite s have all neighbours
 // outside; their weights are replaced by 0.
-RAWFX_AVX2 RAWFX_INLINE __m256d FractionFour(__m256d s) {
+RAWFX_INLINE RAWFX_AVX2 __m256d FractionFour(__m256d s) {
   const __m256d wholePart = _mm256_round_pd(s, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
   const __m256d f = _mm256_or_pd(s - wholePart, _mm256_and_pd(s, _mm256_set1_pd(-0.0)));
   const __m256d negative = _mm256_cmp_pd(f, _mm256_setzero_pd(), _CMP_LT_OQ);
   return _mm256_blendv_pd(f, f + _mm256_set1_pd(1.0), negative);
 }
 
-RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePosition& s, int at, BlendPlan& plan) {
+RAWFX_INLINE RAWFX_AVX2 void PlanFour(const WideSource& source, const WidePair& s, int at, BlendPlan& plan) {
   const __m256d one = _mm256_set1_pd(1.0);
   const __m256d x0 = _mm256_round_pd(s.x, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
   const __m256d y0 = _mm256_round_pd(s.y, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
@@ -432,18 +489,9 @@ RAWFX_AVX2 RAWFX_INLINE void PlanFour(const WideSource& source, const WidePositi
   _mm256_storeu_pd(plan.fy + at, _mm256_and_pd(hasAny, FractionFour(s.y)));
 }
 
-template <Sampling mode>
-RAWFX_AVX2 RAWFX_INLINE void PlanAVX2(const WideMapping& mapping, const WideSource& source, const Chunk& chunk,
-                                      PlanOf<mode>& plan) {
-  const __m256d first = _mm256_set1_pd(static_cast<double>(chunk.firstColumn));
-  __m256d column = first + _mm256_setr_pd(0.0, 1.0, 2.0, 3.0);
-  for (int at = 0; at < chunk.count; at += 4, column += _mm256_set1_pd(4.0))
-    PlanFour(source, MapFour(mapping, column), at, plan);
-}
-
 // Up to four samples as doubles; lanes past count are 0.
 template <class Sample>
-RAWFX_AVX2 RAWFX_INLINE __m256d LoadGroup(const uint8_t* at, int count) {
+RAWFX_INLINE RAWFX_AVX2 __m256d LoadGroup(const uint8_t* at, int count) {
   const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(LoadBytes(at, count * sizeof(Sample))));
   if constexpr (sizeof(Sample) == 1)
     return _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(packed));
@@ -454,15 +502,15 @@ RAWFX_AVX2 RAWFX_INLINE __m256d LoadGroup(const uint8_t* at, int count) {
 // Stores count truncated samples. Every lane lies between samples, so it fits
 // the sample type and the saturating packs leave it unchanged.
 template <class Sample>
-RAWFX_AVX2 RAWFX_INLINE void StoreGroup(uint8_t* at, __m256d values, int count) {
+RAWFX_INLINE RAWFX_AVX2 void StoreGroup(uint8_t* at, __m256d values, int count) {
   __m128i packed = _mm_packus_epi32(_mm256_cvttpd_epi32(values), _mm_setzero_si128());
   if constexpr (sizeof(Sample) == 1) packed = _mm_packus_epi16(packed, _mm_setzero_si128());
   StoreBytes(at, static_cast<uint64_t>(_mm_cvtsi128_si64(packed)), count * sizeof(Sample));
 }
 
-// FillBlendPortable's per-channel formula on up to four channels at a time.
+// BlendPixel's per-channel formula on up to four channels at a time.
 template <class Sample, int kChannels>
-RAWFX_AVX2 RAWFX_INLINE void FillBlendAVX2(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
+RAWFX_INLINE RAWFX_AVX2 void FillBlendFour(const Chunk& chunk, const BlendPlan& plan, const SourceImage& source) {
   const int channels = ChannelsOf<kChannels>(source);
   uint8_t* out = chunk.out;
   for (int i = 0; i < chunk.count; ++i, out += chunk.step) {
@@ -484,15 +532,35 @@ RAWFX_AVX2 RAWFX_INLINE void FillBlendAVX2(const Chunk& chunk, const BlendPlan& 
 }
 
 template <class Sample, Sampling mode, int kChannels>
-RAWFX_AVX2 void FillChunkAVX2(const WideMapping& mapping, const WideSource& wideSource, const SourceImage& source,
-                              const Chunk& chunk) {
-  PlanOf<mode> plan;
-  PlanAVX2<mode>(mapping, wideSource, chunk, plan);
-  if constexpr (mode == Sampling::Nearest)
-    FillNearest<Sample, kChannels>(chunk, plan, source);
-  else
-    FillBlendAVX2<Sample, kChannels>(chunk, plan, source);
-}
+struct WidePath {
+  using Plan = PlanOf<mode>;
+  WideMapping mapping;
+  WideSource wideSource;
+  const SourceImage& source;
+
+  // Three sweeps over the chunk's groups of four rather than one per group:
+  // the divisions of many groups are then in flight together instead of
+  // each group waiting on its own chain (one sweep: nearest 8-bit RGBA
+  // 19.3 ms, bilinear 47.6 ms, against 11.9 and 29.5 ms).
+  RAWFX_AVX2 void MakePlan(const Chunk& chunk, Plan& plan) const {
+    const int groups = (chunk.count + 3) / 4;
+    WidePair staged[kChunk / 4];
+    __m256d column = _mm256_set1_pd(static_cast<double>(chunk.firstColumn)) + _mm256_setr_pd(0.0, 1.0, 2.0, 3.0);
+    for (int g = 0; g < groups; ++g, column += _mm256_set1_pd(4.0)) staged[g] = RadialFour(mapping, column);
+    for (int g = 0; g < groups; ++g) staged[g] = ProjectFour(mapping, staged[g]);
+    for (int g = 0; g < groups; ++g) PlanFour(wideSource, staged[g], 4 * g, plan);
+    plan.Prefetch(chunk.count);
+  }
+
+  RAWFX_AVX2 void Fill(const Chunk& chunk, const Plan& plan) const {
+    if constexpr (mode == Sampling::Nearest)
+      FillNearest<Sample, kChannels>(chunk, plan, source);
+    else
+      FillBlendFour<Sample, kChannels>(chunk, plan, source);
+  }
+};
+
+#endif  // __x86_64__
 
 // ---- rows ---------------------------------------------------------------------------
 
@@ -504,38 +572,55 @@ struct RowTarget {
 };
 
 // The chunk of the row that starts at column x.
-Chunk ChunkAt(const RowTarget& target, int64_t x) {
+RAWFX_INLINE Chunk ChunkAt(const RowTarget& target, int64_t x) {
   const int count = static_cast<int>(std::min<int64_t>(kChunk, target.width - x));
-  return {target.out + x * target.step, target.step, x, count};
+  return {target.out + x * target.step, target.step, count, x};
 }
 
-template <class Sample, Sampling mode, int kChannels>
-void FillRowPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row, RowTarget target) {
-  for (int64_t x = 0; x < target.width; x += kChunk)
-    FillChunkPortable<Sample, mode, kChannels>(mapping, source, row, ChunkAt(target, x));
+// Plans the next chunk before filling the current one, so that the pixels
+// the current one reads have been on their way while the next was mapped.
+template <class Path>
+RAWFX_INLINE void FillRow(const Path& path, const RowTarget& target) {
+  if (target.width <= 0) return;
+  typename Path::Plan plans[2];
+  path.MakePlan(ChunkAt(target, 0), plans[0]);
+  int current = 0;
+  for (int64_t x = 0; x < target.width; x += kChunk, current ^= 1) {
+    if (x + kChunk < target.width) path.MakePlan(ChunkAt(target, x + kChunk), plans[current ^ 1]);
+    path.Fill(ChunkAt(target, x), plans[current]);
+  }
 }
 
+template <class Sample, Sampling mode>
+void FillRowPortable(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row,
+                     RowTarget target) {
+  FillRow(PortablePath<Sample, mode>{mapping, source, row}, target);
+}
+
+#if defined(__x86_64__)
 template <class Sample, Sampling mode, int kChannels>
 RAWFX_AVX2 void FillRowAVX2(const SourceMapping& mapping, const SourceImage& source, const RowTerms& row,
                             RowTarget target) {
-  const WideMapping wideMapping = Widen(mapping, row);
-  const WideSource wideSource = Widen(source);
-  for (int64_t x = 0; x < target.width; x += kChunk)
-    FillChunkAVX2<Sample, mode, kChannels>(wideMapping, wideSource, source, ChunkAt(target, x));
+  FillRow(WidePath<Sample, mode, kChannels>{Widen(mapping, row), Widen(source), source}, target);
 }
-
-#undef RAWFX_AVX2
+#endif
 
 using RowFiller = void (*)(const SourceMapping&, const SourceImage&, const RowTerms&, RowTarget);
 
 // The AVX2 rows are compiled apart for the usual pixels (three or four
-// samples), where the copies and blends become fixed-size moves.
+// samples), where the copies and blends become fixed-size moves (run-time
+// sizes: nearest 14.1 ms for 8-bit RGBA and 19.1 ms for 16-bit RGB, bilinear
+// 55.7 and 49.6 ms, against the figures at the top).
 template <class Sample, Sampling mode>
-RowFiller RowFillerFor(int channels) {
-  if (!rawfx::cpu::UseAVX2()) return FillRowPortable<Sample, mode, 0>;
-  if (channels == 3) return FillRowAVX2<Sample, mode, 3>;
-  if (channels == 4) return FillRowAVX2<Sample, mode, 4>;
-  return FillRowAVX2<Sample, mode, 0>;
+RowFiller RowFillerFor([[maybe_unused]] int channels) {
+#if defined(__x86_64__)
+  if (rawfx::cpu::UseAVX2()) {
+    if (channels == 3) return FillRowAVX2<Sample, mode, 3>;
+    if (channels == 4) return FillRowAVX2<Sample, mode, 4>;
+    return FillRowAVX2<Sample, mode, 0>;
+  }
+#endif
+  return FillRowPortable<Sample, mode>;
 }
 
 // ---- the part -----------------------------------------------------------------------
@@ -561,6 +646,7 @@ void* BarrelDistortPart(void* block) {
   return nullptr;
 }
 
+#undef RAWFX_AVX2
 #undef RAWFX_INLINE
 
 }  // namespace

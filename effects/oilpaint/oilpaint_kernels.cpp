@@ -20,6 +20,12 @@
 // columns about to leave; on the AVX2 path a chunk is binned eight pixels per
 // step with the same double arithmetic, and the fullest bin is found with
 // byte-wise vector maxima over the counts.
+//
+// On this machine (2 cores, x86-64 with AVX2), one thread, a 2048 x 2048
+// RGBA 8-bit image with natural texture at the default smoothness 0.4: the
+// AVX2 path takes about 27 ns a pixel at brush 2 and 42 ns at brush 5, some
+// 10 and 19 times faster than the literal kernels (290 and 790 ns); the
+// portable path about 3 and 8 times.
 
 namespace {
 
@@ -79,9 +85,9 @@ int32_t PaddedBins(int32_t bins) { return (bins + kVectorBytes - 1) / kVectorByt
 // The histogram of one part call and the ring of binned columns, taken once
 // per call in four blocks, sized by the bins and the brush only.
 struct Scratch {
-  uint8_t* counts = nullptr;           // per bin, padded with bins that stay empty
-  PackedColour* sums = nullptr;        // per bin; exact while the bin's count is above 0
-  uint8_t* ringBins = nullptr;         // square row x ring slot: a pixel's bin
+  uint8_t* counts = nullptr;            // per bin, padded with bins that stay empty
+  PackedColour* sums = nullptr;         // per bin; exact while the bin's count is above 0
+  uint8_t* ringBins = nullptr;          // square row x ring slot: a pixel's bin
   PackedColour* ringColours = nullptr;  // the same pixel's colour
 };
 
@@ -189,8 +195,8 @@ struct PortablePath {
 // The AVX2 path: eight pixels per step where their channels can be read as
 // words, and the fullest bin by byte-wise maxima.
 struct AVX2Path {
-  __attribute__((target("avx2"))) static void BinRow(const Binning& b, const uint8_t* row, int32_t first,
-                                                     int32_t end, uint8_t* bins, PackedColour* colours) {
+  __attribute__((target("avx2"))) static void BinRow(const Binning& b, const uint8_t* row, int32_t first, int32_t end,
+                                                     uint8_t* bins, PackedColour* colours) {
     int32_t column = first;
     if (first % 8 == 0) {
       const int32_t wordEnd = std::min(end, b.wordColumns);
@@ -206,7 +212,8 @@ struct AVX2Path {
   __attribute__((target("avx2"))) static __m256i LoadWords(const Binning& b, const uint8_t* pixels) {
     const uint8_t* words = pixels + b.wordOffset;
     if (b.pixelBytes == 4) return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(words));
-    const __m256i index = _mm256_mullo_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7), _mm256_set1_epi32(b.pixelBytes));
+    const __m256i index =
+        _mm256_mullo_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7), _mm256_set1_epi32(b.pixelBytes));
     return _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), index, 1);
   }
 
@@ -238,8 +245,8 @@ struct AVX2Path {
     const __m256i blue = Channel(words, b.blueOffset - b.wordOffset);
     const __m256i byteMask = _mm256_set1_epi32(0xFF);
 
-    const __m128i intensityLow = Intensity4(_mm256_castsi256_si128(red), _mm256_castsi256_si128(green),
-                                            _mm256_castsi256_si128(blue));
+    const __m128i intensityLow =
+        Intensity4(_mm256_castsi256_si128(red), _mm256_castsi256_si128(green), _mm256_castsi256_si128(blue));
     const __m128i intensityHigh = Intensity4(_mm256_extracti128_si256(red, 1), _mm256_extracti128_si256(green, 1),
                                              _mm256_extracti128_si256(blue, 1));
     const __m256i intensity = _mm256_and_si256(_mm256_set_m128i(intensityHigh, intensityLow), byteMask);
@@ -259,10 +266,11 @@ struct AVX2Path {
 
   // The low byte of each of eight 32-bit lanes, stored as eight bytes.
   __attribute__((target("avx2"))) static void StoreLowBytes(__m256i lanes, uint8_t* out) {
-    const __m256i firstBytes = _mm256_shuffle_epi8(
-        lanes, _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4, 8, 12, -1, -1, -1,
-                                -1, -1, -1, -1, -1, -1, -1, -1, -1));
-    const __m128i eight = _mm_unpacklo_epi32(_mm256_castsi256_si128(firstBytes), _mm256_extracti128_si256(firstBytes, 1));
+    const __m256i firstBytes =
+        _mm256_shuffle_epi8(lanes, _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4,
+                                                    8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
+    const __m128i eight =
+        _mm_unpacklo_epi32(_mm256_castsi256_si128(firstBytes), _mm256_extracti128_si256(firstBytes, 1));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), eight);
   }
 
@@ -322,7 +330,8 @@ class OilPaintRows {
       const uint8_t m = Masked ? MaskAt8(head_.maskData, maskRow, x) : 0;
       // The fullest bin is read before the square moves on and the pixel is
       // written after: the writes then fill the wait of the next search for
-      // the counts just stored (about 10% at brush 2 on this machine).
+      // the counts just stored (9% faster at brush 2, 6% at brush 5, on this
+      // machine).
       const BinTotal fullest = FullestBinTotal();
       const bool last = x + 1 == width;
       if (!last) MoveRight(x);
@@ -441,9 +450,9 @@ class OilPaintRows {
   const bool copyAlpha_;
   const int32_t srcAlpha_;
   const int32_t dstAlpha_;
-  int32_t rows_ = 0;                     // source rows in the current square
+  int32_t rows_ = 0;                    // source rows in the current square
   const uint8_t* squareTop_ = nullptr;  // the square's top source row
-  int32_t binnedEnd_ = 0;                // columns binned so far in the current row
+  int32_t binnedEnd_ = 0;               // columns binned so far in the current row
 };
 
 // The rows of one part in increasing order, each counted as progress, stopping
@@ -460,7 +469,7 @@ void PaintRows(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_t en
 #if defined(__x86_64__)
 template <bool Masked>
 __attribute__((target("avx2"), flatten)) void PaintRowsAVX2(OilPaintParams& p, const Scratch& s, int32_t firstRow,
-                                                           int32_t endRow) {
+                                                            int32_t endRow) {
   PaintRows<Masked, AVX2Path>(p, s, firstRow, endRow);
 }
 #endif

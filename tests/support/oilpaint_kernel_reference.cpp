@@ -23,7 +23,6 @@ uint8_t BinOf(uint8_t intensity, float smoothness) {
   return static_cast<uint8_t>(static_cast<int32_t>(scaled));
 }
 
-
 // The histogram of one part call: a count and three colour sums per bin.
 // Counts start cleared and every scan clears them again as it reads them.
 // Sums are never cleared: a bin's sums restart when its count goes 0 -> 1.
