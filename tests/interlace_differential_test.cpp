@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -327,12 +328,21 @@ std::string FirstDifference(const Outcome& expected, const Outcome& actual) {
          FirstDifference("destination", expected.destination, actual.destination);
 }
 
+// RAWFX_DIFF_CASES, when set to a positive number, replaces the count (the
+// sanitizer builds run fewer cases).
+int CaseCount(int standard) {
+  const char* setting = std::getenv("RAWFX_DIFF_CASES");
+  const int count = setting ? std::atoi(setting) : 0;
+  return count > 0 ? count : standard;
+}
+
 class InterlaceDifferential : public ::testing::Test {
  protected:
   void TearDown() override { rawfx::cpu::ForceScalar(false); }
 
   // Runs count random cases on both paths; stops reporting after a few failures.
-  void RunCases(uint64_t seed, int count, bool (*keep)(const Case&)) {
+  void RunCases(uint64_t seed, int standardCount, bool (*keep)(const Case&)) {
+    const int count = CaseCount(standardCount);
     Random random(seed);
     int failures = 0, run = 0;
     for (int i = 0; i < count && failures < 5; ++i) {

@@ -6,6 +6,7 @@
 #include "imaging/mp_filter.h"
 #include "imaging/raw_bitmap.h"
 #include "plugin/class_definition.h"
+#include "plugin/held_object.h"
 #include "plugin/class_records.h"
 #include "plugin/host_binding.h"
 
@@ -78,27 +79,17 @@ void Constructor(REALobject self) {
 
 void Destructor(REALobject self) {
   BarrelDistortionData* data = DataOf(self);
-  if (data->backColor) REALUnlockObject(data->backColor);
+  rawfx::ReleaseHeld(data->backColor);
 }
 
 // ---- accessors --------------------------------------------------------------
 
 // The caller gets its own lock on the colour.
-REALobject GetGenericBackColor(REALobject self, long long) {
-  REALobject colour = DataOf(self)->backColor;
-  REALLockObject(colour);
-  return colour;
-}
+REALobject GetGenericBackColor(REALobject self, long long) { return rawfx::HandOut(DataOf(self)->backColor); }
 
-// nil is ignored so that backColor is never nil. The new colour is locked
-// before the old one is released, so re-setting the held colour cannot drop
-// its last lock on the way.
+// nil is ignored so that backColor is never nil.
 void SetGenericBackColor(REALobject self, long long, REALobject value) {
-  if (!value) return;
-  BarrelDistortionData* data = DataOf(self);
-  REALLockObject(value);
-  if (data->backColor) REALUnlockObject(data->backColor);
-  data->backColor = value;
+  if (value) rawfx::ReplaceHeld(DataOf(self)->backColor, value);
 }
 
 double BarrelDistortion_getDistortion(REALobject self, long long) { return DataOf(self)->distortion; }

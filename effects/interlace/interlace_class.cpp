@@ -8,6 +8,7 @@
 #include "imaging/mp_filter.h"
 #include "imaging/raw_bitmap.h"
 #include "plugin/class_definition.h"
+#include "plugin/held_object.h"
 #include "plugin/class_records.h"
 #include "plugin/host_binding.h"
 
@@ -94,39 +95,23 @@ void Constructor(REALobject self) {
 
 void Destructor(REALobject self) {
   InterlaceData* data = DataOf(self);
-  if (data->mask) REALUnlockObject(data->mask);
-  if (data->backColor) REALUnlockObject(data->backColor);
+  rawfx::ReleaseHeld(data->mask);
+  rawfx::ReleaseHeld(data->backColor);
 }
 
 // ---- accessors ------------------------------------------------------------------
 
-// Replaces a held object. The new one is locked before the old one is released,
-// so assigning the object already held cannot free it in between.
-void ReplaceHeld(REALobject& held, REALobject value) {
-  REALLockObject(value);
-  if (held) REALUnlockObject(held);
-  held = value;
-}
-
 // Getters hand the caller its own reference (a nil mask is "locked" too).
-REALobject GetMask(REALobject self, int64_t) {
-  InterlaceData* data = DataOf(self);
-  REALLockObject(data->mask);
-  return data->mask;
-}
+REALobject GetMask(REALobject self, int64_t) { return rawfx::HandOut(DataOf(self)->mask); }
 
 // A nil value removes the mask.
-void SetMask(REALobject self, int64_t, REALobject value) { ReplaceHeld(DataOf(self)->mask, value); }
+void SetMask(REALobject self, int64_t, REALobject value) { rawfx::ReplaceHeld(DataOf(self)->mask, value); }
 
-REALobject GetGenericBackColor(REALobject self, int64_t) {
-  InterlaceData* data = DataOf(self);
-  REALLockObject(data->backColor);
-  return data->backColor;
-}
+REALobject GetGenericBackColor(REALobject self, int64_t) { return rawfx::HandOut(DataOf(self)->backColor); }
 
 // A nil colour is ignored: the effect always has one to fill with.
 void SetGenericBackColor(REALobject self, int64_t, REALobject value) {
-  if (value) ReplaceHeld(DataOf(self)->backColor, value);
+  if (value) rawfx::ReplaceHeld(DataOf(self)->backColor, value);
 }
 
 // The type setters store any value; Apply refuses values outside 0..2.

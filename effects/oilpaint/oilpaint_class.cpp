@@ -6,6 +6,7 @@
 
 #include "imaging/mp_filter.h"
 #include "plugin/class_definition.h"
+#include "plugin/held_object.h"
 #include "plugin/class_records.h"
 #include "plugin/host_binding.h"
 
@@ -68,26 +69,16 @@ void Constructor(REALobject self) {
 
 void Destructor(REALobject self) {
   OilPaintData* data = DataOf(self);
-  if (data->mask) REALUnlockObject(data->mask);
+  rawfx::ReleaseHeld(data->mask);
 }
 
 // ---- accessors --------------------------------------------------------------
 
 // The caller gets its own lock on the mask (the host ignores a lock of nil).
-REALobject GetMask(REALobject self, long long) {
-  REALobject mask = DataOf(self)->mask;
-  REALLockObject(mask);
-  return mask;
-}
+REALobject GetMask(REALobject self, long long) { return rawfx::HandOut(DataOf(self)->mask); }
 
-// The held mask is released before the new one is locked; the host's caller
-// holds its own reference to the value, so re-setting the held mask keeps it alive.
-void SetMask(REALobject self, long long, REALobject value) {
-  OilPaintData* data = DataOf(self);
-  if (data->mask) REALUnlockObject(data->mask);
-  REALLockObject(value);
-  data->mask = value;
-}
+// A nil value removes the mask.
+void SetMask(REALobject self, long long, REALobject value) { rawfx::ReplaceHeld(DataOf(self)->mask, value); }
 
 uint8_t GetBrushSize(REALobject self, long long) { return DataOf(self)->brushSize; }
 

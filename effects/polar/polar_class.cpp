@@ -12,6 +12,7 @@
 #include "imaging/mp_filter.h"
 #include "imaging/raw_bitmap.h"
 #include "plugin/class_definition.h"
+#include "plugin/held_object.h"
 #include "plugin/class_records.h"
 #include "plugin/host_binding.h"
 
@@ -85,27 +86,17 @@ void Constructor(REALobject self) {
 
 void Destructor(REALobject self) {
   PolarCoordinatesData* data = DataOf(self);
-  if (data->backColor) REALUnlockObject(data->backColor);
+  rawfx::ReleaseHeld(data->backColor);
 }
 
 // ---- accessors --------------------------------------------------------------
 
 // The caller gets its own lock on the colour.
-REALobject PolarGetBackColor(REALobject self, long long) {
-  REALobject colour = DataOf(self)->backColor;
-  REALLockObject(colour);
-  return colour;
-}
+REALobject PolarGetBackColor(REALobject self, long long) { return rawfx::HandOut(DataOf(self)->backColor); }
 
-// nil is ignored, so the property always holds a colour. The new colour is
-// locked before the old one is released: re-setting the colour already held
-// cannot drop its last lock on the way.
+// nil is ignored, so the property always holds a colour.
 void PolarSetBackColor(REALobject self, long long, REALobject value) {
-  if (!value) return;
-  PolarCoordinatesData* data = DataOf(self);
-  REALLockObject(value);
-  if (data->backColor) REALUnlockObject(data->backColor);
-  data->backColor = value;
+  if (value) rawfx::ReplaceHeld(DataOf(self)->backColor, value);
 }
 
 // ---- Apply ------------------------------------------------------------------
