@@ -2,6 +2,8 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# Each benchmark three times, medians reported: the machine is shared and small.
+BENCH_ARGS ?= --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
 .PHONY: all bootstrap configure build test demo bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
@@ -29,14 +31,14 @@ demo: build
 bench: bootstrap
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench
-	$(BUILD)/bench/rawfx_bench --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
+	$(BUILD)/bench/rawfx_bench $(BENCH_ARGS) --benchmark_out=$(BUILD)/bench.json --benchmark_out_format=json
 
 # The same jobs in OpenCV and ImageMagick beside rawfx's, written to $(BUILD)/bench_peers.json.
 bench-peers: bootstrap
 	@scripts/install-bench-peers
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench_peers
-	$(BUILD)/bench/rawfx_bench_peers --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
+	$(BUILD)/bench/rawfx_bench_peers $(BENCH_ARGS) --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
 
 # ---- sanitizers ----------------------------------------------------------------
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, then the
