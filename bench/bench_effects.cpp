@@ -1,9 +1,10 @@
 // Throughput of every effect on a 2048 x 2048 image with natural texture:
 //  - through the host's Apply, end to end (result bitmap included), at one
 //    thread and at all cores;
-//  - the literal reference kernels (tests/support), at one thread, called on
-//    hand-built parameter blocks over the same image and a destination laid
-//    out as the engine lays out results;
+//  - the shipped kernels and the literal reference kernels (tests/support),
+//    at one thread, called on hand-built parameter blocks over the same image
+//    and a destination laid out as the engine lays out results (reused from
+//    run to run, so no allocation or first touch of pages is timed);
 //  - a plain copy of a buffer of the same size, the memory-bandwidth yardstick.
 // Counter: megapixels per second.
 #include <benchmark/benchmark.h>
@@ -144,7 +145,7 @@ struct HandBuiltRun {
 
 // Times part over every row of params, whose head FillHead has filled.
 template <class Params>
-void TimeReference(benchmark::State& state, Params& params, PartFunction part) {
+void TimeParts(benchmark::State& state, Params& params, PartFunction part) {
   for (auto _ : state) {
     params.head.progress = 0;
     MPParamBlock block{0, static_cast<int32_t>(kSide), 0, {}, &params};
@@ -171,7 +172,14 @@ void DefaultBackground(const rawfx::host::FormatInfo& format, int bits, int32_t 
   if (format.alpha != 0xFF) values[format.alpha] = bits == 8 ? 255 : 65535;
 }
 
-void InterlaceReference(benchmark::State& state, int channels, bool alpha, int bits) {
+// Which part functions a hand-built run times.
+enum class Kernels { Shipped, Reference };
+
+PartFunction Pick(Kernels kernels, PartFunction shipped, PartFunction reference) {
+  return kernels == Kernels::Shipped ? shipped : reference;
+}
+
+void InterlaceParts(benchmark::State& state, Kernels kernels, int channels, bool alpha, int bits) {
   HandBuiltRun run(channels, alpha, bits);
   InterlaceParams params{};
   run.FillHead(params.head);
@@ -179,11 +187,14 @@ void InterlaceReference(benchmark::State& state, int channels, bool alpha, int b
   params.verticalType = 2;
   params.interlaceAlpha = 1;
   DefaultBackground(rawfx::bench::FormatWith(channels, alpha), bits, params.channelValues);
-  TimeReference(state, params,
-                bits == 8 ? rawfx::reference::InterlacePart : rawfx::reference::InterlacePart16);
+  TimeParts(state, params,
+            bits == 8 ? Pick(kernels, InterlacePart, rawfx::reference::InterlacePart)
+                      : Pick(kernels, InterlacePart16, rawfx::reference::InterlacePart16));
 }
 
-void PolarReference(benchmark::State& state, int channels, bool alpha, int bits, bool toPolar) {
+// Polar to rectangular runs get the column table the class makes for them
+// (made once here, outside the timing; the reference kernels ignore it).
+void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alpha, int bits, bool toPolar) {
   HandBuiltRun run(channels, alpha, bits);
   Host& host = *run.fixture.host;
   REALobject effect = ConfiguredEffect(host, "PolarCoordinatesEffectRaw", ConfigurePolar(toPolar));
@@ -201,13 +212,18 @@ void PolarReference(benchmark::State& state, int channels, bool alpha, int bits,
     params.backColor8[i] = static_cast<uint8_t>(background[i]);
     params.backColor16[i] = static_cast<uint16_t>(background[i]);
   }
-  TimeReference(state, params,
-                bits == 8 ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16);
+  std::vector<double> tableStorage(PolarColumnTableBytes(kSide, kSide) / sizeof(double) + 1);
+  if (!toPolar)
+    params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, static_cast<int32_t>(kSide),
+                                              static_cast<int32_t>(kSide));
+  TimeParts(state, params,
+            bits == 8 ? Pick(kernels, PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart)
+                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16));
 }
 
 // The class keeps its block in its instance data and fills it on Apply: one
 // Apply gives exactly the settings of the Apply benchmark.
-void BarrelReference(benchmark::State& state, int channels, bool alpha, int bits, bool interpolate) {
+void BarrelParts(benchmark::State& state, Kernels kernels, int channels, bool alpha, int bits, bool interpolate) {
   HandBuiltRun run(channels, alpha, bits);
   Host& host = *run.fixture.host;
   REALobject effect = ConfiguredEffect(host, "BarrelDistortEffectRaw", ConfigureBarrel(interpolate));
@@ -216,14 +232,17 @@ void BarrelReference(benchmark::State& state, int channels, bool alpha, int bits
       static_cast<BarrelDistortionData*>(host.ClassData(effect, "BarrelDistortEffectRaw"))->params;
   host.Unlock(effect);
   run.FillHead(params.head);
-  PartFunction part = bits == 8 ? (interpolate ? rawfx::reference::BarrelDistortInterpolate8BitPart
-                                               : rawfx::reference::BarrelDistort8BitPart)
-                                : (interpolate ? rawfx::reference::BarrelDistortInterpolate16BitPart
-                                               : rawfx::reference::BarrelDistort16BitPart);
-  TimeReference(state, params, part);
+  PartFunction part =
+      bits == 8 ? (interpolate ? Pick(kernels, BarrelDistortInterpolate8BitPart,
+                                      rawfx::reference::BarrelDistortInterpolate8BitPart)
+                               : Pick(kernels, BarrelDistort8BitPart, rawfx::reference::BarrelDistort8BitPart))
+                : (interpolate ? Pick(kernels, BarrelDistortInterpolate16BitPart,
+                                      rawfx::reference::BarrelDistortInterpolate16BitPart)
+                               : Pick(kernels, BarrelDistort16BitPart, rawfx::reference::BarrelDistort16BitPart));
+  TimeParts(state, params, part);
 }
 
-void OilPaintReference(benchmark::State& state, int brush) {
+void OilPaintParts(benchmark::State& state, Kernels kernels, int brush) {
   HandBuiltRun run(4, true, 8);
   Host& host = *run.fixture.host;
   REALobject effect = ConfiguredEffect(host, "OilPaintEffectRaw", ConfigureOilPaint(brush));
@@ -232,8 +251,26 @@ void OilPaintReference(benchmark::State& state, int brush) {
                                  *run.fixture.view().record, params);
   host.Unlock(effect);
   run.FillHead(params.head);
-  TimeReference(state, params, rawfx::reference::OilPaintPart8bit);
+  TimeParts(state, params, Pick(kernels, OilPaintPart8bit, rawfx::reference::OilPaintPart8bit));
 }
+
+// The rows' names tell shipped kernels from reference ones.
+template <class... A>
+void InterlaceKernel(benchmark::State& s, A... a) { InterlaceParts(s, Kernels::Shipped, a...); }
+template <class... A>
+void InterlaceReference(benchmark::State& s, A... a) { InterlaceParts(s, Kernels::Reference, a...); }
+template <class... A>
+void BarrelKernel(benchmark::State& s, A... a) { BarrelParts(s, Kernels::Shipped, a...); }
+template <class... A>
+void BarrelReference(benchmark::State& s, A... a) { BarrelParts(s, Kernels::Reference, a...); }
+template <class... A>
+void PolarKernel(benchmark::State& s, A... a) { PolarParts(s, Kernels::Shipped, a...); }
+template <class... A>
+void PolarReference(benchmark::State& s, A... a) { PolarParts(s, Kernels::Reference, a...); }
+template <class... A>
+void OilPaintKernel(benchmark::State& s, A... a) { OilPaintParts(s, Kernels::Shipped, a...); }
+template <class... A>
+void OilPaintReference(benchmark::State& s, A... a) { OilPaintParts(s, Kernels::Reference, a...); }
 
 void ThreadCounts(benchmark::internal::Benchmark* b) {
   b->Arg(1);
@@ -247,31 +284,43 @@ BENCHMARK_CAPTURE(PlainCopy, rgba8, 4)->Apply(OneThread);
 BENCHMARK_CAPTURE(PlainCopy, rgb16, 6)->Apply(OneThread);
 
 BENCHMARK_CAPTURE(Interlace, rgba8, 4, true, 8)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(InterlaceKernel, rgba8, 4, true, 8)->Apply(OneThread);
 BENCHMARK_CAPTURE(InterlaceReference, rgba8, 4, true, 8)->Apply(OneThread);
 BENCHMARK_CAPTURE(Interlace, rgb16, 3, false, 16)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(InterlaceKernel, rgb16, 3, false, 16)->Apply(OneThread);
 BENCHMARK_CAPTURE(InterlaceReference, rgb16, 3, false, 16)->Apply(OneThread);
 
 BENCHMARK_CAPTURE(Barrel, nearest_rgba8, 4, true, 8, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelKernel, nearest_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(BarrelReference, nearest_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, bilinear_rgba8, 4, true, 8, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelKernel, bilinear_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(BarrelReference, bilinear_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, nearest_rgb16, 3, false, 16, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelKernel, nearest_rgb16, 3, false, 16, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(BarrelReference, nearest_rgb16, 3, false, 16, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Barrel, bilinear_rgb16, 3, false, 16, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(BarrelKernel, bilinear_rgb16, 3, false, 16, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(BarrelReference, bilinear_rgb16, 3, false, 16, true)->Apply(OneThread);
 
 BENCHMARK_CAPTURE(Polar, to_polar_rgba8, 4, true, 8, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarKernel, to_polar_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(PolarReference, to_polar_rgba8, 4, true, 8, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_rect_rgba8, 4, true, 8, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarKernel, to_rect_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(PolarReference, to_rect_rgba8, 4, true, 8, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_polar_rgb16, 3, false, 16, true)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarKernel, to_polar_rgb16, 3, false, 16, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(PolarReference, to_polar_rgb16, 3, false, 16, true)->Apply(OneThread);
 BENCHMARK_CAPTURE(Polar, to_rect_rgb16, 3, false, 16, false)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(PolarKernel, to_rect_rgb16, 3, false, 16, false)->Apply(OneThread);
 BENCHMARK_CAPTURE(PolarReference, to_rect_rgb16, 3, false, 16, false)->Apply(OneThread);
 
 BENCHMARK_CAPTURE(OilPaint, brush2_rgba8, 2)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(OilPaintKernel, brush2_rgba8, 2)->Apply(OneThread);
 BENCHMARK_CAPTURE(OilPaintReference, brush2_rgba8, 2)->Apply(OneThread);
 BENCHMARK_CAPTURE(OilPaint, brush5_rgba8, 5)->Apply(ThreadCounts);
+BENCHMARK_CAPTURE(OilPaintKernel, brush5_rgba8, 5)->Apply(OneThread);
 BENCHMARK_CAPTURE(OilPaintReference, brush5_rgba8, 5)->Apply(OneThread);
 
 }  // namespace
