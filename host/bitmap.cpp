@@ -57,25 +57,25 @@ int64_t AcceptedRowBytes(int64_t width, int64_t height, int64_t rowBytes, int64_
   return stride;
 }
 
-// "Constructor(srcBlock as MemoryBlock, width, height, rowBytes, imageFormat)":
-// the depth is the instance's bitsPerChannel at the time of the call (8 for a
-// new instance). Pixels are always the bitmap's own, zero-filled; this host has
-// no MemoryBlock class, so a source block makes the bitmap invalid.
-void BitmapConstruct(REALobject self, REALobject srcBlock, int64_t width, int64_t height, int64_t rowBytes,
-                     int64_t format) {
-  RawBitmap* record = RecordOf(self);
+// Lays out a bitmap of the record's depth with pixel memory of its own; the
+// record is left invalid when the size, stride or format is refused. Memory
+// is zero-filled unless clearing says the caller clears it.
+void ConstructPixels(RawBitmap* record, int64_t width, int64_t height, int64_t rowBytes, int64_t format,
+                     PixelClearing clearing) {
   const uint8_t depth = record->bitsPerChannel;
   ReleasePixels(record);
   std::memset(record, 0, sizeof *record);
   record->bitsPerChannel = depth;
   record->format = format;
   const FormatInfo* info = FindFormat(format);
-  if (srcBlock || !info || (depth != 8 && depth != 16)) return;
+  if (!info || (depth != 8 && depth != 16)) return;
   const int bytesPerSample = depth / 8;
   const int64_t pixelBytes = int64_t{info->channels} * bytesPerSample;
   const int64_t stride = AcceptedRowBytes(width, height, rowBytes, pixelBytes, bytesPerSample);
   if (stride == 0) return;
-  auto* pixels = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(height), static_cast<size_t>(stride)));
+  const size_t rows = static_cast<size_t>(height), bytesPerRow = static_cast<size_t>(stride);
+  auto* pixels = static_cast<uint8_t*>(clearing == PixelClearing::Now ? std::calloc(rows, bytesPerRow)
+                                                                      : std::malloc(rows * bytesPerRow));
   if (!pixels) return;
   SetPixels(record, pixels);
   SetRowBytes(record, stride);
@@ -90,6 +90,17 @@ void BitmapConstruct(REALobject self, REALobject srcBlock, int64_t width, int64_
   record->blackOffset = ByteOffset(info->black, bytesPerSample);
   record->hasAlpha = info->hasAlpha;
   record->isValid = 1;
+}
+
+// "Constructor(srcBlock as MemoryBlock, width, height, rowBytes, imageFormat)":
+// the depth is the instance's bitsPerChannel at the time of the call (8 for a
+// new instance). Pixels are always the bitmap's own, zero-filled; this host has
+// no MemoryBlock class, so a source block makes the bitmap invalid.
+void BitmapConstruct(REALobject self, REALobject srcBlock, int64_t width, int64_t height, int64_t rowBytes,
+                     int64_t format) {
+  RawBitmap* record = RecordOf(self);
+  const int64_t accepted = srcBlock ? 0 : width;  // refused like a bad size
+  ConstructPixels(record, accepted, height, rowBytes, format, PixelClearing::Now);
 }
 
 // ---- RawBitmapMask ------------------------------------------------------------------
@@ -243,11 +254,11 @@ void Host::Impl::AddBitmapClasses() {
 }
 
 REALobject Host::Impl::MakeBitmap(int64_t width, int64_t height, int64_t format, int bitsPerChannel,
-                                  int64_t rowBytes) {
+                                  int64_t rowBytes, PixelClearing clearing) {
   REALobject bitmap = NewObject(bitmapClass);
   if (!bitmap) return nullptr;
   RecordOf(bitmap)->bitsPerChannel = static_cast<uint8_t>(bitsPerChannel == 8 || bitsPerChannel == 16 ? bitsPerChannel : 0);
-  BitmapConstruct(bitmap, nullptr, width, height, rowBytes, format);
+  ConstructPixels(RecordOf(bitmap), width, height, rowBytes, format, clearing);
   if (RecordOf(bitmap)->isValid) return bitmap;
   Unlock(bitmap);
   return nullptr;

@@ -53,6 +53,8 @@ struct Run {
   GenericMPParams* head = nullptr;
   PartFunction function = nullptr;
   REALobject result = nullptr;  // the new bitmap of a run that makes one
+  uint8_t* uncleared = nullptr;  // its pixels, zeroed part by part
+  size_t unclearedRowBytes = 0;
   std::vector<MPParamBlock> blocks;
   bool cancelBetweenParts = false;  // CancelAtRow: two parts in order, cancel set between them
   std::atomic<size_t> remaining{0};
@@ -176,9 +178,11 @@ bool Prepare(Host::Impl& host, const Request& request, Run& run) {
   if (request.operation != EngineCall::PartsInPlace) {
     if (host.TakeResultFailure()) return false;
     run.result = host.MakeBitmap(source->width, source->height, source->format, source->bitsPerChannel,
-                                 source->width * source->bytesPerPixel + kResultRowPadding);
+                                 source->width * source->bytesPerPixel + kResultRowPadding, PixelClearing::ByCaller);
     if (!run.result) return false;
     destination = static_cast<RawBitmap*>(DataOf(run.result, host.bitmapClass));
+    run.uncleared = BitmapPixels(destination);
+    run.unclearedRowBytes = static_cast<size_t>(BitmapRowBytes(destination));
   }
   auto* head = static_cast<GenericMPParams*>(request.params);
   FillHead(head, source, destination, request.mask ? MaskDataOf(request.mask) : nullptr);
@@ -232,12 +236,24 @@ void Finish(Run& run) {
   run.finished.notify_all();
 }
 
+// Runs part i. A new result's rows are zeroed here, by the worker about to
+// fill them: clearing scales with the cores and leaves the rows in its cache.
+// Every row lies in exactly one part and every part runs, cancelled or not,
+// so the whole result is cleared before anyone can see it.
+void RunPart(Run& run, size_t i) {
+  MPParamBlock& block = run.blocks[i];
+  if (run.uncleared && block.endRow > block.firstRow)
+    std::memset(run.uncleared + run.unclearedRowBytes * static_cast<size_t>(block.firstRow), 0,
+                run.unclearedRowBytes * static_cast<size_t>(block.endRow - block.firstRow));
+  run.function(&block);
+}
+
 // Runs every part in order on this thread; a run cut by CancelAtRow gets its
 // cancel between its two parts.
 void RunPartsInOrder(Run& run) {
   for (size_t i = 0; i < run.blocks.size(); ++i) {
     if (run.cancelBetweenParts && i == 1) SetCancel(run.head);
-    run.function(&run.blocks[i]);
+    RunPart(run, i);
   }
 }
 
@@ -269,7 +285,7 @@ void Start(Run& run) {
   } else {
     for (size_t i = 0; i < parts; ++i)
       pool.Submit([&run, i] {
-        run.function(&run.blocks[i]);
+        RunPart(run, i);
         if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
       });
   }

@@ -53,6 +53,11 @@ inline Host::Impl* HostOf(REALobject object) { return HeaderOf(object)->host; }
 inline void* DataOf(REALobject object, const ClassInfo* cls) { return BytesOf(object) + cls->dataOffset; }
 
 // What a property row's type string stands for.
+// Who zero-fills a new bitmap's pixels: the constructor, or the caller, which
+// clears every row before anyone reads it (the engine, part by part, on the
+// workers that then fill those rows).
+enum class PixelClearing { Now, ByCaller };
+
 enum class ValueKind { Boolean, UInt8, Single, Double, Integer, Object, Unknown };
 
 // A property row and the class whose record holds it.
@@ -123,7 +128,8 @@ struct Host::Impl {
   void AddBitmapClasses();
   void AddColourClasses();
   void AddFilterClass();
-  REALobject MakeBitmap(int64_t width, int64_t height, int64_t format, int bitsPerChannel, int64_t rowBytes);
+  REALobject MakeBitmap(int64_t width, int64_t height, int64_t format, int bitsPerChannel, int64_t rowBytes,
+                        PixelClearing clearing = PixelClearing::Now);
   REALobject MakeColour(const ClassInfo* cls, const void* data, size_t bytes);
   void RequestCancel(REALobject effect);
   void WaitForAsync();

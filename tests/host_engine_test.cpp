@@ -293,6 +293,33 @@ TEST_F(EngineTest, FillsTheWholeHeadAndMakesTheResultOrWritesInPlace) {
   }
 }
 
+// The result is cleared by the parts that fill it; rows and padding that no
+// part writes must still read zero, even in memory freed dirty just before.
+TEST_F(EngineTest, AResultIsAllZeroWhereNoPartWrote) {
+  for (SplitPolicy policy : {SplitPolicy::Balanced, SplitPolicy::SmallParts, SplitPolicy::OddStarts,
+                             SplitPolicy::WithEmptyParts}) {
+    host.SetSplitPolicy(policy);
+    for (int bits : {8, 16}) {
+      REALobject source = NewSource(301, bits);
+      REALobject dirty = host.NewBitmap(9, 301, 5, bits, 24);  // a result's size, freed dirty
+      const auto dirtyView = host.Bitmap(dirty);
+      std::memset(dirtyView.pixels, 0xA5, size_t(dirtyView.rowBytes * dirtyView.height));
+      host.Unlock(dirty);
+
+      GenericMPParams head{};
+      REALobject result = engine->ops->ProcessParts(engine, &head, &FinishRows, &FinishRows,
+                                                    host.Bitmap(source).record, nullptr, 2, bits == 8 ? 13 : 14, 1);
+      ASSERT_NE(result, nullptr);
+      const auto view = host.Bitmap(result);
+      const size_t bytes = size_t(view.rowBytes * view.height);
+      EXPECT_EQ(size_t(std::count(view.pixels, view.pixels + bytes, uint8_t{0})), bytes)
+          << "policy " << static_cast<int>(policy) << ", " << bits << " bits";
+      host.Unlock(result);
+      host.Unlock(source);
+    }
+  }
+}
+
 TEST_F(EngineTest, RefusesDepthsTheFlagsDoNotAllowAndMasksThatDoNotCoverTheSource) {
   for (auto [bits, flags, runs] : {std::tuple{8, 13, true}, {8, 5, true}, {8, 14, false}, {16, 14, true},
                                    {16, 13, false}, {16, 5, false}}) {
