@@ -66,9 +66,14 @@ struct Run {
 
 using RowRange = std::pair<int32_t, int32_t>;
 
+// Rows cost unequal amounts in most effects (a polar row near the centre is
+// not a row at the rim), so the workers take many small parts from one queue:
+// the last part to finish is short and all workers end close together.
+constexpr int kPartsPerWorker = 16;
+
 std::vector<RowRange> BalancedParts(int32_t height, int workers) {
   const int64_t quads = (int64_t{height} + 3) / 4;
-  const int64_t parts = std::min<int64_t>(quads, int64_t{workers} * 4);
+  const int64_t parts = std::min<int64_t>(quads, int64_t{workers} * kPartsPerWorker);
   std::vector<RowRange> ranges;
   for (int64_t i = 0; i < parts; ++i) {
     const int64_t first = 4 * (quads * i / parts);
