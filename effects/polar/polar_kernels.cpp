@@ -737,9 +737,14 @@ void* PolarCoordinatesRows(void* block) {
 
 }  // namespace
 
+// Wider bitmaps map every pixel in full: past a million columns the table
+// would take tens of megabytes, filled on one thread before the run starts,
+// and a record patched to a wild width would have the class fill it in vain.
+constexpr int64_t kWidestTabled = int64_t{1} << 20;
+
 size_t PolarColumnTableBytes(int64_t width, int64_t height) {
   constexpr int64_t kLargest = std::numeric_limits<int32_t>::max();
-  if (width < 1 || width > kLargest || height < 1 || height > kLargest) return 0;
+  if (width < 1 || width > kWidestTabled || height < 1 || height > kLargest) return 0;
   return sizeof(PolarColumnTable) + static_cast<size_t>(width) * sizeof(PolarColumn);
 }
 

@@ -73,7 +73,8 @@ static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
 static_assert(sizeof(PolarCoordinatesParams) == 168);
 
 // Bytes of a column table for a width x height bitmap (header included); 0 when
-// a part could not use one (a size outside 1 .. the largest int32).
+// a run takes none (a width outside 1 .. 2^20, a height outside 1 .. the
+// largest int32).
 size_t PolarColumnTableBytes(int64_t width, int64_t height);
 
 // Makes the column table of a polar-to-rectangular run over a width x height
