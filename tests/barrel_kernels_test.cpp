@@ -1,399 +1,215 @@
-// The barrel distortion part functions on hand-built parameter blocks.
+// The barrel distortion part functions, shipped and reference alike, on
+// hand-built blocks: the documented source positions, truncation at the
+// edges, the background for positions outside the source or not a number, the
+// pixel layouts of each depth and the row bookkeeping owed to the engine.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <utility>
+#include <memory>
 #include <vector>
 
 #include "effects/barrel/barrel_kernels.h"
+#include "support/barrel_reference.h"
+#include "support/kernel_blocks.h"
 
 namespace {
 
 using namespace BarrelKeystone;
+using namespace rawfx::test;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kOutside = kNaN;  // an expected position that takes the background
+constexpr uint8_t kUntouched = 0xA5;
 
-// Pixels laid out as a RawBitmap's: rows of pixelBytes-wide pixels, then padding.
-struct Pixels {
-  int width = 0, height = 0, pixelBytes = 0, rowBytes = 0;
-  std::vector<uint8_t> bytes;
-
-  Pixels() = default;
-  Pixels(int w, int h, int pixelBytesIn, int padding, uint8_t fill)
-      : width(w), height(h), pixelBytes(pixelBytesIn), rowBytes(w * pixelBytesIn + padding),
-        bytes(static_cast<size_t>(rowBytes) * h + 1, fill) {}
-
-  uint8_t* at(int x, int y, int byte = 0) { return bytes.data() + y * rowBytes + x * pixelBytes + byte; }
-  template <class S>
-  S Get(int x, int y, int c) {
-    S s;
-    std::memcpy(&s, at(x, y, c * static_cast<int>(sizeof(S))), sizeof s);
-    return s;
-  }
-  template <class S>
-  void Set(int x, int y, int c, S s) {
-    std::memcpy(at(x, y, c * static_cast<int>(sizeof(S))), &s, sizeof s);
-  }
+// Part functions by depth (8, 16 bits) and sampling (nearest, bilinear).
+struct Kernels {
+  const char* name;
+  PartFunction parts[2][2];
+  PartFunction Part(int sampleBytes, bool bilinear) const { return parts[sampleBytes - 1][bilinear]; }
 };
+const Kernels kShipped{"Shipped", {{BarrelDistort8BitPart, BarrelDistortInterpolate8BitPart},
+                                   {BarrelDistort16BitPart, BarrelDistortInterpolate16BitPart}}};
+const Kernels kReference{"Reference",
+                         {{rawfx::reference::BarrelDistort8BitPart, rawfx::reference::BarrelDistortInterpolate8BitPart},
+                          {rawfx::reference::BarrelDistort16BitPart,
+                           rawfx::reference::BarrelDistortInterpolate16BitPart}}};
 
-const PartFunction kNearest8 = BarrelDistort8BitPart;
-const PartFunction kBilinear8 = BarrelDistortInterpolate8BitPart;
-const PartFunction kNearest16 = BarrelDistort16BitPart;
-const PartFunction kBilinear16 = BarrelDistortInterpolate16BitPart;
-const PartFunction kAllKernels[] = {kNearest8, kBilinear8, kNearest16, kBilinear16};
-
-bool Is16Bit(PartFunction f) { return f == kNearest16 || f == kBilinear16; }
-
-class BarrelKernel : public ::testing::Test {
- protected:
-  BarrelDistortionParams params{};
-  Pixels src, dst;
-  static constexpr uint8_t kUntouched = 0xA5;
-
-  // Source and destination of w x h pixels; the block as the class would fill it.
-  void Prepare(int w, int h, int pixelBytes, int padding = 0) {
-    src = Pixels(w, h, pixelBytes, padding, 0);
-    dst = Pixels(w, h, pixelBytes, padding, kUntouched);
-    GenericMPParams& head = params.head;
-    head.progress = 0;
-    head.cancel = 0;
-    head.width = w;
-    head.height = h;
-    head.srcPixels = src.bytes.data();
-    head.dstPixels = dst.bytes.data();
-    head.srcRowBytes = head.dstRowBytes = src.rowBytes;
-    head.srcPixelBytes = head.dstPixelBytes = pixelBytes;
-    for (double& cell : params.keystone) cell = 0.0;
+// A zero source and an untouched destination of one layout, with the block as
+// the effect fills it: identity keystone matrix, centre at half the size.
+struct Frame : PartFrame {
+  Frame(PartFunction partFunction, int width, int height, int pixelBytes, int sampleBytes, int padding = 0)
+      : PartFrame(PixelBuffer(width, height, pixelBytes, padding, 0, sampleBytes),
+                  PixelBuffer(width, height, pixelBytes, padding, kUntouched, sampleBytes)) {
     params.keystone[k00] = params.keystone[k11] = params.keystone[k22] = 1.0;
-    params.centerX = w * 0.5;
-    params.centerY = h * 0.5;
-    SetDistortion(0.0);
+    params.centerX = width * 0.5;
+    params.centerY = height * 0.5;
+    Attach(params.head, &params, partFunction, false);
   }
-  void SetDistortion(double d) {
-    params.distortion = d;
-    params.distortionPlusOne = d + 1.0;
-  }
-  void SetKeystones(double horizontal, double vertical) {
+  void Set(double distortion, double horizontal, double vertical) {
+    params.distortion = distortion;
+    params.distortionPlusOne = distortion + 1.0;
     params.keystone[k02] = params.keystone[k20] = horizontal;
     params.keystone[k12] = params.keystone[k21] = vertical;
   }
-  MPParamBlock Run(PartFunction f, int firstRow, int endRow) {
-    MPParamBlock block{firstRow, endRow, 0, {}, &params};
-    EXPECT_EQ(f(&block), nullptr);
-    return block;
-  }
-  void RunAll(PartFunction f) { Run(f, 0, params.head.height); }
-
-  // A 16-bit source whose pixel (x, y) holds 256x and 256y, background
-  // (65535, 65535): a bilinear result reads back as 256 times the source
-  // position; a nearest result as the copied column and row.
-  void PreparePositionProbe(int w, int h) {
-    Prepare(w, h, 4);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) {
-        src.Set<uint16_t>(x, y, 0, static_cast<uint16_t>(x * 256));
-        src.Set<uint16_t>(x, y, 1, static_cast<uint16_t>(y * 256));
-      }
-    params.backColor16[0] = params.backColor16[1] = 65535;
-  }
-  struct Probe {
-    double x, y;
-  };
-  Probe ProbeAt(PartFunction f, int x, int y) {
-    Run(f, y, y + 1);
-    return {dst.Get<uint16_t>(x, y, 0) / 256.0, dst.Get<uint16_t>(x, y, 1) / 256.0};
-  }
-  bool ProbeIsBackground(PartFunction f, int x, int y) {
-    Run(f, y, y + 1);
-    return dst.Get<uint16_t>(x, y, 0) == 65535 && dst.Get<uint16_t>(x, y, 1) == 65535;
-  }
-
-  // Every destination pixel equals the background, channel by channel.
-  void ExpectAllBackground(PartFunction f, int channels) {
-    for (int y = 0; y < dst.height; ++y)
-      for (int x = 0; x < dst.width; ++x)
-        for (int c = 0; c < channels; ++c) {
-          if (Is16Bit(f))
-            ASSERT_EQ(dst.Get<uint16_t>(x, y, c), params.backColor16[c]) << x << "," << y;
-          else
-            ASSERT_EQ(dst.Get<uint8_t>(x, y, c), params.backColor8[c]) << x << "," << y;
-        }
-  }
+  BarrelDistortionParams params{};
 };
 
-// ---- the source position -------------------------------------------------------
+class BarrelKernels : public ::testing::TestWithParam<Kernels> {};
 
-TEST_F(BarrelKernel, DistortionOneRescalesAboutTheCentre) {
-  PreparePositionProbe(200, 100);
-  SetDistortion(1.0);
-  Probe p = ProbeAt(kBilinear16, 100, 50);
-  EXPECT_EQ(p.x, 100.0);
-  EXPECT_EQ(p.y, 50.0);
-  p = ProbeAt(kBilinear16, 150, 50);
-  EXPECT_EQ(p.x, 131.25);
-  EXPECT_EQ(p.y, 50.0);
-  p = ProbeAt(kNearest16, 150, 50);
-  EXPECT_EQ(p.x, 131.0);
-  EXPECT_EQ(p.y, 50.0);
-  p = ProbeAt(kBilinear16, 150, 75);
-  EXPECT_EQ(p.x, 137.5);
-  EXPECT_EQ(p.y, 68.75);
-  EXPECT_TRUE(ProbeIsBackground(kNearest16, 0, 0));   // samples (-50, -25)
-  EXPECT_TRUE(ProbeIsBackground(kBilinear16, 0, 0));
-}
-
-TEST_F(BarrelKernel, NegativeDistortionPinchesTowardsTheEdges) {
-  PreparePositionProbe(200, 100);
-  SetDistortion(-0.5);
-  const Probe p = ProbeAt(kBilinear16, 150, 75);
-  EXPECT_EQ(p.x, 175.0);
-  EXPECT_EQ(p.y, 87.5);
-}
-
-TEST_F(BarrelKernel, HorizontalKeystone) {
-  PreparePositionProbe(200, 100);
-  SetKeystones(0.5, 0.0);
-  Probe p = ProbeAt(kBilinear16, 100, 50);
-  EXPECT_EQ(p.x, 150.0);
-  EXPECT_EQ(p.y, 50.0);
-  p = ProbeAt(kNearest16, 0, 25);
-  EXPECT_EQ(p.x, 0.0);
-  EXPECT_EQ(p.y, 0.0);
-  EXPECT_TRUE(ProbeIsBackground(kNearest16, 0, 0));  // samples (0, -50)
-  EXPECT_TRUE(ProbeIsBackground(kNearest16, 199, 50));
-
-  // (199, 50) samples x = 199.66555183946485: column 199 blends with the background.
-  const double fx = 199.66555183946485 - 199.0;
-  const double column199 = 199 * 256;
-  Run(kBilinear16, 50, 51);
-  EXPECT_EQ(dst.Get<uint16_t>(199, 50, 0), static_cast<uint16_t>((65535.0 - column199) * fx + column199));
-  const double row50 = 50 * 256;
-  EXPECT_EQ(dst.Get<uint16_t>(199, 50, 1), static_cast<uint16_t>((65535.0 - row50) * fx + row50));
-}
-
-TEST_F(BarrelKernel, VerticalKeystone) {
-  PreparePositionProbe(200, 100);
-  SetKeystones(0.0, 0.5);
-  const Probe p = ProbeAt(kNearest16, 100, 0);
-  EXPECT_EQ(p.x, 100.0);
-  EXPECT_EQ(p.y, 0.0);
-  EXPECT_TRUE(ProbeIsBackground(kNearest16, 0, 0));  // samples (-100, 0)
-}
-
-TEST_F(BarrelKernel, DistortionMinusOneGivesTheBackgroundEverywhere) {
-  for (PartFunction f : kAllKernels) {
-    Prepare(6, 4, 4);
-    std::fill(src.bytes.begin(), src.bytes.end(), 0x33);
-    for (int c = 0; c < 4; ++c) params.backColor8[c] = static_cast<uint8_t>(10 + c);
-    for (int c = 0; c < 2; ++c) params.backColor16[c] = static_cast<uint16_t>(1000 + c);
-    SetDistortion(-1.0);
-    RunAll(f);
-    ExpectAllBackground(f, Is16Bit(f) ? 2 : 4);
-  }
-}
-
-// ---- truncation at the edges -------------------------------------------------------
-
-// In a 10-wide bitmap, column 1 maps to 0.9999999999999998, never rounded to 1.
-TEST_F(BarrelKernel, PositionsAreTruncatedNotRounded) {
-  for (PartFunction f : kAllKernels) {
-    const int sampleBytes = Is16Bit(f) ? 2 : 1;
-    Prepare(10, 2, sampleBytes);
-    for (int y = 0; y < 2; ++y) {
-      src.at(0, y)[0] = 0;
-      src.at(1, y)[0] = 200;  // the low byte of a 16-bit sample: 200 either way
-    }
-    RunAll(f);
-    const bool bilinear = f == kBilinear8 || f == kBilinear16;
-    EXPECT_EQ(dst.at(1, 0)[0], bilinear ? 199 : 0);
-    EXPECT_EQ(dst.at(0, 0)[0], 0);
-  }
-}
-
-class BarrelEdges : public BarrelKernel {
- protected:
-  // 8 x 4 pixels, one 8-bit channel holding 10 + 10x, background 250. The
-  // matrix shifts every position by shift pixels; 8 and 4 keep it exact.
-  void PrepareShifted(double shift) {
-    Prepare(8, 4, 1);
-    for (int y = 0; y < 4; ++y)
-      for (int x = 0; x < 8; ++x) src.at(x, y)[0] = static_cast<uint8_t>(10 + 10 * x);
-    params.backColor8[0] = 250;
-    params.keystone[k20] = shift / params.centerX;
-  }
-};
-
-TEST_F(BarrelEdges, LastColumnIsInsideExactly) {
-  PrepareShifted(0.0);
-  RunAll(kNearest8);
-  EXPECT_EQ(dst.at(7, 2)[0], 80);
-  RunAll(kBilinear8);
-  EXPECT_EQ(dst.at(7, 2)[0], 80);
-}
-
-TEST_F(BarrelEdges, HalfAPixelPastTheLastColumnIsHalfBackground) {
-  PrepareShifted(0.5);
-  RunAll(kNearest8);
-  EXPECT_EQ(dst.at(7, 2)[0], 250);  // 7.5 lies past width - 1
-  EXPECT_EQ(dst.at(6, 2)[0], 70);  // 6.5 copies column 6
-  RunAll(kBilinear8);
-  EXPECT_EQ(dst.at(7, 2)[0], 165);  // (80 + 250) / 2
-  EXPECT_EQ(dst.at(0, 2)[0], 15);
-}
-
-TEST_F(BarrelEdges, AQuarterPixelBeforeColumnZeroIsAQuarterBackground) {
-  PrepareShifted(-0.25);
-  RunAll(kBilinear8);
-  EXPECT_EQ(dst.at(0, 1)[0], 70);  // 250 / 4 + 3 * 10 / 4 = 70
-  RunAll(kNearest8);
-  EXPECT_EQ(dst.at(0, 1)[0], 250);
-}
-
-TEST_F(BarrelKernel, IdentityReproducesDyadicSizedSources) {
-  for (PartFunction f : kAllKernels) {
-    Prepare(16, 8, 4);
-    for (size_t i = 0; i < src.bytes.size(); ++i) src.bytes[i] = static_cast<uint8_t>(i * 37 + 11);
-    RunAll(f);
-    for (int y = 0; y < 8; ++y)
-      ASSERT_EQ(std::memcmp(src.at(0, y), dst.at(0, y), 16 * 4), 0) << "row " << y;
-  }
-}
-
-// ---- non-finite settings ---------------------------------------------------------
-
-TEST_F(BarrelKernel, NonFiniteSettingsGiveTheBackground) {
-  struct Setting {
+// On a 16-bit source whose pixel (x, y) holds 256x and 256y under a background
+// of 65535, a bilinear result reads back as 256 times the source position, a
+// nearest one as the column and row copied.
+TEST_P(BarrelKernels, PixelsSampleTheDocumentedPositions) {
+  const struct {
+    int width, height;
     double distortion, horizontal, vertical;
+    bool bilinear;
+    int x, y;
+    double sx, sy;  // kOutside: the background
+  } cases[] = {
+      {200, 100, 1, 0, 0, true, 100, 50, 100, 50},
+      {200, 100, 1, 0, 0, true, 150, 50, 131.25, 50},
+      {200, 100, 1, 0, 0, false, 150, 50, 131, 50},
+      {200, 100, 1, 0, 0, true, 150, 75, 137.5, 68.75},
+      {200, 100, 1, 0, 0, false, 0, 0, kOutside, kOutside},  // (-50, -25)
+      {200, 100, 1, 0, 0, true, 0, 0, kOutside, kOutside},
+      {200, 100, -0.5, 0, 0, true, 150, 75, 175, 87.5},
+      {200, 100, 0, 0.5, 0, true, 100, 50, 150, 50},
+      {200, 100, 0, 0.5, 0, false, 0, 25, 0, 0},
+      {200, 100, 0, 0.5, 0, false, 0, 0, kOutside, kOutside},     // (0, -50)
+      {200, 100, 0, 0.5, 0, false, 199, 50, kOutside, kOutside},  // (199.66555183946485, 50)
+      {200, 100, 0, 0, 0.5, false, 100, 0, 100, 0},
+      {200, 100, 0, 0, 0.5, false, 0, 0, kOutside, kOutside},  // (-100, 0)
+      // Column 1 of 10 maps to 0.9999999999999998: truncated, never rounded.
+      {10, 4, 0, 0, 0, false, 1, 0, 0, 0},
+      {10, 4, 0, 0, 0, true, 1, 0, 255 / 256.0, 0},
   };
-  const Setting settings[] = {
-      {kNaN, 0, 0}, {kInf, 0, 0}, {-kInf, 0, 0}, {0, kNaN, 0}, {0, 0, kNaN},
-      {0, kInf, 0}, {0, -kInf, 0}, {0, 0, kInf}, {0, 0, -kInf}, {kNaN, kInf, -kInf},
-  };
-  for (PartFunction f : kAllKernels)
-    for (const Setting& s : settings) {
-      Prepare(9, 5, 4);
-      std::fill(src.bytes.begin(), src.bytes.end(), 0x42);
-      for (int c = 0; c < 4; ++c) params.backColor8[c] = static_cast<uint8_t>(200 + c);
-      for (int c = 0; c < 2; ++c) params.backColor16[c] = static_cast<uint16_t>(60000 + c);
-      SetDistortion(s.distortion);
-      SetKeystones(s.horizontal, s.vertical);
-      RunAll(f);
-      ExpectAllBackground(f, Is16Bit(f) ? 2 : 4);
-    }
-}
-
-// Positions far beyond any integer range are outside and are never converted.
-TEST_F(BarrelKernel, HugePositionsAreOutside) {
-  for (PartFunction f : kAllKernels)
-    for (double scale : {1e300, -1e300, 1e20, -1e20}) {
-      Prepare(5, 3, 2);
-      std::fill(src.bytes.begin(), src.bytes.end(), 0x11);
-      params.backColor8[0] = params.backColor8[1] = 7;
-      params.backColor16[0] = 7000;
-      params.keystone[k20] = params.keystone[k21] = scale;
-      RunAll(f);
-      ExpectAllBackground(f, Is16Bit(f) ? 1 : 2);
-    }
-}
-
-// ---- rows, progress and cancel -----------------------------------------------------
-
-TEST_F(BarrelKernel, EmptyRangeWritesNothingAndIsDone) {
-  for (PartFunction f : kAllKernels) {
-    Prepare(4, 4, 2);
-    const std::vector<uint8_t> before = dst.bytes;
-    for (auto [first, end] : {std::pair{2, 2}, std::pair{3, 1}}) {
-      const MPParamBlock block = Run(f, first, end);
-      EXPECT_EQ(block.done, 1);
-      EXPECT_EQ(params.head.progress, 0);
-      EXPECT_EQ(dst.bytes, before);
-    }
-  }
-}
-
-TEST_F(BarrelKernel, NoColumnsStillCountsEveryRow) {
-  for (PartFunction f : kAllKernels)
-    for (int width : {0, -3}) {
-      Prepare(4, 6, 2);
-      const std::vector<uint8_t> before = dst.bytes;
-      params.head.width = width;
-      const MPParamBlock block = Run(f, 1, 5);
-      EXPECT_EQ(block.done, 1);
-      EXPECT_EQ(params.head.progress, 4);
-      EXPECT_EQ(dst.bytes, before);
-    }
-}
-
-TEST_F(BarrelKernel, APartAddsOneProgressPerRowAndWritesOnlyItsRows) {
-  for (PartFunction f : kAllKernels) {
-    Prepare(5, 6, 2);
-    params.head.progress = 10;
-    const MPParamBlock block = Run(f, 2, 5);
-    EXPECT_EQ(block.done, 1);
-    EXPECT_EQ(params.head.progress, 13);
-    for (int y = 0; y < 6; ++y) EXPECT_EQ(*dst.at(0, y) == kUntouched, y < 2 || y >= 5) << "row " << y;
-  }
-}
-
-TEST_F(BarrelKernel, CancelSetBeforehandStillFinishesTheFirstRow) {
-  for (PartFunction f : kAllKernels) {
-    Prepare(5, 6, 2);
-    params.head.cancel = 1;
-    const MPParamBlock block = Run(f, 1, 6);
-    EXPECT_EQ(block.done, 1);
-    EXPECT_EQ(params.head.progress, 1);
-    for (int y = 0; y < 6; ++y)
-      for (int x = 0; x < 5; ++x) EXPECT_EQ(*dst.at(x, y) == kUntouched, y != 1) << x << "," << y;
-  }
-}
-
-// ---- pixel layouts ----------------------------------------------------------------
-
-TEST_F(BarrelKernel, SixteenBitPixelsWriteWholeSamplesAndLeavePaddingAlone) {
-  for (PartFunction f : {kNearest16, kBilinear16}) {
-    Prepare(8, 4, 8, 3);  // 4 channels, 3 padding bytes per row (odd: rows start unaligned)
-    for (size_t i = 0; i < src.bytes.size(); ++i) src.bytes[i] = static_cast<uint8_t>(i * 13 + 5);
-    RunAll(f);
-    for (int y = 0; y < 4; ++y) {
-      ASSERT_EQ(std::memcmp(src.at(0, y), dst.at(0, y), 8 * 8), 0);
-      for (int pad = 0; pad < 3; ++pad) EXPECT_EQ(dst.at(8, y)[pad], kUntouched);
-    }
-  }
-}
-
-TEST_F(BarrelKernel, SixteenBitDestinationStepIsRoundedDownToWholeSamples) {
-  for (PartFunction f : {kNearest16, kBilinear16}) {
-    Prepare(4, 2, 5);  // 5 bytes a pixel: 2 channels, destination steps by 4
-    for (int c = 0; c < 2; ++c) params.backColor16[c] = static_cast<uint16_t>(0x0102 * (c + 1));
-    SetDistortion(-1.0);
-    RunAll(f);
-    for (int y = 0; y < 2; ++y) {
-      const uint8_t* row = dst.at(0, y);
-      for (int x = 0; x < 4; ++x) {
-        uint16_t s[2];
-        std::memcpy(s, row + 4 * x, 4);
-        EXPECT_EQ(s[0], 0x0102);
-        EXPECT_EQ(s[1], 0x0204);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Describe(c.distortion, "/", c.horizontal, "/", c.vertical, c.bilinear ? " bilinear " : " nearest ",
+                          c.x, ",", c.y));
+    Frame f(GetParam().Part(2, c.bilinear), c.width, c.height, 4, 2);
+    for (int y = 0; y < c.height; ++y)
+      for (int x = 0; x < c.width; ++x) {
+        f.src.SetSample(x, y, 0, static_cast<uint32_t>(x * 256));
+        f.src.SetSample(x, y, 1, static_cast<uint32_t>(y * 256));
       }
-      for (int b = 16; b < dst.rowBytes; ++b) EXPECT_EQ(row[b], kUntouched);
+    f.params.backColor16[0] = f.params.backColor16[1] = 65535;
+    f.Set(c.distortion, c.horizontal, c.vertical);
+    f.Run(c.y, c.y + 1);
+    if (std::isnan(c.sx)) {
+      EXPECT_EQ(f.dst.Sample(c.x, c.y, 0), 65535u);
+      EXPECT_EQ(f.dst.Sample(c.x, c.y, 1), 65535u);
+    } else {
+      EXPECT_EQ(f.dst.Sample(c.x, c.y, 0) / 256.0, c.sx);
+      EXPECT_EQ(f.dst.Sample(c.x, c.y, 1) / 256.0, c.sy);
     }
   }
 }
 
-TEST_F(BarrelKernel, EightBitBackgroundIsWrittenPerChannel) {
-  for (PartFunction f : {kNearest8, kBilinear8}) {
-    Prepare(3, 2, 3);
-    const uint8_t colour[8] = {1, 2, 3, 99, 99, 99, 99, 99};
-    std::memcpy(params.backColor8, colour, 8);
-    SetDistortion(-1.0);
-    RunAll(f);
-    ExpectAllBackground(f, 3);
-    EXPECT_EQ(dst.at(2, 1)[3], kUntouched);  // the trailing guard byte
+// One 8-bit channel holding 10x under a background of 250; k20 shifts every
+// position by `shift` pixels (exactly, for these sizes).
+TEST_P(BarrelKernels, EdgesAreTruncatedAndBlendWithTheBackground) {
+  const struct {
+    int width;
+    double shift;
+    bool bilinear;
+    int x, y, expected;
+  } cases[] = {
+      {10, 0, false, 1, 0, 0},  // 0.9999999999999998 copies column 0
+      {10, 0, true, 1, 0, 9},   // and blends 0 and 10 with that weight
+      {8, 0, false, 7, 2, 70},  // the last column exactly is inside
+      {8, 0, true, 7, 2, 70},
+      {8, 0.5, false, 7, 2, 250},  // 7.5 lies past width - 1
+      {8, 0.5, false, 6, 2, 60},
+      {8, 0.5, true, 7, 2, 160},  // half the last column, half the background
+      {8, 0.5, true, 0, 2, 5},
+      {8, -0.25, true, 0, 1, 62},  // 62.5: a quarter of the background, three of column 0
+      {8, -0.25, false, 0, 1, 250},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Describe(c.width, " wide, shift ", c.shift, c.bilinear ? " bilinear" : " nearest", " at ", c.x));
+    Frame f(GetParam().Part(1, c.bilinear), c.width, 4, 1, 1);
+    for (int y = 0; y < 4; ++y)
+      for (int x = 0; x < c.width; ++x) *f.src.At(x, y) = static_cast<uint8_t>(10 * x);
+    f.params.backColor8[0] = 250;
+    f.Set(0, 0, 0);
+    f.params.keystone[k20] = c.shift / f.params.centerX;
+    f.RunAll();
+    EXPECT_EQ(*f.dst.At(c.x, c.y), c.expected);
   }
 }
+
+// Every pixel takes the background, channel by channel: 8-bit pixels of 3
+// bytes, 16-bit pixels of 5 bytes (2 samples; the destination steps by 4).
+TEST_P(BarrelKernels, PositionsOutsideOrNotANumberTakeTheBackground) {
+  const struct {
+    double distortion, horizontal, vertical, translation;
+  } settings[] = {
+      {-1, 0, 0, 0},  // distortion + 1 is 0
+      {kNaN, 0, 0, 0}, {kInf, 0, 0, 0},  {-kInf, 0, 0, 0}, {0, kNaN, 0, 0},     {0, 0, kNaN, 0},
+      {0, kInf, 0, 0}, {0, -kInf, 0, 0}, {0, 0, kInf, 0},  {0, 0, -kInf, 0},    {kNaN, kInf, -kInf, 0},
+      // Positions far beyond any integer range, which must never be converted.
+      {0, 0, 0, 1e300}, {0, 0, 0, -1e300}, {0, 0, 0, 1e20}, {0, 0, 0, -1e20},
+  };
+  for (const auto& s : settings)
+    for (int sb : {1, 2})
+      for (bool bilinear : {false, true}) {
+        SCOPED_TRACE(Describe(8 * sb, bilinear ? "-bit bilinear " : "-bit nearest ", s.distortion, "/", s.horizontal,
+                              "/", s.vertical, "/", s.translation));
+        Frame f(GetParam().Part(sb, bilinear), 4, 3, sb == 1 ? 3 : 5, 1);
+        std::fill(f.src.bytes.begin(), f.src.bytes.end(), 0x42);
+        const uint8_t colour8[8] = {1, 2, 3, 99, 99, 99, 99, 99};
+        const uint16_t colour16[8] = {0x0102, 0x0204, 0x9999, 0x9999, 0x9999, 0x9999, 0x9999, 0x9999};
+        std::memcpy(f.params.backColor8, colour8, sizeof colour8);
+        std::memcpy(f.params.backColor16, colour16, sizeof colour16);
+        f.Set(s.distortion, s.horizontal, s.vertical);
+        if (s.translation != 0) f.params.keystone[k20] = f.params.keystone[k21] = s.translation;
+        f.RunAll();
+        const int step = sb == 1 ? 3 : 4;
+        const void* colour = sb == 1 ? static_cast<const void*>(colour8) : colour16;
+        std::vector<uint8_t> row(static_cast<size_t>(f.dst.rowBytes), kUntouched);
+        for (int x = 0; x < 4; ++x) std::memcpy(row.data() + step * x, colour, static_cast<size_t>(step));
+        for (int y = 0; y < 3; ++y)
+          EXPECT_TRUE(std::equal(row.begin(), row.end(), f.dst.bytes.begin() + y * f.dst.rowBytes)) << "row " << y;
+      }
+}
+
+// No distortion and no keystone on a power-of-two size: every pixel maps
+// exactly onto itself, all its samples copied (or blended with weight 0); the
+// odd padding that leaves rows unaligned keeps its bytes.
+TEST_P(BarrelKernels, IdentityReproducesTheSource) {
+  for (int sb : {1, 2})
+    for (bool bilinear : {false, true}) {
+      SCOPED_TRACE(Describe(8 * sb, bilinear ? "-bit bilinear" : "-bit nearest"));
+      Frame f(GetParam().Part(sb, bilinear), 16, 8, 4 * sb, sb, 3);
+      for (size_t i = 0; i < f.src.bytes.size(); ++i) f.src.bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+      f.Set(0, 0, 0);
+      f.RunAll();
+      for (int y = 0; y < 8; ++y) {
+        EXPECT_EQ(std::memcmp(f.src.At(0, y), f.dst.At(0, y), 16 * 4 * sb), 0) << "row " << y;
+        for (int pad = 0; pad < 3; ++pad) EXPECT_EQ(f.dst.At(16, y)[pad], kUntouched);
+      }
+    }
+}
+
+TEST_P(BarrelKernels, RowsProgressCancelAndDone) {
+  for (int sb : {1, 2})
+    for (bool bilinear : {false, true}) {
+      SCOPED_TRACE(Describe(8 * sb, bilinear ? "-bit bilinear" : "-bit nearest"));
+      ExpectRowBookkeeping(
+          [&]() -> std::unique_ptr<PartFrame> {
+            auto f = std::make_unique<Frame>(GetParam().Part(sb, bilinear), 5, 6, 2 * sb, sb);
+            f->Set(0, 0, 0);
+            return f;
+          },
+          1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, BarrelKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
 
 }  // namespace

@@ -1,497 +1,223 @@
-// The interlace part functions on hand-built parameter blocks and pixel buffers.
+// The interlace part functions, shipped and reference alike, on hand-built
+// blocks: which rows and pixels each phase setting and start row fills, the
+// fill value of every channel, the pixel steps of each depth, the mask mix and
+// its queries, and the row bookkeeping owed to the engine.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <functional>
+#include <memory>
 #include <string>
-#include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "effects/interlace/interlace_kernels.h"
+#include "support/interlace_reference.h"
+#include "support/kernel_blocks.h"
 
 namespace {
 
-// ---- a mask whose values and queries the tests control ------------------------
+using namespace rawfx::test;
+using Rows = std::vector<std::string>;
 
-struct FakeMask {
-  std::function<uint32_t(int64_t row, int32_t x)> value = [](int64_t, int32_t) { return 0u; };
-  std::function<void(int64_t row)> onRow = [](int64_t) {};
-  std::vector<int64_t> rows8, rows16;                           // row handles asked for
-  std::vector<std::pair<int64_t, int32_t>> values8, values16;  // (row of the handle, x)
-
-  FakeMask();
-  RawBitmapMaskData* data() { return &handle_.data; }
-
- private:
-  struct Handle {
-    RawBitmapMaskData data;
-    FakeMask* owner;
-  };
-  static FakeMask& Of(RawBitmapMaskData* m) { return *reinterpret_cast<Handle*>(m)->owner; }
-  // Handles encode their row, so a value query shows which row handle it was given.
-  static MaskRowHandle Encode(int64_t row) { return static_cast<MaskRowHandle>(row * 1000 + 7); }
-  static int64_t Decode(MaskRowHandle h) { return (static_cast<int64_t>(h) - 7) / 1000; }
-  static MaskRowHandle Row8(RawBitmapMaskData* m, int64_t row) {
-    Of(m).rows8.push_back(row);
-    Of(m).onRow(row);
-    return Encode(row);
-  }
-  static MaskRowHandle Row16(RawBitmapMaskData* m, int64_t row) {
-    Of(m).rows16.push_back(row);
-    Of(m).onRow(row);
-    return Encode(row);
-  }
-  static uint32_t Value8(RawBitmapMaskData* m, MaskRowHandle h, int32_t x) {
-    Of(m).values8.emplace_back(Decode(h), x);
-    return Of(m).value(Decode(h), x);
-  }
-  static uint32_t Value16(RawBitmapMaskData* m, MaskRowHandle h, int32_t x) {
-    Of(m).values16.emplace_back(Decode(h), x);
-    return Of(m).value(Decode(h), x);
-  }
-  static constexpr RawBitmapMaskOps kOps{nullptr, Row8, Value8, nullptr, Row16, Value16};
-  Handle handle_;
+// Part functions by depth (8, 16 bits) and mask (without, with).
+struct Kernels {
+  const char* name;
+  PartFunction parts[2][2];
+  PartFunction Part(int sampleBytes, bool masked) const { return parts[sampleBytes - 1][masked]; }
 };
+const Kernels kShipped{"Shipped", {{InterlacePart, InterlaceMaskPart}, {InterlacePart16, InterlaceMaskPart16}}};
+const Kernels kReference{"Reference",
+                         {{rawfx::reference::InterlacePart, rawfx::reference::InterlaceMaskPart},
+                          {rawfx::reference::InterlacePart16, rawfx::reference::InterlaceMaskPart16}}};
 
-FakeMask::FakeMask() : handle_{{&kOps}, this} {}
+// Source samples lie below 100 (25000 at 16 bits), colours above 200 (40000)
+// and the untouched destination holds 0xEE bytes, so every pixel can be told apart.
+constexpr uint8_t kUntouched = 0xEE;
+uint32_t Full(int sampleBytes) { return sampleBytes == 1 ? 255 : 65535; }
+uint32_t Colour(int sampleBytes, int channel) { return sampleBytes == 1 ? 201 + channel : 40001 + 1000 * channel; }
 
-// ---- what differs between the 8- and 16-bit kernels, for the typed tests --------
-
-template <class Sample>
-struct DepthOf;
-
-template <>
-struct DepthOf<uint8_t> {
-  static constexpr PartFunction kPlain = InterlacePart;
-  static constexpr PartFunction kMasked = InterlaceMaskPart;
-  static constexpr uint32_t kFull = 255;
-  static constexpr uint32_t kHalf = 128;
-  static int32_t Colour(int c) { return 201 + c; }
-  static const std::vector<int64_t>& Rows(const FakeMask& m) { return m.rows8; }
-  static const std::vector<std::pair<int64_t, int32_t>>& Values(const FakeMask& m) { return m.values8; }
-};
-
-template <>
-struct DepthOf<uint16_t> {
-  static constexpr PartFunction kPlain = InterlacePart16;
-  static constexpr PartFunction kMasked = InterlaceMaskPart16;
-  static constexpr uint32_t kFull = 65535;
-  static constexpr uint32_t kHalf = 32768;
-  static int32_t Colour(int c) { return 40001 + 1000 * c; }
-  static const std::vector<int64_t>& Rows(const FakeMask& m) { return m.rows16; }
-  static const std::vector<std::pair<int64_t, int32_t>>& Values(const FakeMask& m) { return m.values16; }
-};
-
-// ---- a source and destination with their records and a parameter block ---------
-
-// Source samples stay below 100, colours are above 200 and the untouched
-// destination value is 0xEE / 0xEEEE, so every pixel can be told apart.
-template <class Sample>
-struct Frame {
-  static constexpr Sample kUntouched = static_cast<Sample>(0xEEEE);
-
-  int width, height, channels;
-  int64_t rowSamples;  // a row plus two samples of padding
-  std::vector<Sample> src, dst;
-  RawBitmap srcRecord{}, dstRecord{};
-  InterlaceParams params{};
-
-  Frame(int w, int h, int ch = 3)
-      : width(w),
-        height(h),
-        channels(ch),
-        rowSamples(int64_t{std::max(w, 1)} * ch + 2),
-        src(rowSamples * h),
-        dst(rowSamples * h, kUntouched) {
-    for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<Sample>(1 + (i * 7 + i / rowSamples * 13) % 97);
-    Describe(srcRecord);
-    Describe(dstRecord);
-    GenericMPParams& head = params.head;
-    head.width = w;
-    head.height = h;
-    head.srcPixels = reinterpret_cast<uint8_t*>(src.data());
-    head.dstPixels = reinterpret_cast<uint8_t*>(dst.data());
-    head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(rowSamples * sizeof(Sample));
-    head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(ch * sizeof(Sample));
-    head.srcBitmap = &srcRecord;
-    head.dstBitmap = &dstRecord;
-    for (int c = 0; c < kMaxChannels; ++c) params.channelValues[c] = DepthOf<Sample>::Colour(c);
+struct Frame : PartFrame {
+  Frame(PartFunction partFunction, bool masked, int sb, int width, int height, int channels = 3, int dstChannels = 3)
+      : PartFrame(PixelBuffer(width, height, channels * sb, 2 * sb, 0, sb),
+                  PixelBuffer(width, height, dstChannels * sb, 2 * sb, kUntouched, sb)) {
+    for (size_t i = 0; i < src.bytes.size(); ++i)
+      src.bytes[i] = static_cast<uint8_t>(1 + (i * 7 + i / static_cast<size_t>(src.rowBytes) * 13) % 97);
+    original = src;
+    for (int c = 0; c < kMaxChannels; ++c) params.channelValues[c] = static_cast<int32_t>(Colour(sb, c));
     params.interlaceAlpha = 1;
-  }
-  Frame(const Frame&) = delete;
-  Frame& operator=(const Frame&) = delete;
-
-  void Describe(RawBitmap& r) const {
-    r.width = width;
-    r.height = height;
-    r.channelCount = channels;
-    r.bytesPerPixel = channels * static_cast<int64_t>(sizeof(Sample));
-    r.alphaOffset = 0xFE;  // no alpha channel unless a test sets one
-    r.bitsPerChannel = 8 * sizeof(Sample);
+    Attach(params.head, &params, partFunction, masked);
   }
   void SetTypes(int64_t horizontal, int64_t vertical) {
     params.horizontalType = horizontal;
     params.verticalType = vertical;
   }
-  void UseMask(FakeMask& mask) { params.head.maskData = mask.data(); }
-  void WorkInPlace() { params.head.dstPixels = params.head.srcPixels; }
+  const PixelBuffer& Out() const { return params.head.dstPixels == src.bytes.data() ? src : dst; }
 
-  void Run(PartFunction part, int32_t firstRow, int32_t endRow) {
-    MPParamBlock block{};
-    block.firstRow = firstRow;
-    block.endRow = endRow;
-    block.params = &params;
-    EXPECT_EQ(part(&block), nullptr);
-    EXPECT_EQ(block.done, 0) << "interlace parts leave done alone";
-  }
-  void RunAll(PartFunction part) { Run(part, 0, height); }
-
-  const std::vector<Sample>& Out() const { return params.head.dstPixels == params.head.srcPixels ? src : dst; }
-  static Sample At(const std::vector<Sample>& v, int64_t rowSamples, int x, int y, int c, int step) {
-    return v[y * rowSamples + int64_t{x} * step + c];
-  }
-  Sample Source(int x, int y, int c) const { return At(src, rowSamples, x, y, c, channels); }
-  Sample Result(int x, int y, int c) const { return At(Out(), rowSamples, x, y, c, channels); }
-
-  // One character per pixel: F filled with the colour, . copied, u untouched, ? other.
-  std::vector<std::string> Map() const {
-    std::vector<std::string> rows;
-    for (int y = 0; y < height; ++y) {
-      std::string row;
-      for (int x = 0; x < width; ++x) row += Classify(x, y);
-      rows.push_back(row);
-    }
+  // One character per pixel: F filled with the colour, . the source, u untouched, ? anything else.
+  Rows Map() const {
+    Rows rows(static_cast<size_t>(src.height));
+    for (int y = 0; y < src.height; ++y)
+      for (int x = 0; x < src.width; ++x) {
+        bool filled = true, copied = true, untouched = true;
+        for (int c = 0; c < src.pixelBytes / src.sampleBytes; ++c) {
+          const uint32_t v = Out().Sample(x, y, c);
+          filled = filled && v == static_cast<uint32_t>(params.channelValues[c]);
+          copied = copied && v == original.Sample(x, y, c);
+          untouched = untouched && v == (src.sampleBytes == 1 ? 0xEEu : 0xEEEEu);
+        }
+        rows[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
+      }
     return rows;
   }
-  char Classify(int x, int y) const {
-    bool filled = true, copied = true, untouched = true;
-    for (int c = 0; c < channels; ++c) {
-      const Sample v = Result(x, y, c);
-      filled = filled && v == static_cast<Sample>(params.channelValues[c]);
-      copied = copied && v == Source(x, y, c);
-      untouched = untouched && v == kUntouched;
-    }
-    return filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
-  }
+
+  PixelBuffer original{0, 0, 0, 0, 0};  // the source as built, which an in-place run overwrites
+  InterlaceParams params{};
 };
 
-using Rows = std::vector<std::string>;
+class InterlaceKernels : public ::testing::TestWithParam<Kernels> {};
 
-// Which pixels a part fills, worked out from counts of rows and pixels instead
-// of countdowns. A part that starts at an odd row swaps ODD and EVEN for its
-// columns only; its rows count from the part's own first row.
-Rows ReferenceMap(int width, int height, int firstRow, int endRow, int64_t horizontal, int64_t vertical) {
-  const bool alternates = vertical == 1 || vertical == 2;
-  const int64_t column = (firstRow % 2 == 1 && alternates) ? 3 - vertical : vertical;
-  Rows rows(height, std::string(std::max(width, 0), 'u'));
-  int64_t pixelsBefore = 0;  // pixels of rows that were not filled whole
-  for (int y = firstRow; y < endRow; ++y) {
-    const bool whole = (horizontal == 1 || horizontal == 2) && (y - firstRow) % 2 == horizontal - 1;
-    for (int x = 0; x < width; ++x) {
-      if (whole) {
-        rows[y][x] = 'F';
-        continue;
-      }
-      rows[y][x] = (alternates && pixelsBefore % 2 == column - 1) ? 'F' : '.';
-      ++pixelsBefore;
-    }
-  }
-  return rows;
-}
-
-template <class Sample>
-class InterlaceKernels : public ::testing::Test {
- protected:
-  using D = DepthOf<Sample>;
-  using F = Frame<Sample>;
-};
-using SampleTypes = ::testing::Types<uint8_t, uint16_t>;
-TYPED_TEST_SUITE(InterlaceKernels, SampleTypes);
-
-// ---- phases ------------------------------------------------------------------------
-
-TYPED_TEST(InterlaceKernels, ExamplesFromRowZero) {
-  struct Example {
+TEST_P(InterlaceKernels, PhasesDecideWhichRowsAndPixelsAreFilled) {
+  // The map of every row of the bitmap; the part runs from firstRow to the last row.
+  const struct {
+    const char* what;
+    int firstRow;
     int64_t horizontal, vertical;
-    Rows filled;
+    Rows map;
+  } cases[] = {
+      {"odd rows", 0, 1, 0, {"FFFF", "....", "FFFF", "....", "FFFF", "...."}},
+      {"even rows", 0, 2, 0, {"....", "FFFF", "....", "FFFF", "....", "FFFF"}},
+      {"odd columns", 0, 0, 1, {"F.F.", "F.F.", "F.F.", "F.F.", "F.F.", "F.F."}},
+      {"even columns", 0, 0, 2, {".F.F", ".F.F", ".F.F", ".F.F", ".F.F", ".F.F"}},
+      {"odd rows and columns", 0, 1, 1, {"FFFF", "F.F.", "FFFF", "F.F.", "FFFF", "F.F."}},
+      {"none from an odd row", 1, 0, 0, {"uuuu", "....", "...."}},
+      // A part from an odd row swaps the column phase, not the row phase.
+      {"odd columns from row 5", 5, 0, 1, {"uuuu", "uuuu", "uuuu", "uuuu", "uuuu", ".F.F", ".F.F", ".F.F", ".F.F"}},
+      {"odd rows from row 5", 5, 1, 0, {"uuuu", "uuuu", "uuuu", "uuuu", "uuuu", "FFFF", "....", "FFFF", "...."}},
+      {"even rows and columns from row 3", 3, 2, 2, {"uuuu", "uuuu", "uuuu", "F.F.", "FFFF", "F.F."}},
+      // With an odd width the column phase carries on from row to row; a whole row leaves it alone.
+      {"odd width", 0, 1, 1, {"FFF", "F.F", "FFF", ".F.", "FFF"}},
   };
-  const Example examples[] = {
-      {1, 0, {"FFFF", "....", "FFFF", "....", "FFFF", "...."}},
-      {2, 0, {"....", "FFFF", "....", "FFFF", "....", "FFFF"}},
-      {0, 1, {"F.F.", "F.F.", "F.F.", "F.F.", "F.F.", "F.F."}},
-      {0, 2, {".F.F", ".F.F", ".F.F", ".F.F", ".F.F", ".F.F"}},
-      {1, 1, {"FFFF", "F.F.", "FFFF", "F.F.", "FFFF", "F.F."}},
-  };
-  for (const Example& e : examples) {
-    for (PartFunction part : {TestFixture::D::kPlain, TestFixture::D::kMasked}) {
-      typename TestFixture::F f(4, 6);
-      FakeMask mask;  // value 0: the masked part fills exactly like the plain one
-      f.UseMask(mask);
-      f.SetTypes(e.horizontal, e.vertical);
-      f.RunAll(part);
-      EXPECT_EQ(f.Map(), e.filled) << e.horizontal << "/" << e.vertical;
-      EXPECT_EQ(f.params.head.progress, 6);
-    }
-  }
-}
-
-TYPED_TEST(InterlaceKernels, PartFromRowFiveSwapsColumnsButNotRows) {
-  typename TestFixture::F columns(4, 9);
-  columns.SetTypes(0, 1);
-  columns.Run(TestFixture::D::kPlain, 5, 9);
-  EXPECT_EQ(columns.Map(), (Rows{"uuuu", "uuuu", "uuuu", "uuuu", "uuuu", ".F.F", ".F.F", ".F.F", ".F.F"}));
-
-  typename TestFixture::F rows(4, 11);
-  rows.SetTypes(1, 0);
-  rows.Run(TestFixture::D::kPlain, 5, 11);
-  EXPECT_EQ(rows.Map(),
-            (Rows{"uuuu", "uuuu", "uuuu", "uuuu", "uuuu", "FFFF", "....", "FFFF", "....", "FFFF", "...."}));
-}
-
-TYPED_TEST(InterlaceKernels, ColumnPhaseCarriesOverRowsAndSkipsWholeRows) {
-  typename TestFixture::F f(3, 5);
-  f.SetTypes(1, 1);
-  f.RunAll(TestFixture::D::kPlain);
-  // A whole row leaves the column phase where it was; an odd width alternates the start.
-  EXPECT_EQ(f.Map(), (Rows{"FFF", "F.F", "FFF", ".F.", "FFF"}));
-}
-
-TYPED_TEST(InterlaceKernels, EveryStartRowAndSettingMatchesTheReference) {
-  for (int width : {3, 4}) {
-    for (int64_t h = 0; h <= 2; ++h) {
-      for (int64_t v = 0; v <= 2; ++v) {
-        for (int first = 0; first <= 5; ++first) {
-          typename TestFixture::F f(width, 12);
-          f.SetTypes(h, v);
-          f.Run(TestFixture::D::kPlain, first, 10);
-          EXPECT_EQ(f.Map(), ReferenceMap(width, 12, first, 10, h, v))
-              << "width " << width << " types " << h << "/" << v << " from row " << first;
-          EXPECT_EQ(f.params.head.progress, 10 - first);
-        }
-      }
-    }
-  }
-}
-
-// ---- rows without work -----------------------------------------------------------------
-
-TYPED_TEST(InterlaceKernels, EmptyOrReversedPartDoesNothing) {
-  for (auto [first, end] : {std::pair{3, 3}, std::pair{4, 2}}) {
-    typename TestFixture::F f(4, 6);
-    FakeMask mask;
-    f.UseMask(mask);
-    f.SetTypes(1, 1);
-    f.Run(TestFixture::D::kMasked, first, end);
-    EXPECT_EQ(f.params.head.progress, 0);
-    EXPECT_TRUE(TestFixture::D::Rows(mask).empty());
-    EXPECT_EQ(f.dst, std::vector<TypeParam>(f.dst.size(), f.kUntouched));
-  }
-}
-
-TYPED_TEST(InterlaceKernels, ZeroOrNegativeWidthCountsRowsAndTouchesNothing) {
-  for (int width : {0, -3}) {
-    typename TestFixture::F f(width, 5);
-    FakeMask mask;
-    f.UseMask(mask);
-    f.SetTypes(2, 1);
-    f.RunAll(TestFixture::D::kMasked);
-    EXPECT_EQ(f.params.head.progress, 5);
-    EXPECT_EQ(TestFixture::D::Rows(mask), (std::vector<int64_t>{0, 1, 2, 3, 4}));
-    EXPECT_TRUE(TestFixture::D::Values(mask).empty());
-    EXPECT_EQ(f.dst, std::vector<TypeParam>(f.dst.size(), f.kUntouched));
-  }
-}
-
-// ---- channels -----------------------------------------------------------------------------
-
-TYPED_TEST(InterlaceKernels, AlphaIsKeptUnlessInterlaced) {
-  const int32_t alphaColour = TestFixture::D::Colour(3);
-  for (uint8_t interlaceAlpha : {0, 1}) {
-    typename TestFixture::F f(2, 1, 4);
-    f.srcRecord.alphaOffset = static_cast<uint8_t>(3 * sizeof(TypeParam));  // a byte position
-    f.params.interlaceAlpha = interlaceAlpha;
-    f.SetTypes(1, 0);
-    f.RunAll(TestFixture::D::kPlain);
-    for (int x = 0; x < 2; ++x) {
-      for (int c = 0; c < 3; ++c) EXPECT_EQ(f.Result(x, 0, c), TestFixture::D::Colour(c));
-      EXPECT_EQ(f.Result(x, 0, 3), interlaceAlpha ? static_cast<TypeParam>(alphaColour) : f.Source(x, 0, 3));
-    }
-  }
-}
-
-TYPED_TEST(InterlaceKernels, ChannelWithoutComponentGetsTheMaximum) {
-  typename TestFixture::F f(3, 1, 4);
-  f.params.channelValues[3] = -1;
-  f.params.interlaceAlpha = 0;  // alpha offset points at no channel: nothing is kept
-  f.SetTypes(0, 2);
-  f.RunAll(TestFixture::D::kPlain);
-  EXPECT_EQ(f.Result(1, 0, 3), static_cast<TypeParam>(TestFixture::D::kFull));
-  EXPECT_EQ(f.Result(1, 0, 0), TestFixture::D::Colour(0));
-  EXPECT_EQ(f.Result(0, 0, 3), f.Source(0, 0, 3));
-}
-
-TEST(InterlaceKernels8, StepsByPixelBytesAndWritesBytesPerPixelChannels) {
-  // Pixels 3 bytes apart in the source, 4 in the destination: the fourth
-  // destination byte of each pixel is no channel and stays as it was.
-  Frame<uint8_t> f(3, 2, 4);
-  f.srcRecord.bytesPerPixel = 3;
-  f.params.head.srcPixelBytes = 3;
-  f.SetTypes(0, 1);
-  f.RunAll(InterlacePart);
-  for (int y = 0; y < 2; ++y) {
-    for (int x = 0; x < 3; ++x) {
-      const bool filled = (x + y * 3) % 2 == 0;
-      for (int c = 0; c < 3; ++c) {
-        const uint8_t expected = filled ? static_cast<uint8_t>(201 + c) : f.src[y * f.rowSamples + x * 3 + c];
-        EXPECT_EQ(f.Result(x, y, c), expected) << x << "," << y << "," << c;
-      }
-      EXPECT_EQ(f.Result(x, y, 3), f.kUntouched);
-    }
-  }
-}
-
-TEST(InterlaceKernels16, StepsByChannelCountOfEachBitmap) {
-  // Pixel fields are ignored at 16 bits; the records' channel counts decide.
-  Frame<uint16_t> f(3, 2, 4);
-  f.srcRecord.channelCount = 3;
-  f.params.head.srcPixelBytes = 1;
-  f.params.head.dstPixelBytes = 1;
-  f.SetTypes(0, 1);
-  f.RunAll(InterlacePart16);
-  for (int y = 0; y < 2; ++y) {
-    for (int x = 0; x < 3; ++x) {
-      const bool filled = (x + y * 3) % 2 == 0;
-      for (int c = 0; c < 3; ++c) {
-        const uint16_t expected =
-            filled ? static_cast<uint16_t>(40001 + 1000 * c) : f.src[y * f.rowSamples + x * 3 + c];
-        EXPECT_EQ(f.Result(x, y, c), expected) << x << "," << y << "," << c;
-      }
-      EXPECT_EQ(f.Result(x, y, 3), f.kUntouched);
-    }
-  }
-}
-
-TYPED_TEST(InterlaceKernels, InPlaceGivesTheSameAsASeparateDestination) {
-  for (bool masked : {false, true}) {
-    for (int width : {3, 4}) {
-      for (int64_t h = 0; h <= 2; ++h) {
-        for (int64_t v = 0; v <= 2; ++v) {
-          typename TestFixture::F apart(width, 7, 4), inPlace(width, 7, 4);
-          FakeMask mask;
-          mask.value = [](int64_t row, int32_t x) { return static_cast<uint32_t>(row * 37 + x * 91) % 300; };
-          const PartFunction part = masked ? TestFixture::D::kMasked : TestFixture::D::kPlain;
-          for (auto* f : {&apart, &inPlace}) {
-            f->UseMask(mask);
-            f->SetTypes(h, v);
+  for (const auto& c : cases)
+    for (int sb : {1, 2})
+      for (bool masked : {false, true})
+        for (bool inPlace : {false, true}) {
+          SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit", masked ? ", masked" : "", inPlace ? ", in place" : ""));
+          const int height = static_cast<int>(c.map.size()), width = static_cast<int>(c.map[0].size());
+          Frame f(GetParam().Part(sb, masked), masked, sb, width, height);  // mask value 0: the plain fill
+          f.SetTypes(c.horizontal, c.vertical);
+          if (inPlace) f.params.head.dstPixels = f.params.head.srcPixels;
+          f.Run(c.firstRow, height);
+          Rows expected = c.map;
+          std::vector<int64_t> rows;  // every row's handle is asked for ...
+          std::vector<RecordingMask::Query> values;  // ... and a value only for a filled pixel
+          for (int y = 0; y < height; ++y) {
+            if (y >= c.firstRow) rows.push_back(y);
+            for (int x = 0; x < width; ++x) {
+              if (c.map[y][x] == 'F') values.emplace_back(y, x);
+              if (inPlace && c.map[y][x] == 'u') expected[y][x] = '.';
+            }
           }
-          inPlace.WorkInPlace();
-          apart.Run(part, 0, 3);
-          apart.Run(part, 3, 7);
-          inPlace.Run(part, 0, 3);
-          inPlace.Run(part, 3, 7);
-          for (int y = 0; y < 7; ++y)
-            for (int x = 0; x < width; ++x)
-              for (int c = 0; c < 4; ++c) ASSERT_EQ(apart.Result(x, y, c), inPlace.Result(x, y, c));
+          EXPECT_EQ(f.Map(), expected);
+          EXPECT_EQ(f.params.head.progress, height - c.firstRow);
+          if (!masked) continue;
+          EXPECT_EQ(f.mask.rows, rows);
+          EXPECT_EQ(f.mask.values, values);
+          EXPECT_EQ(f.mask.bits, 8 * sb);  // only the operations of the part's own depth
         }
+}
+
+// Four channels; the fourth is the alpha channel or no component at all.
+TEST_P(InterlaceKernels, FillTakesTheColourKeepsAlphaAndMaximisesChannelsWithoutColour) {
+  const struct {
+    const char* what;
+    bool alphaIsFourth;
+    uint8_t interlaceAlpha;
+    int32_t fourthEntry;  // 0: the colour's own
+    uint32_t expected[2];  // of the fourth channel, 8 and 16 bits
+  } cases[] = {
+      {"alpha kept", true, 0, 0, {7, 7}},
+      {"alpha interlaced", true, 1, 0, {204, 43001}},
+      {"no component", false, 0, -1, {255, 65535}},
+  };
+  for (const auto& c : cases)
+    for (int sb : {1, 2}) {
+      SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit"));
+      Frame f(GetParam().Part(sb, false), false, sb, 2, 1, 4, 4);
+      for (int x = 0; x < 2; ++x) f.src.SetSample(x, 0, 3, 7);
+      if (c.alphaIsFourth) f.srcRecord.alphaOffset = static_cast<uint8_t>(3 * sb);  // a byte position
+      f.params.interlaceAlpha = c.interlaceAlpha;
+      if (c.fourthEntry) f.params.channelValues[3] = c.fourthEntry;
+      f.SetTypes(1, 0);
+      f.RunAll();
+      for (int x = 0; x < 2; ++x) {
+        for (int ch = 0; ch < 3; ++ch) EXPECT_EQ(f.dst.Sample(x, 0, ch), Colour(sb, ch));
+        EXPECT_EQ(f.dst.Sample(x, 0, 3), c.expected[sb - 1]);
       }
     }
+}
+
+// 8-bit parts step by the head's pixel bytes and fill the source record's
+// bytesPerPixel channels; 16-bit parts step by each record's channelCount and
+// ignore the head's pixel bytes. Source pixels have three channels, the
+// destination's four: the fourth is no channel and stays untouched.
+TEST_P(InterlaceKernels, PixelsStepAsTheirDepthDefines) {
+  for (int sb : {1, 2}) {
+    SCOPED_TRACE(8 * sb);
+    Frame f(GetParam().Part(sb, false), false, sb, 3, 2, 3, 4);
+    if (sb == 2) f.params.head.srcPixelBytes = f.params.head.dstPixelBytes = 1;
+    f.SetTypes(0, 1);
+    f.RunAll();
+    for (int y = 0; y < 2; ++y)
+      for (int x = 0; x < 3; ++x) {
+        const bool filled = (x + y * 3) % 2 == 0;
+        for (int c = 0; c < 3; ++c)
+          EXPECT_EQ(f.dst.Sample(x, y, c), filled ? Colour(sb, c) : f.original.Sample(x, y, c)) << x << "," << y;
+        EXPECT_EQ(f.dst.Sample(x, y, 3), sb == 1 ? 0xEEu : 0xEEEEu);
+      }
   }
 }
 
-// ---- the mask -----------------------------------------------------------------------------
-
-TYPED_TEST(InterlaceKernels, MaskNoneGivesTheFillAndFullGivesTheSource) {
-  for (uint32_t m : {0u, TestFixture::D::kFull}) {
-    typename TestFixture::F plain(5, 6, 4), masked(5, 6, 4);
-    FakeMask mask;
-    mask.value = [m](int64_t, int32_t) { return m; };
-    masked.UseMask(mask);
-    for (auto* f : {&plain, &masked}) {
-      f->srcRecord.alphaOffset = static_cast<uint8_t>(3 * sizeof(TypeParam));
-      f->params.interlaceAlpha = 0;
-      f->SetTypes(1, 2);
+// Channel 0: source 200 under fill 0; channel 1: a kept full alpha, which any
+// mask strictly between 0 and full brings one lower. Mask values by column: 0,
+// full, half, and half with high bits that must not count.
+TEST_P(InterlaceKernels, MaskMixesSourceAndFill) {
+  for (int sb : {1, 2})
+    for (bool inPlace : {false, true}) {
+      SCOPED_TRACE(Describe(8 * sb, "-bit", inPlace ? ", in place" : ""));
+      Frame f(GetParam().Part(sb, true), true, sb, 4, 1, 2, 2);
+      const uint32_t full = Full(sb), half = full / 2 + 1, values[] = {0, full, half, (full + 1) * 3 + half};
+      for (int x = 0; x < 4; ++x) {
+        f.src.SetSample(x, 0, 0, 200);
+        f.src.SetSample(x, 0, 1, full);
+      }
+      f.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
+      f.params.interlaceAlpha = 0;
+      f.params.channelValues[0] = 0;
+      f.mask.value = [&values](int64_t, int32_t x) { return values[x]; };
+      if (inPlace) f.params.head.dstPixels = f.params.head.srcPixels;
+      f.SetTypes(1, 0);
+      f.RunAll();
+      const uint32_t mixed[] = {0, 200, 100, 100}, alpha[] = {full, full, full - 1, full - 1};
+      for (int x = 0; x < 4; ++x) {
+        EXPECT_EQ(f.Out().Sample(x, 0, 0), mixed[x]) << x;
+        EXPECT_EQ(f.Out().Sample(x, 0, 1), alpha[x]) << x;
+      }
     }
-    plain.RunAll(TestFixture::D::kPlain);
-    masked.RunAll(TestFixture::D::kMasked);
-    for (int y = 0; y < 6; ++y)
-      for (int x = 0; x < 5; ++x)
-        for (int c = 0; c < 4; ++c)
-          ASSERT_EQ(masked.Result(x, y, c), m == 0 ? plain.Result(x, y, c) : masked.Source(x, y, c));
-  }
 }
 
-TYPED_TEST(InterlaceKernels, MaskMixesSourceAndFill) {
-  typename TestFixture::F f(4, 1, 1);
-  std::fill(f.src.begin(), f.src.end(), TypeParam{200});
-  f.params.channelValues[0] = 0;
-  const uint32_t full = TestFixture::D::kFull;
-  const uint32_t values[] = {0, full, TestFixture::D::kHalf, full + 1 + TestFixture::D::kHalf};  // low bits only
-  FakeMask mask;
-  mask.value = [&](int64_t, int32_t x) { return values[x]; };
-  f.UseMask(mask);
-  f.SetTypes(1, 0);
-  f.RunAll(TestFixture::D::kMasked);
-  EXPECT_EQ(f.Result(0, 0, 0), 0);
-  EXPECT_EQ(f.Result(1, 0, 0), 200);
-  EXPECT_EQ(f.Result(2, 0, 0), 100);  // (200 * half) >> bits
-  EXPECT_EQ(f.Result(3, 0, 0), 100);
+TEST_P(InterlaceKernels, RowsProgressCancelAndDoneLeftAlone) {
+  for (int sb : {1, 2})
+    for (bool masked : {false, true}) {
+      SCOPED_TRACE(Describe(8 * sb, "-bit", masked ? ", masked" : ""));
+      ExpectRowBookkeeping(
+          [&]() -> std::unique_ptr<PartFrame> {
+            auto f = std::make_unique<Frame>(GetParam().Part(sb, masked), masked, sb, 4, 7);
+            f->SetTypes(2, 1);
+            return f;
+          },
+          0);
+    }
 }
 
-TYPED_TEST(InterlaceKernels, KeptFullAlphaComesOutOneLowerUnderAPartialMask) {
-  typename TestFixture::F f(1, 1, 4);
-  const TypeParam full = static_cast<TypeParam>(TestFixture::D::kFull);
-  f.src[3] = full;
-  f.srcRecord.alphaOffset = static_cast<uint8_t>(3 * sizeof(TypeParam));
-  f.params.interlaceAlpha = 0;
-  FakeMask mask;
-  mask.value = [](int64_t, int32_t) { return 100u; };
-  f.UseMask(mask);
-  f.SetTypes(1, 0);
-  f.RunAll(TestFixture::D::kMasked);
-  EXPECT_EQ(f.Result(0, 0, 3), full - 1);
-}
-
-TYPED_TEST(InterlaceKernels, MaskIsAskedOncePerRowAndOncePerFilledPixel) {
-  typename TestFixture::F f(4, 6);
-  FakeMask mask;
-  f.UseMask(mask);
-  f.SetTypes(2, 1);
-  f.Run(TestFixture::D::kMasked, 1, 6);
-  // Every row is asked for its handle, copied ones included.
-  EXPECT_EQ(TestFixture::D::Rows(mask), (std::vector<int64_t>{1, 2, 3, 4, 5}));
-  // Rows 1, 3, 5 alternate (starting at pixel 1 because the part starts at an
-  // odd row); rows 2 and 4 are filled whole. Copied pixels are not asked about.
-  const std::vector<std::pair<int64_t, int32_t>> expected = {
-      {1, 1}, {1, 3}, {2, 0}, {2, 1}, {2, 2}, {2, 3}, {3, 1}, {3, 3}, {4, 0}, {4, 1}, {4, 2}, {4, 3}, {5, 1}, {5, 3}};
-  EXPECT_EQ(TestFixture::D::Values(mask), expected);
-  using OtherDepth = DepthOf<std::conditional_t<sizeof(TypeParam) == 1, uint16_t, uint8_t>>;
-  EXPECT_TRUE(OtherDepth::Rows(mask).empty()) << "only the operations of the kernel's own depth are used";
-}
-
-// ---- cancel ----------------------------------------------------------------------------------
-
-TYPED_TEST(InterlaceKernels, CancelStopsAfterTheCurrentRow) {
-  typename TestFixture::F f(4, 7);
-  FakeMask mask;
-  mask.onRow = [&f](int64_t row) {
-    if (row == 2) f.params.head.cancel = 1;
-  };
-  f.UseMask(mask);
-  f.SetTypes(0, 1);
-  f.Run(TestFixture::D::kMasked, 0, 7);
-  EXPECT_EQ(f.params.head.progress, 3);
-  EXPECT_EQ(f.Map(), (Rows{"F.F.", "F.F.", "F.F.", "uuuu", "uuuu", "uuuu", "uuuu"}));
-}
-
-TYPED_TEST(InterlaceKernels, CancelSetBeforeThePartLeavesOneRow) {
-  typename TestFixture::F f(4, 5);
-  f.params.head.cancel = 1;
-  f.SetTypes(1, 0);
-  f.Run(TestFixture::D::kPlain, 2, 5);
-  EXPECT_EQ(f.params.head.progress, 1);
-  EXPECT_EQ(f.Map(), (Rows{"uuuu", "uuuu", "FFFF", "uuuu", "uuuu"}));
-}
+INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
 
 }  // namespace

@@ -1,598 +1,248 @@
-// PolarCoordinatesEffectRaw through the embedding host: properties, both Apply
-// forms, ApplyAsync, failures, background colours and thread independence.
+// PolarCoordinatesEffectRaw through the embedding host: its record, defaults
+// and colour, refused runs, both Apply forms and ApplyAsync against the
+// reference kernels for both directions, depths, colour families and every row
+// split, and the parameter blocks and column tables the runs take and give back.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <new>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "effects/polar/polar_kernels.h"
-#include "support/host_fixture.h"
+#include "support/effect_checks.h"
+#include "support/polar_reference.h"
 
-// ---- parameter blocks on the heap -----------------------------------------------
-// The asynchronous block is allocated by the module with the global operator new
-// and released by whoever ends its life with the global operator delete; a run
-// from polar to rectangular also takes a column table, in the same allocation
-// as an asynchronous block or in one of its own for a synchronous Apply. These
-// replacements keep track of the live allocations of the sizes being watched,
-// so tests can tell whether a block or table was freed and what it held then.
+// ---- allocations of one watched size ----------------------------------------------
+// The module takes an asynchronous block (followed by its column table when
+// unrolling) and a synchronous run's column table with the global operator new.
+// These replacements count the allocations of one watched size and keep those
+// still live, so that a test can tell that what a run took was given back.
 namespace {
 
-constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
-constexpr int kTrackedSlots = 256;
-constexpr size_t kSnapshotBytes = sizeof(PolarCoordinatesParams) + sizeof(PolarColumnTable);
+std::mutex gWatchMutex;
+size_t gWatchedSize = 0;
+int gWatchedMade = 0;
+std::array<void*, 64> gWatchedLive{};
 
-std::mutex& TrackerMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-struct TrackedAllocation {
-  void* p;
-  size_t size;
-};
-std::array<TrackedAllocation, kTrackedSlots> gLiveBlocks{};
-std::array<size_t, 4> gWatchedSizes{kBlockSize};
-int gBlockAllocations = 0;
-
-// The first bytes of the last watched allocation, as they were when it was freed.
-struct Released {
-  void* p = nullptr;
-  size_t size = 0;
-  std::array<uint8_t, kSnapshotBytes> bytes{};
-};
-Released gLastReleased;
-
-// Watches the block size and the given sizes (table or block with table), until the next call.
-void WatchSizes(size_t a = 0, size_t b = 0) {
-  std::lock_guard lock(TrackerMutex());
-  gWatchedSizes = {kBlockSize, a, b, 0};
-}
-
-bool Watched(size_t size) {
-  for (size_t watched : gWatchedSizes)
-    if (watched != 0 && watched == size) return true;
-  return false;
-}
-
-void TrackNew(void* p, size_t size) {
-  std::lock_guard lock(TrackerMutex());
-  if (!Watched(size)) return;
-  ++gBlockAllocations;
-  for (TrackedAllocation& slot : gLiveBlocks)
-    if (!slot.p) {
-      slot = {p, size};
-      return;
-    }
-}
-
-void TrackDelete(void* p) {
-  if (!p) return;
-  std::lock_guard lock(TrackerMutex());
-  for (TrackedAllocation& slot : gLiveBlocks)
-    if (slot.p == p) {
-      gLastReleased.p = p;
-      gLastReleased.size = slot.size;
-      gLastReleased.bytes = {};
-      std::memcpy(gLastReleased.bytes.data(), p, std::min(slot.size, kSnapshotBytes));
-      slot = {};
-    }
-}
-
-struct BlockCensus {
-  int allocations;
-  int live;
-};
-
-BlockCensus TakeBlockCensus() {
-  std::lock_guard lock(TrackerMutex());
-  int live = 0;
-  for (const TrackedAllocation& slot : gLiveBlocks) live += slot.p != nullptr;
-  return {gBlockAllocations, live};
-}
-
-bool BlockIsLive(void* p) {
-  std::lock_guard lock(TrackerMutex());
-  for (const TrackedAllocation& slot : gLiveBlocks)
-    if (slot.p == p) return true;
-  return false;
-}
-
-Released LastReleased() {
-  std::lock_guard lock(TrackerMutex());
-  return gLastReleased;
-}
-
-void* AllocateOrNull(size_t size) noexcept {
+void* Allocate(size_t size) noexcept {
   void* p = std::malloc(size ? size : 1);
-  if (p) TrackNew(p, size);
-  return p;
-}
-
-void* Allocate(size_t size) {
-  void* p = AllocateOrNull(size);
-  if (!p) throw std::bad_alloc();
+  std::lock_guard lock(gWatchMutex);
+  if (p && size == gWatchedSize) {
+    ++gWatchedMade;
+    for (void*& slot : gWatchedLive)
+      if (!slot) {
+        slot = p;
+        break;
+      }
+  }
   return p;
 }
 
 void Release(void* p) noexcept {
-  TrackDelete(p);
+  {
+    std::lock_guard lock(gWatchMutex);
+    for (void*& slot : gWatchedLive)
+      if (p && slot == p) slot = nullptr;
+  }
   std::free(p);
+}
+
+void Watch(size_t size) {
+  std::lock_guard lock(gWatchMutex);
+  gWatchedSize = size;
+  gWatchedMade = 0;
+  gWatchedLive.fill(nullptr);
+}
+
+// Allocations of the watched size since Watch, and how many are still live.
+std::pair<int, int> Watched() {
+  std::lock_guard lock(gWatchMutex);
+  int live = 0;
+  for (void* slot : gWatchedLive) live += slot != nullptr;
+  return {gWatchedMade, live};
 }
 
 }  // namespace
 
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
+void* operator new(size_t size) {
+  if (void* p = Allocate(size)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](size_t size) { return operator new(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
 void operator delete(void* p) noexcept { Release(p); }
 void operator delete[](void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
 void operator delete[](void* p, size_t) noexcept { Release(p); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
 
 namespace {
 
-using rawfx::host::BitmapView;
-using rawfx::host::SplitPolicy;
+using namespace rawfx::test;
+using rawfx::host::EngineCall;
 
-constexpr const char* kEffectClass = "PolarCoordinatesEffectRaw";
-constexpr const char* kApply1 = "Apply(source as RawBitmap) as RawBitmap";
+constexpr const char* kClass = "PolarCoordinatesEffectRaw";
 constexpr const char* kApply4 =
     "Apply(source as RawBitmap,rectangularToPolar as Boolean,flipMapping as Boolean,"
     "backColor as ZandoriaColors.GenericColor) as RawBitmap";
-constexpr const char* kApplyAsync = "ApplyAsync(source as RawBitmap, completeTarget as Object, completeMethod as Ptr)";
+constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
 
-constexpr int64_t kRGB = 3;
-constexpr int64_t kRGBA = 5;
-constexpr int64_t kARGB = 6;
-constexpr int64_t kXRGB = 9;  // a padding byte where ARGB has alpha
-constexpr int64_t kCMYK = 13;
-constexpr int64_t kCMYKA = 14;
-
-// What the completion method saw; the result is locked to outlive the call.
-struct Completions {
-  int calls = 0;
-  REALobject target = nullptr;
-  REALobject result = nullptr;
-};
-Completions gCompletions;
-rawfx::host::Host* gCompletionHost = nullptr;
-
-void RecordCompletion(REALobject target, REALobject result) {
-  ++gCompletions.calls;
-  gCompletions.target = target;
-  gCompletions.result = result;
-  if (result) gCompletionHost->Lock(result);
-}
-
-class PolarEffectTest : public rawfx::test::HostTest {
+class PolarEffect : public EffectTest {
  protected:
-  void SetUp() override {
-    HostTest::SetUp();
-    gCompletions = {};
-    gCompletionHost = &host;
+  REALobject Apply4(REALobject effect, REALobject source, bool toPolar, bool flip, REALobject colour) {
+    return host.Call<REALobject>(effect, kApply4, source, static_cast<signed char>(toPolar),
+                                 static_cast<signed char>(flip), colour);
   }
-  void TearDown() override {
-    host.WaitForAsync();
-    if (gCompletions.result) host.Unlock(gCompletions.result);
-    gCompletions = {};
-    for (REALobject object : kept_) host.Unlock(object);
-    kept_.clear();
-    HostTest::TearDown();
-  }
-
-  // Objects made here are released at the end of the test.
-  REALobject Keep(REALobject object) {
-    if (object) kept_.push_back(object);
-    return object;
-  }
-  REALobject NewEffect() { return Keep(host.New(kEffectClass)); }
-  REALobject NewSource(int64_t width, int64_t height, int64_t format, int bits = 8, uint32_t seed = 1) {
-    REALobject bitmap = Keep(host.NewBitmap(width, height, format, bits, 6));
-    rawfx::test::FillPattern(host, bitmap, seed);
-    return bitmap;
-  }
-  REALobject Apply(REALobject effect, REALobject source) { return Keep(host.Call<REALobject>(effect, kApply1, source)); }
-  REALobject Apply(REALobject effect, REALobject source, bool toPolar, bool flip, REALobject colour) {
-    return Keep(host.Call<REALobject>(effect, kApply4, source, static_cast<signed char>(toPolar),
-                                      static_cast<signed char>(flip), colour));
-  }
-  void ApplyAsync(REALobject effect, REALobject source, REALobject target) {
-    host.Call<void>(effect, kApplyAsync, source, target, reinterpret_cast<void*>(&RecordCompletion));
-  }
-
-  // The samples of one pixel, widened.
-  std::vector<uint32_t> PixelAt(REALobject bitmap, int64_t x, int64_t y) {
-    const BitmapView v = host.Bitmap(bitmap);
-    std::vector<uint32_t> samples;
-    const uint8_t* p = v.row(y) + x * v.pixelBytes;
-    for (int64_t i = 0; i < v.pixelBytes; i += v.bitsPerChannel / 8) {
-      uint16_t wide = p[i];
-      if (v.bitsPerChannel == 16) std::memcpy(&wide, p + i, sizeof wide);
-      samples.push_back(wide);
-    }
-    return samples;
-  }
-
- private:
-  std::vector<REALobject> kept_;
 };
 
-// The kernels of the static library run directly over a host bitmap, with the
-// settings the effect uses: what Apply must produce byte for byte (rows packed).
-std::vector<uint8_t> KernelResult(const BitmapView& source, bool toPolar, bool flip,
-                                  const std::vector<uint32_t>& background) {
-  const int64_t packedRowBytes = source.width * source.pixelBytes;
-  std::vector<uint8_t> dst(static_cast<size_t>(packedRowBytes * source.height));
-  PolarCoordinatesParams params{};
-  GenericMPParams& head = params.head;
-  head.width = static_cast<int32_t>(source.width);
-  head.height = static_cast<int32_t>(source.height);
-  head.srcPixels = source.pixels;
-  head.dstPixels = dst.data();
-  head.srcRowBytes = static_cast<int32_t>(source.rowBytes);
-  head.dstRowBytes = static_cast<int32_t>(packedRowBytes);
-  head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(source.pixelBytes);
-  params.settings = {100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
-  for (size_t i = 0; i < background.size(); ++i) {
-    params.backColor8[i] = static_cast<uint8_t>(background[i]);
-    params.backColor16[i] = static_cast<uint16_t>(background[i]);
-  }
-  MPParamBlock block{0, head.height, 0, {}, &params};
-  (source.bitsPerChannel == 8 ? PolarCoordinatesPart : PolarCoordinatesPart16)(&block);
-  return dst;
-}
-
-void ExpectPixelsEqual(const BitmapView& result, const std::vector<uint8_t>& expected) {
-  const int64_t rowUsed = result.width * result.pixelBytes;
-  for (int64_t y = 0; y < result.height; ++y)
-    ASSERT_EQ(0, std::memcmp(result.row(y), expected.data() + y * rowUsed, rowUsed)) << "row " << y;
-}
-
-TEST_F(PolarEffectTest, NewObjectHasItsDefaults) {
-  REALobject effect = NewEffect();
+TEST_F(PolarEffect, RecordDefaultsAndBackColor) {
+  ExpectRecord(kClass, "IRawBitmapProcessor, IRawBitmapProcessorAsync", 16, 3, 3, 0);
+  REALobject effect = Keep(host.New(kClass));
   EXPECT_TRUE(host.Get<bool>(effect, "RectangularToPolar"));
   EXPECT_TRUE(host.Get<bool>(effect, "FlipMapping"));
   REALobject colour = Keep(host.Get<REALobject>(effect, "BackColor"));
-  ASSERT_NE(colour, nullptr);
   EXPECT_TRUE(host.IsA(colour, "ZandoriaColors.RGBColor"));
-  EXPECT_EQ(host.RefCount(colour), 2);  // the effect's lock and the getter's
+  EXPECT_EQ(host.RefCount(colour), 2) << "the effect's reference and the getter's";
+  ExpectHoldsOneLock(effect, "BackColor", Keep(host.NewRGBColor(1, 2, 3)), Keep(host.NewCMYKColor(1, 2, 3, 4)), false);
 }
 
-TEST_F(PolarEffectTest, DirectPropertiesAreTheInstanceBytes) {
-  REALobject effect = NewEffect();
-  host.Set<bool>(effect, "FlipMapping", false);
-  EXPECT_FALSE(host.Get<bool>(effect, "FlipMapping"));
-  EXPECT_TRUE(host.Get<bool>(effect, "RectangularToPolar"));
-  const auto* data = static_cast<const uint8_t*>(host.ClassData(effect, kEffectClass));
-  ASSERT_NE(data, nullptr);
-  EXPECT_EQ(data[0], 1);
-  EXPECT_EQ(data[1], 0);
-}
-
-TEST_F(PolarEffectTest, BackColorKeepsOneLockAndIgnoresNil) {
-  REALobject effect = NewEffect();
-  REALobject colour = Keep(host.NewCMYKColor(1, 2, 3, 4));
-  host.Set<REALobject>(effect, "BackColor", colour);
-  EXPECT_EQ(host.RefCount(colour), 2);
-  host.Set<REALobject>(effect, "BackColor", colour);
-  EXPECT_EQ(host.RefCount(colour), 2);
-  host.Set<REALobject>(effect, "BackColor", nullptr);
-  REALobject held = host.Get<REALobject>(effect, "BackColor");
-  EXPECT_EQ(held, colour);
-  host.Unlock(held);
-}
-
-TEST_F(PolarEffectTest, ApplyMatchesTheKernelsInBothDirections) {
-  REALobject effect = NewEffect();
-  REALobject colour = Keep(host.NewRGBColor(10, 20, 30, 40));
-  host.Set<REALobject>(effect, "BackColor", colour);
-  for (int bits : {8, 16}) {
-    REALobject source = NewSource(23, 17, kRGBA, bits, 7);
-    const std::vector<uint32_t> background =
-        bits == 8 ? std::vector<uint32_t>{10, 20, 30, 40} : std::vector<uint32_t>{2570, 5140, 7710, 10280};
-    for (bool toPolar : {true, false}) {
-      for (bool flip : {true, false}) {
-        host.Set<bool>(effect, "RectangularToPolar", toPolar);
-        host.Set<bool>(effect, "FlipMapping", flip);
-        REALobject result = Apply(effect, source);
-        ASSERT_NE(result, nullptr);
-        const rawfx::host::EngineCall call = host.lastEngineCall();
-        EXPECT_EQ(call.operation, rawfx::host::EngineCall::Parts);
-        EXPECT_EQ(call.modeCode, 2);
-        EXPECT_EQ(call.formatFlags, bits == 8 ? 13 : 14);
-        EXPECT_EQ(call.resultFlag, 1);
-        EXPECT_EQ(call.partFunction, call.maskPartFunction);
-        EXPECT_EQ(call.mask, nullptr);
-        ExpectPixelsEqual(host.Bitmap(result), KernelResult(host.Bitmap(source), toPolar, flip, background));
-      }
-    }
-  }
-  EXPECT_EQ(host.LastError(effect), 0);
-}
-
-TEST_F(PolarEffectTest, FourArgumentApplyUsesItsArgumentsOnly) {
-  REALobject effect = NewEffect();
-  REALobject source = NewSource(20, 14, kRGB);
-  REALobject red = Keep(host.NewRGBColor(255, 0, 0));
-  REALobject unrolled = Apply(effect, source, false, true, red);
-  ASSERT_NE(unrolled, nullptr);
-  EXPECT_TRUE(host.Get<bool>(effect, "RectangularToPolar"));
-  EXPECT_TRUE(host.Get<bool>(effect, "FlipMapping"));
-  REALobject held = host.Get<REALobject>(effect, "BackColor");
-  EXPECT_NE(held, red);
-  host.Unlock(held);
-
-  ExpectPixelsEqual(host.Bitmap(unrolled), KernelResult(host.Bitmap(source), false, true, {255, 0, 0}));
-  REALobject wrapped = Apply(effect, source);
-  EXPECT_FALSE(rawfx::test::SamePixels(host, wrapped, unrolled));
-}
-
-TEST_F(PolarEffectTest, NilSourceOrColourGivesInvalidArgument) {
-  REALobject effect = NewEffect();
-  EXPECT_EQ(Apply(effect, nullptr), nullptr);
-  EXPECT_EQ(host.LastError(effect), 4);
-
-  REALobject other = NewEffect();
-  REALobject source = NewSource(6, 6, kRGB);
-  EXPECT_EQ(Apply(other, source, true, true, nullptr), nullptr);
-  EXPECT_EQ(host.LastError(other), 4);
-  EXPECT_EQ(host.lastEngineCall().operation, rawfx::host::EngineCall::None);
-
-  // A success leaves the earlier code in place.
-  EXPECT_NE(Apply(effect, source), nullptr);
-  EXPECT_EQ(host.LastError(effect), 4);
-}
-
-TEST_F(PolarEffectTest, UnsupportedDepthStartsNothing) {
-  REALobject effect = NewEffect();
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  REALobject source = NewSource(6, 6, kRGB);
-  uint8_t& depth = host.Bitmap(source).record->bitsPerChannel;
-  depth = 32;
-  EXPECT_EQ(Apply(effect, source), nullptr);
-  EXPECT_EQ(host.LastError(effect), 6);
-
-  const BlockCensus before = TakeBlockCensus();
-  ApplyAsync(effect, source, target);
-  host.WaitForAsync();
-  const BlockCensus after = TakeBlockCensus();
-  EXPECT_EQ(after.allocations, before.allocations + 1);  // the block was made ...
-  EXPECT_EQ(after.live, before.live);                    // ... and freed again
-  EXPECT_EQ(gCompletions.calls, 0);
-  EXPECT_EQ(host.LastError(effect), 6);
-  depth = 8;
-}
-
-TEST_F(PolarEffectTest, AsyncWithNilSourceFreesItsBlock) {
-  REALobject effect = NewEffect();
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  const BlockCensus before = TakeBlockCensus();
-  ApplyAsync(effect, nullptr, target);
-  host.WaitForAsync();
-  EXPECT_EQ(TakeBlockCensus().live, before.live);
-  EXPECT_EQ(gCompletions.calls, 0);
-  EXPECT_EQ(host.LastError(effect), 4);
-}
-
-TEST_F(PolarEffectTest, ApplyAsyncCompletesOnceWithApplysResult) {
-  REALobject effect = NewEffect();
-  host.Set<bool>(effect, "FlipMapping", false);
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  REALobject source = NewSource(31, 19, kARGB, 16, 3);
-  REALobject expected = Apply(effect, source);
-
-  ApplyAsync(effect, source, target);
-  const rawfx::host::EngineCall call = host.lastEngineCall();
-  EXPECT_EQ(call.operation, rawfx::host::EngineCall::PartsAsync);
-  EXPECT_EQ(call.modeCode, 2);
-  EXPECT_EQ(call.formatFlags, 14);
-  EXPECT_EQ(call.resultFlag, 1);
-  EXPECT_EQ(call.deleteCallback, nullptr);
-  EXPECT_EQ(call.partFunction, call.maskPartFunction);
-  host.WaitForAsync();
-
-  EXPECT_EQ(gCompletions.calls, 1);
-  EXPECT_EQ(gCompletions.target, target);
-  ASSERT_NE(gCompletions.result, nullptr);
-  EXPECT_TRUE(rawfx::test::SamePixels(host, gCompletions.result, expected));
-  EXPECT_FALSE(BlockIsLive(call.params));
-}
-
-// The column table of what a block held when it was freed: nil, or its header
-// when it lies right after the block in the same allocation.
-const PolarColumnTable* TableInBlock(const Released& released, PolarColumnTable& header) {
-  PolarCoordinatesParams params;
-  std::memcpy(&params, released.bytes.data(), sizeof params);
-  if (!params.columnTable) return nullptr;
-  EXPECT_EQ(reinterpret_cast<const uint8_t*>(params.columnTable),
-            static_cast<const uint8_t*>(released.p) + sizeof(PolarCoordinatesParams));
-  std::memcpy(&header, released.bytes.data() + sizeof params, sizeof header);
-  return params.columnTable;
-}
-
-TEST_F(PolarEffectTest, AsyncUnrollingCarriesItsColumnTableInTheBlock) {
-  constexpr int64_t kWidth = 29, kHeight = 21;
-  const size_t blockWithTable = kBlockSize + PolarColumnTableBytes(kWidth, kHeight);
-  REALobject effect = NewEffect();
-  host.Set<bool>(effect, "RectangularToPolar", false);
-  host.Set<bool>(effect, "FlipMapping", false);
-  host.Set<REALobject>(effect, "BackColor", Keep(host.NewRGBColor(10, 20, 30, 40)));
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  REALobject source = NewSource(kWidth, kHeight, kRGBA, 8, 5);
-  REALobject expected = Apply(effect, source);
-
-  WatchSizes(blockWithTable);
-  const BlockCensus before = TakeBlockCensus();
-  ApplyAsync(effect, source, target);
-  const rawfx::host::EngineCall call = host.lastEngineCall();
-  host.WaitForAsync();
-  const BlockCensus after = TakeBlockCensus();
-  EXPECT_EQ(after.allocations, before.allocations + 1);  // block and table: one allocation ...
-  EXPECT_EQ(after.live, before.live);                    // ... released by the engine
-
-  const Released released = LastReleased();
-  EXPECT_EQ(released.p, call.params);
-  EXPECT_EQ(released.size, blockWithTable);
-  PolarColumnTable header{};
-  ASSERT_NE(TableInBlock(released, header), nullptr);
-  EXPECT_EQ(header.width, kWidth);
-  EXPECT_EQ(header.height, kHeight);
-  EXPECT_EQ(header.flipMapping, 0);
-  EXPECT_EQ(header.roundness, 100.0);
-  EXPECT_EQ(header.angleOffset, 0.0);
-
-  ASSERT_EQ(gCompletions.calls, 1);
-  EXPECT_TRUE(rawfx::test::SamePixels(host, gCompletions.result, expected));
-  ExpectPixelsEqual(host.Bitmap(gCompletions.result), KernelResult(host.Bitmap(source), false, false, {10, 20, 30, 40}));
-}
-
-TEST_F(PolarEffectTest, AsyncWrappingTakesNoColumnTable) {
-  REALobject effect = NewEffect();
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  REALobject source = NewSource(17, 13, kRGB, 16, 2);
-  WatchSizes();
-  ApplyAsync(effect, source, target);
-  const rawfx::host::EngineCall call = host.lastEngineCall();
-  host.WaitForAsync();
-  const Released released = LastReleased();
-  EXPECT_EQ(released.p, call.params);
-  EXPECT_EQ(released.size, kBlockSize);
-  PolarColumnTable header{};
-  EXPECT_EQ(TableInBlock(released, header), nullptr);
-}
-
-TEST_F(PolarEffectTest, FailedAsyncUnrollingFreesBlockAndTable) {
-  constexpr int64_t kWidth = 9, kHeight = 6;
-  REALobject effect = NewEffect();
-  host.Set<bool>(effect, "RectangularToPolar", false);
-  REALobject target = Keep(host.NewRGBColor(0, 0, 0));
-  REALobject source = NewSource(kWidth, kHeight, kRGB);
-  uint8_t& depth = host.Bitmap(source).record->bitsPerChannel;
-  depth = 12;
-  WatchSizes(kBlockSize + PolarColumnTableBytes(kWidth, kHeight));
-  const BlockCensus before = TakeBlockCensus();
-  ApplyAsync(effect, source, target);
-  host.WaitForAsync();
-  const BlockCensus after = TakeBlockCensus();
-  EXPECT_EQ(after.allocations, before.allocations + 1);
-  EXPECT_EQ(after.live, before.live);
-  EXPECT_EQ(gCompletions.calls, 0);
-  EXPECT_EQ(host.LastError(effect), 6);
-  depth = 8;
-}
-
-// A synchronous run keeps its block on the stack; the table it takes when
-// unrolling is freed before Apply returns, and only unrolling takes one.
-TEST_F(PolarEffectTest, SyncApplyFreesItsColumnTableBeforeReturning) {
-  constexpr int64_t kWidth = 33, kHeight = 18;
-  const size_t tableBytes = PolarColumnTableBytes(kWidth, kHeight);
-  REALobject effect = NewEffect();
-  REALobject source = NewSource(kWidth, kHeight, kRGB, 8, 9);
-  WatchSizes(tableBytes);
-  for (bool toPolar : {false, true}) {
-    for (bool flip : {false, true}) {
-      const BlockCensus before = TakeBlockCensus();
-      REALobject result = Apply(effect, source, toPolar, flip, Keep(host.NewRGBColor(1, 2, 3)));
-      ASSERT_NE(result, nullptr);
-      const BlockCensus after = TakeBlockCensus();
-      EXPECT_EQ(after.allocations, before.allocations + (toPolar ? 0 : 1)) << toPolar << flip;
-      EXPECT_EQ(after.live, before.live);
-      ExpectPixelsEqual(host.Bitmap(result), KernelResult(host.Bitmap(source), toPolar, flip, {1, 2, 3}));
-      if (toPolar) continue;
-      const Released released = LastReleased();
-      EXPECT_EQ(released.size, tableBytes);
-      PolarColumnTable header{};
-      std::memcpy(&header, released.bytes.data(), sizeof header);
-      EXPECT_EQ(header.width, kWidth);
-      EXPECT_EQ(header.height, kHeight);
-      EXPECT_EQ(header.flipMapping, flip ? 1 : 0);
-    }
-  }
-}
-
-TEST_F(PolarEffectTest, BackgroundAlphaFollowsTheBitmap) {
-  REALobject effect = NewEffect();
-  REALobject colour8 = Keep(host.NewRGBColor(10, 20, 30, 40));
-  REALobject colour16 = Keep(host.NewRGBColor16(1000, 2000, 3000, 4000));
-  // (0, 0) lies outside the inscribed circle: it is background.
-  struct Case {
-    int64_t format;
-    int bits;
-    std::vector<uint32_t> background;
+// Every form refuses a nil source or colour with 4 and a depth other than 8 or
+// 16 with 6; a refused ApplyAsync frees its block (and column table) itself.
+TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
+  REALobject effect = Keep(host.New(kClass));
+  REALobject source = NewSource(9, 6, kRGB);
+  REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
+  ExpectRefused(effect, source, 4, [&] { return Apply4(effect, source, true, true, nullptr); });
+  struct Row {
+    bool toPolar, nilSource;
+    uint8_t bits;
   };
-  const Case cases[] = {
-      {kARGB, 16, {4000, 1000, 2000, 3000}},
-      {kXRGB, 16, {65535, 1000, 2000, 3000}},
-      {kRGBA, 8, {10, 20, 30, 40}},
-      {kXRGB, 8, {255, 10, 20, 30}},
-  };
-  for (const Case& c : cases) {
-    REALobject colour = c.bits == 8 ? colour8 : colour16;
-    REALobject result = Apply(effect, NewSource(9, 9, c.format, c.bits), true, true, colour);
-    ASSERT_NE(result, nullptr);
-    EXPECT_EQ(PixelAt(result, 0, 0), c.background) << "format " << c.format << ", " << c.bits << " bits";
+  for (const Row& row : {Row{true, true, 8}, Row{false, true, 8}, Row{true, false, 32}, Row{false, false, 12}}) {
+    SCOPED_TRACE(std::string(row.toPolar ? "wrapping" : "unrolling") + (row.nilSource ? ", nil source" : ", depth ") +
+                 std::to_string(row.bits));
+    host.Set<bool>(effect, "RectangularToPolar", row.toPolar);
+    host.Bitmap(source).record->bitsPerChannel = row.bits;
+    REALobject run = row.nilSource ? nullptr : source;
+    const int64_t code = row.nilSource ? 4 : 6;
+    ExpectRefused(effect, run, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
+    ExpectRefused(effect, run, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
+    const bool withTable = !row.toPolar && !row.nilSource;
+    Watch(kBlockSize + (withTable ? PolarColumnTableBytes(9, 6) : 0));
+    ExpectRefused(effect, run, code, [&] { return ApplyAsync(effect, run, effect); });
+    EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
   }
+  host.Bitmap(source).record->bitsPerChannel = 8;
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
 
-TEST_F(PolarEffectTest, ColoursAreConvertedToTheBitmapsFamily) {
-  REALobject effect = NewEffect();
+// One effect runs every row (the first with its default colour): the
+// one-argument Apply and ApplyAsync with the row's settings in the properties,
+// the four-argument Apply with them as arguments and the opposite settings in
+// the properties, which it leaves as they were.
+TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
   REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 25));
   REALobject cmyk = Keep(host.NewCMYKColor(10, 20, 30, 40, 50));
-  const RGBColorData rgbBefore = host.RGBColor(rgb);
-  const CMYKColorData cmykBefore = host.CMYKColor(cmyk);
+  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
+  REALobject effect = Keep(host.New(kClass));
+  enum Method { Apply1, Apply4Args, Async };
+  struct Row {
+    bool toPolar, flip;
+    int64_t format;
+    int bits;
+    REALobject colour;  // nil: the default colour
+    Method method;
+  };
+  const Row rows[] = {
+      {true, true, kRGBA, 8, nullptr, Apply1},  {false, true, kRGBA, 16, rgb, Apply1},
+      {true, false, kXRGB, 8, rgb, Apply4Args}, {false, false, kARGB, 16, rgb, Async},
+      {true, true, kCMYKA, 8, rgb, Apply4Args}, {false, true, kRGB, 16, cmyk, Async},
+      {true, false, kCMYK, 16, cmyk, Apply1},   {false, false, kXRGB, 16, cmyk, Apply4Args},
+      {true, true, kARGB, 8, cmyk, Async},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.toPolar ? "wrapping" : "unrolling") + (row.flip ? " flipped" : "") + ", format " +
+                 std::to_string(row.format) + ", " + std::to_string(row.bits) + " bits, method " +
+                 std::to_string(row.method));
+    const bool inProperties = row.method != Apply4Args;
+    host.Set<bool>(effect, "RectangularToPolar", inProperties ? row.toPolar : !row.toPolar);
+    host.Set<bool>(effect, "FlipMapping", inProperties ? row.flip : !row.flip);
+    if (row.colour)
+      host.Set<REALobject>(effect, "BackColor", inProperties ? row.colour : rgb == row.colour ? cmyk : rgb);
+    REALobject colour = row.colour ? row.colour : Keep(host.Get<REALobject>(effect, "BackColor"));
+    REALobject source = NewSource(23, 17, row.format, row.bits, static_cast<uint32_t>(row.format));
 
-  // What the colours' own conversions give.
-  const void* rgbData = host.ClassData(rgb, "ZandoriaColors.RGBColor");
-  const void* cmykData = host.ClassData(cmyk, "ZandoriaColors.CMYKColor");
-  CMYKColorData asCMYK{};
-  RGBColorData asRGB{};
-  ConversionTableOf(rgbData)->ToCMYK(rgbData, &asCMYK);
-  ConversionTableOf(cmykData)->ToRGB(cmykData, &asRGB);
-
-  REALobject onCMYK = Apply(effect, NewSource(9, 9, kCMYKA), true, true, rgb);
-  EXPECT_EQ(PixelAt(onCMYK, 0, 0),
-            (std::vector<uint32_t>{asCMYK.cyan, asCMYK.magenta, asCMYK.yellow, asCMYK.black, asCMYK.alpha}));
-  REALobject onRGB = Apply(effect, NewSource(9, 9, kRGBA), true, true, cmyk);
-  EXPECT_EQ(PixelAt(onRGB, 0, 0), (std::vector<uint32_t>{asRGB.red, asRGB.green, asRGB.blue, asRGB.alpha}));
-  REALobject sameFamily = Apply(effect, NewSource(9, 9, kCMYK), true, true, cmyk);
-  EXPECT_EQ(PixelAt(sameFamily, 0, 0), (std::vector<uint32_t>{10, 20, 30, 40}));
-
-  const RGBColorData rgbAfter = host.RGBColor(rgb);
-  EXPECT_EQ(0, std::memcmp(&rgbBefore, &rgbAfter, sizeof rgbBefore));
-  const CMYKColorData cmykAfter = host.CMYKColor(cmyk);
-  EXPECT_EQ(0, std::memcmp(&cmykBefore, &cmykAfter, sizeof cmykBefore));
+    PolarCoordinatesParams params{};
+    params.settings = {100.0, row.flip, 1, row.toPolar, 0.0, 0, 0, 0.0, 0.0};
+    const std::vector<int32_t> background =
+        BackgroundValues(host, colour, row.format, row.bits, rawfx::host::FindFormat(row.format)->hasAlpha);
+    for (int i = 0; i < kMaxChannels; ++i) {
+      params.backColor8[i] = static_cast<uint8_t>(background[i]);
+      params.backColor16[i] = static_cast<uint16_t>(background[i]);
+    }
+    const PartFunction reference =
+        row.bits == 8 ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
+    const ExpectedCall call{row.method == Async ? EngineCall::PartsAsync : EngineCall::Parts, 2,
+                            row.bits == 8 ? 13 : 14, nullptr, true};
+    const rawfx::host::Host::AsyncCounts before = host.asyncCounts();
+    ExpectMatchesReference(effect, source, &params, reference, call, [&] {
+      if (row.method == Async) return ApplyAsync(effect, source, Keep(host.NewRGBColor(0, 0, 0)));
+      if (row.method == Apply1) return host.Call<REALobject>(effect, kApply, source);
+      return Apply4(effect, source, row.toPolar, row.flip, colour);
+    });
+    EXPECT_EQ(Seen().call.deleteCallback, nullptr);
+    const rawfx::host::Host::AsyncCounts after = host.asyncCounts();
+    EXPECT_EQ(after.blocksDeleted - before.blocksDeleted, after.started - before.started)
+        << "the engine deletes every asynchronous block";
+    EXPECT_EQ(host.Get<bool>(effect, "RectangularToPolar"), inProperties == row.toPolar);
+    EXPECT_EQ(host.Get<bool>(effect, "FlipMapping"), inProperties == row.flip);
+  }
+  EXPECT_EQ(ColourState(rgb), rgbState);
+  EXPECT_EQ(ColourState(cmyk), cmykState);
 }
 
-TEST_F(PolarEffectTest, ThreadsAndSplitsGiveIdenticalResults) {
-  REALobject effect = NewEffect();
-  for (int bits : {8, 16}) {
-    REALobject source = NewSource(37, 29, kRGBA, bits, 11);
-    for (bool toPolar : {true, false}) {
-      host.Set<bool>(effect, "RectangularToPolar", toPolar);
-      host.SetThreads(1);
-      host.SetSplitPolicy(SplitPolicy::SinglePart);
-      REALobject reference = Apply(effect, source);
-      ASSERT_NE(reference, nullptr);
-      for (int threads : {1, 2, 4}) {
-        host.SetThreads(threads);
-        for (SplitPolicy policy : {SplitPolicy::Balanced, SplitPolicy::SinglePart, SplitPolicy::SmallParts,
-                                   SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts}) {
-          host.SetSplitPolicy(policy);
-          REALobject result = host.Call<REALobject>(effect, kApply1, source);
-          ASSERT_NE(result, nullptr);
-          EXPECT_TRUE(rawfx::test::SamePixels(host, result, reference))
-              << threads << " threads, policy " << static_cast<int>(policy) << ", " << bits << " bits";
-          host.Unlock(result);
-        }
+// Unrolling (polar to rectangular) takes a column table made for the bitmap and
+// the run's options: right after the block, in the same allocation, for
+// ApplyAsync; in one of its own, freed before Apply returns, for Apply.
+// Wrapping takes none.
+TEST_F(PolarEffect, UnrollingTakesAColumnTableAndGivesItBack) {
+  constexpr int64_t kWidth = 29, kHeight = 21;
+  REALobject effect = Keep(host.New(kClass));
+  REALobject source = NewSource(kWidth, kHeight, kRGBA);
+  PolarColumnTable table{};
+  bool hasTable = false, tableAfterBlock = false;
+  host.SetRunInspector(
+      [&](const EngineCall&, const GenericMPParams& head, const std::vector<MPParamBlock>&, REALobject) {
+        const auto& params = reinterpret_cast<const PolarCoordinatesParams&>(head);
+        hasTable = params.columnTable != nullptr;
+        if (hasTable) table = *params.columnTable;
+        tableAfterBlock = params.columnTable == reinterpret_cast<const PolarColumnTable*>(&params + 1);
+      });
+  for (bool async : {false, true})
+    for (bool toPolar : {false, true})
+      for (bool flip : {false, true}) {
+        SCOPED_TRACE(std::string(async ? "ApplyAsync" : "Apply") + (toPolar ? " wrapping" : " unrolling") +
+                     (flip ? " flipped" : ""));
+        host.Set<bool>(effect, "RectangularToPolar", toPolar);
+        host.Set<bool>(effect, "FlipMapping", flip);
+        const size_t tableBytes = PolarColumnTableBytes(kWidth, kHeight);
+        Watch(async ? kBlockSize + (toPolar ? 0 : tableBytes) : tableBytes);
+        REALobject result = async ? ApplyAsync(effect, source, effect) : host.Call<REALobject>(effect, kApply, source);
+        EXPECT_NE(result, nullptr);
+        host.Unlock(result);
+        EXPECT_EQ(Watched(), std::pair(async || !toPolar ? 1 : 0, 0));
+        EXPECT_EQ(hasTable, !toPolar);
+        if (toPolar) continue;
+        EXPECT_EQ(tableAfterBlock, async);
+        EXPECT_EQ(table.width, kWidth);
+        EXPECT_EQ(table.height, kHeight);
+        EXPECT_EQ(table.flipMapping, flip ? 1 : 0);
+        EXPECT_EQ(table.roundness, 100.0);
+        EXPECT_EQ(table.angleOffset, 0.0);
       }
-    }
-  }
 }
 
 }  // namespace

@@ -1,0 +1,104 @@
+// What the tests of the four effect classes share: a fixture that keeps the
+// objects a test makes and sees every run the engine accepts, and the checks
+// that every effect needs: runs compared byte for byte with the reference
+// kernels over the engine's own parts under every split policy, refused runs,
+// properties that hold an object, class records, and background colours in a
+// bitmap's channel order.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/host_fixture.h"
+
+namespace rawfx::test {
+
+inline constexpr const char* kApply = "Apply(source as RawBitmap) as RawBitmap";
+inline constexpr const char* kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
+inline constexpr const char* kApplyAsync =
+    "ApplyAsync(source as RawBitmap, completeTarget as Object, completeMethod as Ptr)";
+
+// RawBitmap format codes the tests use.
+inline constexpr int64_t kGrey = 0, kRGB = 3, kRGBA = 5, kARGB = 6, kBGRA = 7, kXRGB = 9, kCMYK = 13, kCMYKA = 14;
+
+// How an effect must hand a run to the engine.
+struct ExpectedCall {
+  rawfx::host::EngineCall::Operation operation;
+  int32_t modeCode;
+  int32_t formatFlags;
+  REALobject mask;
+  bool onePartFunction;  // the same function passed as plain and as masked part
+};
+
+// The last run the engine accepted, as its run inspector saw it.
+struct SeenRun {
+  int count = 0;  // runs accepted so far
+  rawfx::host::EngineCall call;
+  std::vector<MPParamBlock> parts;
+};
+
+// The pixel bytes of a bitmap, rows packed (padding excluded).
+std::vector<uint8_t> PixelBytes(rawfx::host::Host& host, REALobject bitmap);
+
+// The value a colour gives each channel of a bitmap of that format and depth,
+// in the bitmap's order: the colour converted to the bitmap's family, alpha
+// only when includeAlpha, -1 for a channel that carries no component.
+std::vector<int32_t> BackgroundValues(rawfx::host::Host& host, REALobject colour, int64_t format, int bits,
+                                      bool includeAlpha);
+
+class EffectTest : public HostTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Released at the end of the test, before the leak check.
+  REALobject Keep(REALobject object);
+  // A kept bitmap of pattern pixels with padded rows.
+  REALobject NewSource(int64_t width, int64_t height, int64_t format, int bits = 8, uint32_t seed = 1);
+  // Runs ApplyAsync to its end and returns the result with a reference for the caller, or nil.
+  REALobject ApplyAsync(REALobject effect, REALobject source, REALobject target);
+  int64_t& LastError(REALobject effect);
+  SeenRun Seen();
+  // Both views of a colour, to show that a run left it as it was.
+  std::string ColourState(REALobject colour);
+
+  // Runs `run` with 1 and 4 workers under every split policy. Each run must be
+  // handed to the engine as `expected` says, leave lastError as it was, leave
+  // the source unchanged and the result's row padding zero, and give what
+  // referencePart makes of the source over the engine's own parts with params
+  // (its head filled here, the effect's fields by the caller). `run` returns
+  // the destination: a result with a reference for the caller, or the source
+  // itself after an in-place run (restored here afterwards).
+  void ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart,
+                              const ExpectedCall& expected, const std::function<REALobject()>& run);
+  // `run` must give nil, store `code` (over another code stored before), start
+  // no run and no completion, and leave the source's memory as it was.
+  void ExpectRefused(REALobject effect, REALobject source, int64_t code, const std::function<REALobject()>& run);
+  // The effect holds exactly one lock on the object in property: setting it
+  // twice takes one, the getter hands out its own, nil is ignored (colours)
+  // or removes the object (masks), and a replaced object is released.
+  void ExpectHoldsOneLock(REALobject effect, const char* property, REALobject first, REALobject second,
+                          bool nilRemoves);
+  // The class's registered record, or nil after a failure.
+  const REALclassDefinition* ExpectRecord(const char* className, const char* interfaces, int64_t dataSize,
+                                          int64_t properties, int64_t methods, int64_t enums);
+
+ private:
+  static void RecordCompletion(REALobject target, REALobject result);
+
+  std::mutex mutex_;  // completions and the inspector run on engine workers
+  SeenRun seen_;
+  int completions_ = 0;
+  REALobject completionTarget_ = nullptr;
+  REALobject completionResult_ = nullptr;
+  int asyncCompletions_ = 0;  // completions of the last ApplyAsync
+  REALobject asyncTarget_ = nullptr;
+  std::vector<REALobject> kept_;
+};
+
+}  // namespace rawfx::test
