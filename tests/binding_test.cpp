@@ -5,9 +5,7 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "plugin/host_binding.h"
 #include "support/child_process.h"
@@ -43,7 +41,6 @@ void* FakeLoadGlobalMethod(const char* module, const char* declaration) {
   Record(module ? module : "nil", "|", declaration);
   return reinterpret_cast<void*>(FakeLenB);
 }
-const char* FakeCString(REALstring) { return "hello world"; }
 
 TEST(Binding, StubsAnswerTheirMissingValuesAndAskAgain) {
   InFreshProcess([](ScriptedHost& host) {
@@ -54,7 +51,6 @@ TEST(Binding, StubsAnswerTheirMissingValuesAndAskAgain) {
       EXPECT_EQ(REALGetSystemTextEncoding(), 0x08000100u);
       EXPECT_EQ(REALRegisterBackgroundTask(nullptr, 10, nullptr), -1);
       EXPECT_EQ(REALGetPluginData(Handle(1), Handle<REALclassRefStruct>(2)), nullptr);
-      EXPECT_EQ(REALStringLength(kString), 0);
       int32_t untouched = 7;
       EXPECT_FALSE(REALGetPropValueInt32(Handle(1), "Width", &untouched));
       EXPECT_EQ(untouched, 7);
@@ -66,9 +62,9 @@ TEST(Binding, StubsAnswerTheirMissingValuesAndAskAgain) {
       REALUnlockObject(Handle(1));
     }
     for (const char* name : {"REALGetRBVersion", "pluginObjectType", "RuntimeObjectIsa", "REALGetSystemTextEncoding",
-                             "PluginRegisterBackgroundTask", "PluginGetPluginData", "REALLoadGlobalMethod",
-                             "REALGetPropValueInt", "PluginInt16ArrayGetProc", "PluginDoubleArraySetProc",
-                             "REALSetPropValueCString", "REALUnlockObject"})
+                             "PluginRegisterBackgroundTask", "PluginGetPluginData", "REALGetPropValueInt",
+                             "PluginInt16ArrayGetProc", "PluginDoubleArraySetProc", "REALSetPropValueCString",
+                             "REALUnlockObject"})
       EXPECT_EQ(host.Asks(name), 2) << name;
     // A name the host learns later binds on the next call, and is never asked for again.
     host.Learn("REALGetRBVersion", +[] { return 2024.5; });
@@ -89,25 +85,52 @@ TEST(Binding, StubsAnswerTheirMissingValuesAndAskAgain) {
   });
 }
 
-TEST(Binding, NilClassResolvesCreateInstanceButNeverCallsIt) {
+// Guarded creation resolves "CreateInstance" but never calls it for a nil class;
+// REALnewInstanceOfClass takes the host's routine when it has one, else creates the
+// class named in the record, through the caches of the stubs it stands for.
+TEST(Binding, InstanceCreationGuardsNilAndFallsBackToTheRecordsClass) {
   InFreshProcess([](ScriptedHost& host) {
+    host.Learn("pluginObjectType", +[](const char* name) {
+      Record("type", name);
+      return std::string_view(name) == "Widget" ? Handle<REALclassRefStruct>(7) : nullptr;
+    });
+    REALclassDefinition record{};
+    record.name = "Gadget";  // an unknown class creates nothing
+    EXPECT_EQ(REALnewInstanceOfClass(&record), nullptr);
+    EXPECT_EQ(host.Asks("CreateInstance"), 0);
     EXPECT_EQ(REALnewInstanceWithClass(nullptr), nullptr);  // while the host lacks the name, each call asks
     EXPECT_EQ(REALnewInstance(static_cast<REALclassRef>(nullptr)), nullptr);
     EXPECT_EQ(host.Asks("CreateInstance"), 2);
     host.Learn("CreateInstance", FakeCreateInstance);
     EXPECT_EQ(REALnewInstanceWithClass(nullptr), nullptr);
-    EXPECT_EQ(host.Asks("CreateInstance"), 3);
-    EXPECT_TRUE(gCalls.empty());
     EXPECT_EQ(REALnewInstance(static_cast<REALclassRef>(nullptr)), nullptr);
     EXPECT_EQ(REALnewInstance(Handle<REALclassRefStruct>(2)), Handle(50));
-    EXPECT_EQ(gCalls, S{"CreateInstance 32"});
-    EXPECT_EQ(host.Asks("CreateInstance"), 3);  // the overload shares the cache
+    record.name = "Widget";
+    EXPECT_EQ(REALnewInstanceOfClass(&record), Handle(50));
+    EXPECT_EQ(REALGetClassRef("Widget"), Handle<REALclassRefStruct>(7));
+    EXPECT_EQ(REALnewInstanceWithClass(Handle<REALclassRefStruct>(7)), Handle(50));
+    EXPECT_EQ(gCalls, (S{"type Gadget", "CreateInstance 32", "type Widget", "CreateInstance 112", "type Widget",
+                         "CreateInstance 112"}));
+    // The nil calls resolved, the overload and the fallback used the one cache.
+    EXPECT_EQ(host.Asks("CreateInstance"), 3);
+    EXPECT_EQ(host.Asks("pluginObjectType"), 1);
+    EXPECT_EQ(host.Asks("PluginNewInstanceOfClass"), 2);
+
+    host.Learn("PluginNewInstanceOfClass", +[](REALclassDefinition* definition) {
+      Record("of class", definition->name);
+      return Handle(60);
+    });
+    gCalls.clear();
+    EXPECT_EQ(REALnewInstanceOfClass(&record), Handle(60));
+    EXPECT_EQ(gCalls, S{"of class Widget"});
   });
 }
 
-TEST(Binding, StringContentsAndLengthThroughLenB) {
+// String contents and length through the host's "LenB" method, stubs that add a
+// fixed argument, and which stubs share a cache.
+TEST(Binding, StringsAndLoadersShareCachesAsDocumented) {
   InFreshProcess([](ScriptedHost& host) {
-    host.Learn("StringGetCString", FakeCString);
+    host.Learn("StringGetCString", +[](REALstring) { return "hello world"; });
     size_t length = 12345;
     EXPECT_EQ(REALGetStringContents(nullptr, &length), nullptr);
     EXPECT_EQ(length, 12345u);
@@ -123,11 +146,29 @@ TEST(Binding, StringContentsAndLengthThroughLenB) {
     EXPECT_EQ(length, 11u);
     EXPECT_STREQ(static_cast<const char*>(REALGetStringContents(kString, nullptr)), "hello world");
     EXPECT_EQ(REALStringLength(kString), 11);
-    EXPECT_EQ(gCalls, S{"nil | LenB( s as string ) as integer"});
-    EXPECT_EQ(host.Asks("REALLoadGlobalMethod"), 3);
-    // A stub of the same host name keeps a cache of its own.
+    EXPECT_EQ(REALLoadFrameworkMethod("Beep()"), reinterpret_cast<void*>(FakeLenB));
+    EXPECT_EQ(host.Asks("REALLoadGlobalMethod"), 3);  // contents, length and the framework stub share one cache
+    REALLoadGlobalMethod("Module", "Beep()");
+    EXPECT_EQ(host.Asks("REALLoadGlobalMethod"), 4);  // a stub of the same host name keeps a cache of its own
     REALCString(kString);
     EXPECT_EQ(host.Asks("StringGetCString"), 2);
+
+    host.Learn("REALGetStringCFString", +[](REALstring string, bool strip) -> CFStringRef {
+      Record("cf", uintptr_t(string), strip);
+      return "cf";
+    });
+    host.Learn("REALBuildStringWithEncoding", +[](const char*, int size, uint32_t encoding) {
+      Record("build", size, encoding);
+      return Handle<REALstringStruct>(9);
+    });
+    EXPECT_STREQ(static_cast<const char*>(REALCopyStringCFString(kString)), "cf");
+    REALGetStringCFString(kString, true);
+    EXPECT_EQ(host.Asks("REALGetStringCFString"), 2);
+    EXPECT_EQ(REALBuildString("abc", 3, 0x600u), Handle<REALstringStruct>(9));
+    EXPECT_EQ(REALBuildStringWithEncoding("abcd", 4, 0x100u), Handle<REALstringStruct>(9));
+    EXPECT_EQ(host.Asks("REALBuildStringWithEncoding"), 1);
+    EXPECT_EQ(gCalls, (S{"nil | LenB( s as string ) as integer", "nil | Beep()", "nil | Beep()", "cf 16 0", "cf 16 1",
+                         "build 3 1536", "build 4 256"}));
   });
 }
 
@@ -138,7 +179,9 @@ int32_t FakeInt32Element(REALarray array, int64_t index) {
 }
 void FakeDoubleElement(REALarray array, int64_t index, double value) { Record("put", uintptr_t(array), index, value); }
 
-TEST(Binding, ArrayElementsGoThroughTheArraysOwnRoutine) {
+// Array elements go through the routine the array names; the C++ overloads reach
+// the typed stub of their type, each overload with a cache of its own.
+TEST(Binding, ArrayElementsAndOverloadsReachTheirTypedRoutines) {
   InFreshProcess([](ScriptedHost& host) {
     host.Learn("PluginInt32ArrayGetProc", +[](REALarray) {
       return gArrayHasElements ? reinterpret_cast<void*>(FakeInt32Element) : nullptr;
@@ -160,20 +203,17 @@ TEST(Binding, ArrayElementsGoThroughTheArraysOwnRoutine) {
     REALInsertArrayValueDouble(Handle<REALarrayStruct>(2), 0, 1.5);
     REALSetArrayValue(Handle<REALarrayStruct>(2), 7, 2.25);
     EXPECT_EQ(gCalls, (S{"get 16 3", "put 32 0 1.5", "put 32 7 2.25"}));
-    REALSetArrayValueDouble(Handle<REALarrayStruct>(2), 1, 3.0);  // the overload bound the typed stub
-    EXPECT_EQ(host.Asks("PluginDoubleArraySetProc"), 1);
-  });
-}
+    REALSetArrayValueDouble(Handle<REALarrayStruct>(2), 1, 3.0);
+    EXPECT_EQ(host.Asks("PluginDoubleArraySetProc"), 1);  // the overload bound the typed stub
 
-TEST(Binding, OverloadsReachTheTypedStubOfTheirType) {
-  InFreshProcess([](ScriptedHost& host) {
-    host.Learn("REALGetPropValueInt16", +[](REALobject object, const char* name, int16_t* value) {
-      *value = static_cast<int16_t>(reinterpret_cast<uintptr_t>(object) + std::string_view(name).size());
+    host.asked.clear();
+    host.Learn("REALGetPropValueInt16", +[](REALobject object, const char* name, int16_t* out) {
+      *out = static_cast<int16_t>(reinterpret_cast<uintptr_t>(object) + std::string_view(name).size());
       return true;
     });
-    short value = 0;
-    EXPECT_TRUE(REALGetPropValue(Handle(1), "Depth", &value));
-    EXPECT_EQ(value, 21);
+    short depth = 0;
+    EXPECT_TRUE(REALGetPropValue(Handle(1), "Depth", &depth));
+    EXPECT_EQ(depth, 21);
     float single = 0;
     RuntimeText text = nullptr;
     EXPECT_FALSE(REALSetPropValue(Handle(1), "Label", L"wide"));
@@ -183,69 +223,8 @@ TEST(Binding, OverloadsReachTheTypedStubOfTheirType) {
     REALSetArrayValue(kArray, 0, text);
     EXPECT_EQ(host.asked, (S{"REALGetPropValueInt16", "REALSetPropValueWString", "REALSetPropValuePtr",
                              "PluginSingleArrayGetProc", "PluginObjectArrayInsertProc", "PluginTextArraySetProc"}));
-    EXPECT_TRUE(REALGetPropValueInt16(Handle(1), "Depth", &value));  // its own cache asks again
+    EXPECT_TRUE(REALGetPropValueInt16(Handle(1), "Depth", &depth));  // its own cache asks again
     EXPECT_EQ(host.Asks("REALGetPropValueInt16"), 2);
-  });
-}
-
-// REALnewInstanceOfClass: the host's routine when it has one, else the class named in the record.
-TEST(Binding, NewInstanceOfClassFallbackChain) {
-  InFreshProcess([](ScriptedHost& host) {
-    host.Learn("pluginObjectType", +[](const char* name) {
-      Record("type", name);
-      return std::string_view(name) == "Widget" ? Handle<REALclassRefStruct>(7) : nullptr;
-    });
-    REALclassDefinition record{};
-    record.name = "Gadget";  // an unknown class creates nothing
-    EXPECT_EQ(REALnewInstanceOfClass(&record), nullptr);
-    EXPECT_EQ(host.Asks("CreateInstance"), 0);
-
-    host.Learn("CreateInstance", FakeCreateInstance);
-    record.name = "Widget";
-    EXPECT_EQ(REALnewInstanceOfClass(&record), Handle(50));
-    EXPECT_EQ(gCalls, (S{"type Gadget", "type Widget", "CreateInstance 112"}));
-    // Both lookups went through the caches of the stubs they stand for.
-    EXPECT_EQ(REALGetClassRef("Widget"), Handle<REALclassRefStruct>(7));
-    EXPECT_EQ(REALnewInstanceWithClass(Handle<REALclassRefStruct>(7)), Handle(50));
-    EXPECT_EQ(host.Asks("pluginObjectType"), 1);
-    EXPECT_EQ(host.Asks("CreateInstance"), 1);
-    EXPECT_EQ(host.Asks("PluginNewInstanceOfClass"), 2);
-
-    host.Learn("PluginNewInstanceOfClass", +[](REALclassDefinition* definition) {
-      Record("of class", definition->name);
-      return Handle(60);
-    });
-    gCalls.clear();
-    EXPECT_EQ(REALnewInstanceOfClass(&record), Handle(60));
-    EXPECT_EQ(gCalls, S{"of class Widget"});
-  });
-}
-
-// Stubs that add a fixed argument, and caches shared by stubs built on others.
-TEST(Binding, FixedArgumentsAndSharedCaches) {
-  InFreshProcess([](ScriptedHost& host) {
-    host.Learn("REALGetStringCFString", +[](REALstring string, bool strip) -> CFStringRef {
-      Record("cf", uintptr_t(string), strip);
-      return "cf";
-    });
-    host.Learn("REALBuildStringWithEncoding", +[](const char*, int length, uint32_t encoding) {
-      Record("build", length, encoding);
-      return Handle<REALstringStruct>(9);
-    });
-    host.Learn("REALLoadGlobalMethod", FakeLoadGlobalMethod);
-    EXPECT_STREQ(static_cast<const char*>(REALCopyStringCFString(kString)), "cf");
-    REALGetStringCFString(kString, true);
-    EXPECT_EQ(host.Asks("REALGetStringCFString"), 2);  // each stub keeps its own cache
-    EXPECT_EQ(REALStringLength(kString), 11);
-    EXPECT_EQ(REALLoadFrameworkMethod("Beep()"), reinterpret_cast<void*>(FakeLenB));
-    EXPECT_EQ(host.Asks("REALLoadGlobalMethod"), 1);  // the length took the loader from the framework stub's cache
-    REALLoadGlobalMethod("Module", "Beep()");
-    EXPECT_EQ(host.Asks("REALLoadGlobalMethod"), 2);
-    EXPECT_EQ(REALBuildString("abc", 3, 0x600u), Handle<REALstringStruct>(9));
-    EXPECT_EQ(REALBuildStringWithEncoding("abcd", 4, 0x100u), Handle<REALstringStruct>(9));
-    EXPECT_EQ(host.Asks("REALBuildStringWithEncoding"), 1);
-    EXPECT_EQ(gCalls, (S{"cf 16 0", "cf 16 1", "nil | LenB( s as string ) as integer", "nil | Beep()",
-                         "nil | Beep()", "build 3 1536", "build 4 256"}));
   });
 }
 

@@ -3,17 +3,15 @@
 // and the progress handler. Cases that fill class caches run in forked children.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "imaging/color_order.h"
 #include "imaging/mp_filter.h"
-#include "imaging/raw_bitmap.h"
 #include "plugin/host_binding.h"
 #include "support/child_process.h"
 
@@ -25,19 +23,12 @@ constexpr int U = 777;  // an entry the call must leave untouched
 
 // A hand-built record. Offsets are byte positions in the order red, green, blue,
 // alpha, black (cyan, magenta and yellow sit at red, green and blue).
-RawBitmap Record(int64_t bytesPerPixel, std::array<uint8_t, 5> offsets, int64_t format = 4, uint8_t bits = 8,
+RawBitmap Record(int64_t bytesPerPixel, std::array<uint8_t, 5> at, int64_t format = 4, uint8_t bits = 8,
                  int64_t channelCount = -1) {
   RawBitmap r{};
-  r.bytesPerPixel = bytesPerPixel;
-  r.channelCount = channelCount >= 0 ? channelCount : bytesPerPixel * 8 / bits;
-  r.bitsPerChannel = bits;
-  r.format = format;
-  r.isValid = 1;
-  r.redOffset = offsets[0];
-  r.greenOffset = offsets[1];
-  r.blueOffset = offsets[2];
-  r.alphaOffset = offsets[3];
-  r.blackOffset = offsets[4];
+  std::tie(r.bytesPerPixel, r.channelCount, r.bitsPerChannel, r.format, r.isValid) =
+      std::tuple(bytesPerPixel, channelCount >= 0 ? channelCount : bytesPerPixel * 8 / bits, bits, format, 1);
+  std::memcpy(&r.redOffset, at.data(), at.size());  // red, green, blue, alpha and black are adjacent bytes
   return r;
 }
 
@@ -57,18 +48,14 @@ struct Entries {
   V First(size_t n) const { return V(values, values + n); }
 };
 
-// ---- channel order ---------------------------------------------------------------
-
-struct OrderCase {
-  const char* what;
-  RawBitmap bitmap;
-  signed char includeAlpha;
-  bool cmyk;   // orders Cmyk(11, 22, 33, 44, 55), else Rgb(10, 20, 30, 40)
-  V expected;  // the first entries after the call
-};
-
 TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
-  const OrderCase cases[] = {
+  const struct {
+    const char* what;
+    RawBitmap bitmap;
+    signed char includeAlpha;
+    bool cmyk;   // orders Cmyk(11, 22, 33, 44, 55), else Rgb(10, 20, 30, 40)
+    V expected;  // the first entries after the call
+  } cases[] = {
       {"8-bit RGBA with alpha", Record(4, {0, 1, 2, 3}), 1, false, {10, 20, 30, 40, U}},
       {"8-bit RGBA without alpha", Record(4, {0, 1, 2, 3}), 0, false, {10, 20, 30, -1, U}},
       {"a byte without a component", Record(4, {1, 2, 3, 0}), 0, false, {-1, 10, 20, 30, U}},
@@ -94,7 +81,7 @@ TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
        {2570, 5140, 7710, 10280, -1, -1, -1, -1, U, U, U, U}},
       {"CMYK never past the eighth", Record(200, {0, 1, 2, 4, 3}, 14), 1, true, {11, 22, 33, 44, 55, -1, -1, -1, U}},
   };
-  for (OrderCase c : cases) {
+  for (auto c : cases) {
     Entries entries;
     RGBColorData rgb = Rgb(10, 20, 30, 40);
     CMYKColorData cmyk = Cmyk(11, 22, 33, 44, 55);
@@ -105,8 +92,6 @@ TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
     EXPECT_EQ(entries.First(c.expected.size()), c.expected) << c.what;
   }
 }
-
-// ---- formats and mask values ---------------------------------------------------------
 
 // The one-channel test compares signed: a negative code reads as one grey channel,
 // while the CMYK test compares unsigned and never takes it for CMYK.
@@ -131,7 +116,7 @@ TEST(MaskValues, KeepOnlyTheKernelsDepth) {
   EXPECT_EQ(MaskAt16(&mask, MaskRow16(&mask, 3), 5), 305);
 }
 
-// ---- cases that go through the binding, against a scripted host ---------------------
+// ---- through the binding, against a scripted host ---------------------------------
 
 using rawfx::test::InFreshProcess;
 using rawfx::test::ScriptedHost;
@@ -147,8 +132,6 @@ REALclassRef FakeObjectType(const char* name) {
       {"ZandoriaColors.RGBColor", kRGBClass}, {"ZandoriaColors.CMYKColor", kCMYKClass}, {"RawBitmap", kBitmapClass}};
   return classes.contains(name) ? classes.at(name) : nullptr;
 }
-
-// ---- background colour ------------------------------------------------------------
 
 // A colour object as the companion lays it out: the conversion table in the
 // word before the plug-in data.
@@ -167,14 +150,6 @@ const ColorConversionTable kConversions = {[](const void*, CMYKColorData* result
                                              *result = Rgb(6, 7, 8, 9);
                                            }};
 
-FakeColour MakeColour(bool cmyk) {
-  FakeColour colour{cmyk ? kCMYKClass : kRGBClass, &kConversions, {}};
-  const RGBColorData rgb = Rgb(10, 20, 30, 40);
-  const CMYKColorData ink = Cmyk(10, 20, 30, 40, 50);
-  std::memcpy(colour.data, cmyk ? static_cast<const void*>(&ink) : &rgb, cmyk ? sizeof ink : sizeof rgb);
-  return colour;
-}
-
 // The bitmap's format family decides which conversion runs; the colour object keeps its bytes.
 TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
   InFreshProcess([](ScriptedHost& host) {
@@ -189,8 +164,7 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
     });
     gRGBRef = kRGBClass;  // the effects' constructors fill it
     gCMYKRef = nullptr;
-    const auto family = ColourTestOrder::ByBitmapFamily;
-    const auto rgbFirst = ColourTestOrder::RGBFirst;
+    const auto family = ColourTestOrder::ByBitmapFamily, rgbFirst = ColourTestOrder::RGBFirst;
     const struct {
       bool cmykColour;
       RawBitmap bitmap;
@@ -213,7 +187,10 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
     for (auto c : cases) {
       SCOPED_TRACE("format " + std::to_string(c.bitmap.format) + (c.cmykColour ? ", CMYK colour" : ", RGB colour") +
                    (c.order == rgbFirst ? ", RGB first" : ""));
-      FakeColour colour = MakeColour(c.cmykColour);
+      FakeColour colour{c.cmykColour ? kCMYKClass : kRGBClass, &kConversions, {}};
+      const RGBColorData rgb = Rgb(10, 20, 30, 40);
+      const CMYKColorData ink = Cmyk(10, 20, 30, 40, 50);
+      std::memcpy(colour.data, c.cmykColour ? static_cast<const void*>(&ink) : &rgb, c.cmykColour ? 16 : 12);
       const FakeColour before = colour;
       Entries entries;
       OrderBackgroundColour(reinterpret_cast<REALobject>(&colour), &c.bitmap, 1, entries.values, c.order);
@@ -227,8 +204,6 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
   });
 }
 
-// ---- RawBitmap creation and access, the progress handler -----------------------------
-
 RawBitmap gCreated{};
 uint8_t gValidAfterConstruction = 0;
 FakeColour gInstanceStorage{};  // any addressable object will do as the new instance
@@ -236,9 +211,10 @@ const REALobject kInstance = reinterpret_cast<REALobject>(&gInstanceStorage);
 
 void FakeBitmapConstructor(REALobject self, REALobject srcBlock, int64_t width, int64_t height, int64_t rowBytes,
                            int64_t format) {
-  gCalls.push_back("construct " + std::to_string(self == kInstance) + " " + std::to_string(srcBlock == nullptr) +
-                   " " + std::to_string(width) + " " + std::to_string(height) + " " + std::to_string(rowBytes) + " " +
-                   std::to_string(format));
+  std::ostringstream call;
+  call << "construct " << (self == kInstance) << (srcBlock == nullptr) << " " << width << " " << height << " "
+       << rowBytes << " " << format;
+  gCalls.push_back(call.str());
   gCreated.isValid = gValidAfterConstruction;
 }
 
@@ -247,66 +223,52 @@ void* FakeLoadObjectMethod(REALobject, const char* declaration) {
   return reinterpret_cast<void*>(FakeBitmapConstructor);
 }
 
-void InstallBitmapHost(ScriptedHost& host) {
-  host.Learn("pluginObjectType", FakeObjectType);
-  host.Learn("REALLoadObjectMethod", FakeLoadObjectMethod);
-  host.Learn("CreateInstance", +[](REALclassRef classRef) {
-    gCalls.push_back(classRef == kBitmapClass ? "new RawBitmap" : "new other");
-    return kInstance;
-  });
-  host.Learn("PluginGetPluginData", +[](REALobject, REALclassRef classRef) -> void* {
-    return classRef == kBitmapClass ? &gCreated : nullptr;
-  });
-  host.Learn("REALLockObject", +[](REALobject) { gCalls.push_back("lock"); });
-  host.Learn("REALUnlockObject", +[](REALobject object) {
-    gCalls.push_back(object == kInstance ? "unlock instance" : "unlock other");
-  });
-}
-
-TEST(CreateRawBitmap, GivesAValidBitmapOrNilHoldingNoReference) {
+// CreateRawBitmap gives a valid bitmap or nil holding no reference; the class is
+// looked up once and start-up resets the caches; the progress handler is loaded
+// by its exact declaration, and a nil target has none.
+TEST(RawBitmapAccess, CreationDataCachesAndTheProgressHandler) {
   InFreshProcess([](ScriptedHost& host) {
+    EXPECT_EQ(GetProgressProc(nullptr), nullptr);
+    EXPECT_TRUE(host.asked.empty());
     host.Learn("pluginObjectType", FakeObjectType);
     RawBitmap* data = nullptr;
     EXPECT_EQ(CreateRawBitmap(3, 2, 12, 4, &data), nullptr);  // no instance: nothing loaded or released
     EXPECT_EQ(host.Asks("REALLoadObjectMethod") + host.Asks("REALUnlockObject"), 0);
 
-    InstallBitmapHost(host);
+    host.Learn("REALLoadObjectMethod", FakeLoadObjectMethod);
+    host.Learn("CreateInstance", +[](REALclassRef classRef) {
+      gCalls.push_back(classRef == kBitmapClass ? "new RawBitmap" : "new other");
+      return kInstance;
+    });
+    host.Learn("PluginGetPluginData", +[](REALobject, REALclassRef classRef) -> void* {
+      return classRef == kBitmapClass ? &gCreated : nullptr;
+    });
+    host.Learn("REALLockObject", +[](REALobject) { gCalls.push_back("lock"); });
+    host.Learn("REALUnlockObject", +[](REALobject object) {
+      gCalls.push_back(object == kInstance ? "unlock instance" : "unlock other");
+    });
     gValidAfterConstruction = 0;  // an invalid result is released once and gives nil
     EXPECT_EQ(CreateRawBitmap(640, 480, 2560, 4, &data), nullptr);
     EXPECT_EQ(gCalls, (S{"new RawBitmap",
                          "load Constructor(srcBlock as MemoryBlock, width as Integer,height as Integer,"
                          "rowBytes as Integer,imageFormat as RawBitmap.RawBitmapFormat)",
-                         "construct 1 1 640 480 2560 4", "unlock instance"}));
+                         "construct 11 640 480 2560 4", "unlock instance"}));
     gCalls.clear();
     gValidAfterConstruction = 1;  // a valid one comes with its data; the constructor is kept
     EXPECT_EQ(CreateRawBitmap(3, 2, 12, 13, &data), kInstance);
     EXPECT_EQ(data, &gCreated);
     EXPECT_EQ(CreateRawBitmap(5, 1, 20, 4, &data), kInstance);
-    EXPECT_EQ(gCalls, (S{"new RawBitmap", "construct 1 1 3 2 12 13", "new RawBitmap", "construct 1 1 5 1 20 4"}));
-    EXPECT_EQ(gClassLookups, S{"RawBitmap"});
-  });
-}
-
-TEST(RawBitmapAccess, ClassIsLookedUpOnceAndStartUpResetsTheCache) {
-  InFreshProcess([](ScriptedHost& host) {
-    InstallBitmapHost(host);
-    GetRawBitmapData(kInstance);
-    EXPECT_EQ(GetRawBitmapData(kInstance), &gCreated);
+    EXPECT_EQ(gCalls, (S{"new RawBitmap", "construct 11 3 2 12 13", "new RawBitmap", "construct 11 5 1 20 4"}));
     EXPECT_EQ(gClassLookups, S{"RawBitmap"});
     EXPECT_EQ(RawBitmapRef, kBitmapClass);
-    InitializeRawBitmapSupport();
+    InitializeRawBitmapSupport();  // clears the caches and asks for both classes without keeping the answers
     EXPECT_EQ(std::make_tuple(RawBitmapRef, RawBitmapMaskRef, RawBitmapConstructor),
               std::make_tuple(nullptr, nullptr, nullptr));
-    // Asks for both classes without keeping the answers.
-    EXPECT_EQ(gClassLookups, (S{"RawBitmap", "RawBitmap", "RawBitmapMask"}));
-  });
-}
+    GetRawBitmapData(kInstance);  // fills the cache again, once
+    EXPECT_EQ(GetRawBitmapData(kInstance), &gCreated);
+    EXPECT_EQ(gClassLookups, (S{"RawBitmap", "RawBitmap", "RawBitmapMask", "RawBitmap"}));
 
-TEST(ProgressProc, IsLoadedByItsExactDeclarationAndNilTargetHasNone) {
-  InFreshProcess([](ScriptedHost& host) {
-    host.Learn("REALLoadObjectMethod", FakeLoadObjectMethod);
-    EXPECT_EQ(GetProgressProc(nullptr), nullptr);
-    EXPECT_TRUE(host.asked.empty());
+    gCalls.clear();
     EXPECT_EQ(GetProgressProc(reinterpret_cast<REALobject>(64)), reinterpret_cast<void*>(FakeBitmapConstructor));
     EXPECT_EQ(gCalls, S{"load OnProgress(value as UInt64,total as UInt64,extraInfo as UInt64,ByRef cancel as "
                         "Boolean)"});

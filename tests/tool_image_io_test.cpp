@@ -1,23 +1,21 @@
 // The tool's image files: round trips of every layout through PNG, JPEG and TIFF,
 // the less common TIFF organisations, corrupt and hostile input, safe output,
-// and the depth and colour model conversions. The messages a user sees for the
-// common read and write failures are checked on the tool itself (tool_errors_test).
+// and the depth and colour model conversions. How the tool itself reports the
+// common read and write failures is checked in tool_errors_test.
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
 #include <cstring>
 #include <functional>
-#include <random>
-#include <tuple>
 
 #include "tool_test_support.h"
 #include "tools/rawfx/image_convert.h"
-#include "tools/rawfx/image_io.h"
 
 namespace rawfx::tool {
 namespace {
 
 using test::ScratchDir;
+using Bytes = std::vector<uint8_t>;
 
 std::string ErrorOf(const std::function<void()>& action) {
   try {
@@ -28,9 +26,20 @@ std::string ErrorOf(const std::function<void()>& action) {
   return "no error";
 }
 
-// ---- round trips of every layout and depth each file type holds ----
-
 using RoundTrip = std::tuple<FileType, Layout, int>;
+
+std::vector<RoundTrip> EveryLayoutEachTypeHolds() {
+  std::vector<RoundTrip> cases;
+  for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK}) {
+    for (const int depth : {8, 16}) {
+      if (layout != Layout::CMYK) cases.emplace_back(FileType::PNG, layout, depth);
+      cases.emplace_back(FileType::TIFF, layout, depth);
+    }
+    if (!HasAlpha(layout)) cases.emplace_back(FileType::JPEG, layout, 8);
+  }
+  return cases;
+}
+
 class ToolRoundTrip : public testing::TestWithParam<RoundTrip> {};
 
 // Exact, except through lossy JPEG: smooth ramps come back close (CMYK ink amounts not inverted).
@@ -50,62 +59,35 @@ TEST_P(ToolRoundTrip, GivesThePixelsBackInTheSameLayout) {
     EXPECT_TRUE(read.image == original);
 }
 
-INSTANTIATE_TEST_SUITE_P(ToolPng, ToolRoundTrip,
-                         testing::Combine(testing::Values(FileType::PNG),
-                                          testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA),
-                                          testing::Values(8, 16)));
-INSTANTIATE_TEST_SUITE_P(ToolTiff, ToolRoundTrip,
-                         testing::Combine(testing::Values(FileType::TIFF),
-                                          testing::Values(Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA,
-                                                          Layout::CMYK),
-                                          testing::Values(8, 16)));
-INSTANTIATE_TEST_SUITE_P(ToolJpeg, ToolRoundTrip,
-                         testing::Combine(testing::Values(FileType::JPEG),
-                                          testing::Values(Layout::Gray, Layout::RGB, Layout::CMYK), testing::Values(8)));
+INSTANTIATE_TEST_SUITE_P(ToolFiles, ToolRoundTrip, testing::ValuesIn(EveryLayoutEachTypeHolds()));
 
-// ---- TIFF organisations other writers produce ----
-
-// Writes image as TIFF in separate planes and/or 16 x 16 tiles.
+// Writes the image as TIFF in separate planes and/or 16 x 16 tiles, as other writers do.
 void WriteTiffWith(const std::string& path, const Image& image, uint16_t photometric, bool planes, bool tiles) {
   TIFF* tiff = TIFFOpen(path.c_str(), "w");
-  ASSERT_NE(tiff, nullptr);
-  const int channels = image.channels(), bytes = image.depth / 8;
-  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.width));
-  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.height));
-  TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, static_cast<uint16_t>(image.depth));
-  TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(channels));
+  const int channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels;
+  const uint16_t alphaKind = EXTRASAMPLE_ASSOCALPHA;
+  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
+  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
+  TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, uint16_t(image.depth));
+  TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, uint16_t(channels));
   TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
   TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-  const uint16_t alphaKind[] = {EXTRASAMPLE_ASSOCALPHA};
-  if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, alphaKind);
-  if (tiles) {
-    TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
-    TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
-  }
-  // One buffer per plane (or one interleaved), padded to whole tiles.
-  const int samples = planes ? 1 : channels;
-  const size_t pixelBytes = static_cast<size_t>(samples * bytes);
-  const int64_t width = tiles ? (image.width + 15) / 16 * 16 : image.width;
-  const int64_t height = tiles ? (image.height + 15) / 16 * 16 : image.height;
-  const size_t rowBytes = static_cast<size_t>(width) * pixelBytes;
-  for (int plane = 0; plane < (planes ? channels : 1); ++plane) {
-    std::vector<uint8_t> buffer(rowBytes * static_cast<size_t>(height));
-    for (int64_t y = 0; y < image.height; ++y)
-      for (int64_t x = 0; x < image.width; ++x)
-        for (int s = 0; s < samples; ++s)
-          std::memcpy(&buffer[y * rowBytes + x * pixelBytes + s * bytes],
-                      &image.data[((y * image.width + x) * channels + (planes ? plane : s)) * bytes], bytes);
-    for (int64_t top = 0; top < height; top += tiles ? 16 : 1) {
-      if (!tiles) TIFFWriteScanline(tiff, &buffer[top * rowBytes], uint32_t(top), uint16_t(plane));
-      for (int64_t left = 0; tiles && left < width; left += 16) {
-        std::vector<uint8_t> tile(16 * 16 * pixelBytes);
-        for (size_t row = 0; row < 16; ++row)
-          std::memcpy(&tile[row * 16 * pixelBytes], &buffer[(top + row) * rowBytes + left * pixelBytes],
-                      16 * pixelBytes);
-        TIFFWriteTile(tiff, tile.data(), uint32_t(left), uint32_t(top), 0, uint16_t(plane));
+  if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &alphaKind);
+  TIFFSetField(tiff, tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, tiles ? 16 : 1);
+  if (tiles) TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
+  // Blocks (tiles, or one-row strips) plane by plane in libtiff's numbering, zero past the image's edge.
+  const int64_t blockWidth = tiles ? 16 : image.width, blockHeight = tiles ? 16 : 1;
+  uint32_t block = 0;
+  for (int plane = 0; plane < channels / samples; ++plane)
+    for (int64_t top = 0; top < image.height; top += blockHeight)
+      for (int64_t left = 0; left < image.width; left += blockWidth, ++block) {
+        Bytes data(static_cast<size_t>(blockWidth * blockHeight * samples * bytes));
+        for (int64_t y = top; y < std::min(top + blockHeight, image.height); ++y)
+          for (int64_t x = left; x < std::min(left + blockWidth, image.width); ++x)
+            std::memcpy(&data[((y - top) * blockWidth + x - left) * samples * bytes],
+                        &image.data[((y * image.width + x) * channels + plane) * bytes], samples * bytes);
+        (tiles ? TIFFWriteEncodedTile : TIFFWriteEncodedStrip)(tiff, block, data.data(), tmsize_t(data.size()));
       }
-    }
-  }
   TIFFClose(tiff);
 }
 
@@ -123,55 +105,41 @@ TEST(ToolTiffFiles, ReadsPlanesTilesAndWhiteIsZeroGrey) {
   for (size_t i = 0; i < grey.sampleCount(); ++i) ASSERT_EQ(read.sample(i), 255 - grey.sample(i));
 }
 
-// ---- what must be refused, with the file and the reason named ----
-
-TEST(ToolReadErrors, NameTheFileAndTheReason) {
+TEST(ToolReadErrors, NameTheFileAndTheReasonOnOneLine) {
   ScratchDir scratch;
   SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.png");
   SaveImage(test::NoiseImage(40, 30, Layout::RGB, 8), scratch / "good.tif");
-  const std::string png = test::ReadText(scratch / "good.png");
-  const std::string tiff = test::ReadText(scratch / "good.tif");
-  test::WriteBytes(scratch / "cut.tif", tiff.substr(0, tiff.size() / 2));
+  SaveImage(test::RampImage(40, 30, Layout::RGB), scratch / "good.jpg");
+  std::string png = test::ReadText(scratch / "good.png");
+  png[40] = static_cast<char>(png[40] ^ 0x55);  // inside the first IDAT
+  test::WriteBytes(scratch / "crc.png", png);
   test::WriteBytes(scratch / "empty.png", "");
-  std::string badCrc = png;
-  badCrc[40] = static_cast<char>(badCrc[40] ^ 0x55);  // inside the first IDAT
-  test::WriteBytes(scratch / "crc.png", badCrc);
+  for (const char* name : {"good.tif", "good.jpg"}) {
+    const std::string bytes = test::ReadText(scratch / name);
+    test::WriteBytes(scratch / (std::string("cut-") + name), bytes.substr(0, bytes.size() * 2 / 3));
+  }
   for (const auto& [name, reason] :
-       {std::pair{"empty.png", "empty"}, {"crc.png", "corrupt PNG"}, {"cut.tif", "TIFF"}}) {
+       {std::pair{"empty.png", "empty"}, {"crc.png", "corrupt PNG"}, {"cut-good.tif", "TIFF"},
+        {"cut-good.jpg", "corrupt JPEG: Premature end of JPEG file"}}) {
     const std::string message = ErrorOf([&] { ReadImage(scratch / name); });
-    EXPECT_NE(message.find(scratch / name), std::string::npos) << message;
+    EXPECT_NE(message.find("cannot read " + scratch / name + ": "), std::string::npos) << message;
     EXPECT_NE(message.find(reason), std::string::npos) << message;
     EXPECT_EQ(message.find('\n'), std::string::npos) << message;
   }
 }
 
+// Every truncation of a file is refused. (Damaged bytes in general are the
+// image_loaders_fuzzer's: an image or an ImageError, never a crash.)
 TEST(ToolReadErrors, EveryTruncationOfAFileIsRefused) {
   ScratchDir scratch;
-  for (const char* name : {"whole.png", "whole.jpg"}) {
-    SaveImage(test::RampImage(24, 16, Layout::RGB), scratch / name);
-    const std::string bytes = test::ReadText(scratch / name);
-    for (size_t length = 1; length < bytes.size(); length += 7) {
-      test::WriteBytes(scratch / "cut", bytes.substr(0, length));
-      EXPECT_NE(ErrorOf([&] { ReadImage(scratch / "cut"); }), "no error") << name << " cut at " << length;
-    }
-  }
-}
-
-// Damaged files must give an image or an ImageError, never a crash or another exception.
-TEST(ToolReadErrors, DamagedBytesNeverCrash) {
-  ScratchDir scratch;
-  std::minstd_rand random(7);
   SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 16), scratch / "whole.png");
   SaveImage(test::RampImage(20, 12, Layout::CMYK), scratch / "whole.jpg");
   SaveImage(test::NoiseImage(20, 12, Layout::RGB, 16), scratch / "whole.tif");
   for (const char* name : {"whole.png", "whole.jpg", "whole.tif"}) {
     const std::string bytes = test::ReadText(scratch / name);
-    for (int attempt = 0; attempt < 150; ++attempt) {
-      std::string damaged = bytes;
-      for (int flips = 1 + static_cast<int>(random() % 4); flips > 0; --flips)
-        damaged[random() % damaged.size()] = static_cast<char>(random());
-      test::WriteBytes(scratch / "damaged", damaged);
-      ErrorOf([&] { ReadImage(scratch / "damaged", ReadOptions{1'000'000}); });
+    for (size_t length = 1; length < bytes.size(); length += 7) {
+      test::WriteBytes(scratch / "cut", bytes.substr(0, length));
+      EXPECT_NE(ErrorOf([&] { ReadImage(scratch / "cut"); }), "no error") << name << " cut at " << length;
     }
   }
 }
@@ -186,31 +154,22 @@ TEST(ToolReadErrors, PixelCountsOverTheLimitAreRefusedBeforeDecoding) {
   }
 }
 
-// ---- output appears whole or not at all ----
-
 TEST(ToolSafeOutput, ReplacesTheTargetOnlyWhenComplete) {
   ScratchDir scratch;
-  const Image first = test::NoiseImage(8, 8, Layout::RGB, 8, 1);
+  const Image first = test::NoiseImage(8, 8, Layout::RGB, 8);
   SaveImage(first, scratch / "out.png");
   // CMYK does not fit PNG: the writer fails and the old file must stay as it was.
   EXPECT_NE(ErrorOf([&] { SaveImage(test::NoiseImage(8, 8, Layout::CMYK, 8), scratch / "out.png"); }), "no error");
   EXPECT_TRUE(ReadImage(scratch / "out.png").image == first);
-  EXPECT_EQ(scratch.names(), std::vector<std::string>{"out.png"});
+  EXPECT_EQ(scratch.names(), std::set<std::string>{"out.png"});
 }
 
 TEST(ToolFileTypes, AreToldByExtensionInAnyCase) {
   for (const auto& [path, type] : std::initializer_list<std::pair<const char*, std::optional<FileType>>>{
-           {"a/b.PNG", FileType::PNG},
-           {"b.Jpeg", FileType::JPEG},
-           {"b.jpg", FileType::JPEG},
-           {"b.tiff", FileType::TIFF},
-           {"b.tif", FileType::TIFF},
-           {"dir.png/b", std::nullopt},
-           {"b.gif", std::nullopt}})
+           {"a/b.PNG", FileType::PNG}, {"b.Jpeg", FileType::JPEG}, {"b.jpg", FileType::JPEG},
+           {"b.tiff", FileType::TIFF}, {"b.tif", FileType::TIFF}, {"dir.png/b", std::nullopt}, {"b.gif", std::nullopt}})
     EXPECT_EQ(FileTypeFromExtension(path), type) << path;
 }
-
-// ---- conversions ----
 
 TEST(ToolConversions, DepthGoesUpExactlyAndComesBackRounded) {
   const Image eight = test::NoiseImage(17, 3, Layout::RGBA, 8);
@@ -221,13 +180,12 @@ TEST(ToolConversions, DepthGoesUpExactlyAndComesBackRounded) {
   Image odd = Image::Blank(1, 2, Layout::Gray, 16);
   odd.setSample(0, 257 * 10 + 128);  // 10.498: down
   odd.setSample(1, 257 * 10 + 129);  // 10.502: up
-  EXPECT_EQ(ConvertDepth(odd, 8).data, (std::vector<uint8_t>{10, 11}));
+  EXPECT_EQ(ConvertDepth(odd, 8).data, (Bytes{10, 11}));
 }
 
 TEST(ToolConversions, ColourModelsMapPrimariesAndKeepAlpha) {
   Image rgba = Image::Blank(3, 1, Layout::RGBA, 8);
   rgba.data = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
-  using Bytes = std::vector<uint8_t>;
   EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
   const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
   EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
@@ -238,13 +196,13 @@ TEST(ToolConversions, ColourModelsMapPrimariesAndKeepAlpha) {
   EXPECT_EQ(LayoutForModel(Layout::RGBA, ColourModel::CMYK), Layout::CMYK);
 }
 
+// A file type gets what it can hold: JPEG 8-bit RGB with a note, PNG no CMYK.
 TEST(ToolConversions, FittingAFileTypeChangesOnlyWhatItCannotHold) {
   const Image rgba16 = test::NoiseImage(5, 5, Layout::RGBA, 16);
   EXPECT_TRUE(FitForFileType(rgba16, FileType::PNG).image == rgba16);
-  EXPECT_TRUE(FitForFileType(rgba16, FileType::PNG).note.empty());
+  EXPECT_EQ(FitForFileType(rgba16, FileType::PNG).note, "");
   const Fitted jpeg = FitForFileType(rgba16, FileType::JPEG);
-  EXPECT_EQ(jpeg.image.layout, Layout::RGB);
-  EXPECT_EQ(jpeg.image.depth, 8);
+  EXPECT_EQ(std::make_pair(jpeg.image.layout, jpeg.image.depth), std::make_pair(Layout::RGB, 8));
   EXPECT_NE(jpeg.note.find("8-bit RGB"), std::string::npos) << jpeg.note;
   EXPECT_EQ(FitForFileType(test::NoiseImage(5, 5, Layout::CMYK, 16), FileType::PNG).image.layout, Layout::RGB);
 }

@@ -3,19 +3,16 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tools/rawfx/image_io.h"
@@ -31,14 +28,12 @@ class ScratchDir {
   }
   ~ScratchDir() {
     std::error_code ignored;
-    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
     std::filesystem::remove_all(path_, ignored);
   }
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-  const std::filesystem::path& path() const { return path_; }
-  std::vector<std::string> names() const {
-    std::vector<std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(path_)) found.push_back(entry.path().filename());
+  std::set<std::string> names() const {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(path_)) found.insert(entry.path().filename());
     return found;
   }
 
@@ -46,35 +41,24 @@ class ScratchDir {
   std::filesystem::path path_;
 };
 
-// A directory this process cannot create files in: a read-only one in scratch, or
-// /sys when running as root, for whom permissions do not stop writes.
-inline std::string UnwritableDirectory(const ScratchDir& scratch) {
-  if (geteuid() == 0) return "/sys";
-  const std::string locked = scratch / "locked";
-  std::filesystem::create_directory(locked);
-  std::filesystem::permissions(locked, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
-  return locked;
-}
-
-// Noise with the extreme values 0 and max in the first pixels. The generator is
+// Noise with the extreme values 0 and max in the first samples. The generator is
 // defined to the bit by the standard, so the data is the same on every machine.
 inline Image NoiseImage(int64_t width, int64_t height, Layout layout, int depth, uint32_t seed = 1) {
   Image image = Image::Blank(width, height, layout, depth);
   std::minstd_rand random(seed);
   for (size_t i = 0; i < image.sampleCount(); ++i) image.setSample(i, random() % (image.maxSample() + 1));
   image.setSample(0, 0);
-  if (image.sampleCount() > 1) image.setSample(1, image.maxSample());
+  image.setSample(1, image.maxSample());
   return image;
 }
 
 // Smooth ramps, which survive JPEG compression with small errors.
-inline Image RampImage(int64_t width, int64_t height, Layout layout, int depth = 8) {
-  Image image = Image::Blank(width, height, layout, depth);
+inline Image RampImage(int64_t width, int64_t height, Layout layout) {
+  Image image = Image::Blank(width, height, layout, 8);
   const int channels = image.channels();
   for (size_t i = 0; i < image.sampleCount(); ++i) {
     const int64_t pixel = static_cast<int64_t>(i) / channels, x = pixel % width, y = pixel / width;
-    const uint32_t value = static_cast<uint32_t>((x * 3 + y * 2 + static_cast<int64_t>(i % channels) * 40) % 256);
-    image.setSample(i, depth == 16 ? value * 257 : value);
+    image.setSample(i, static_cast<uint32_t>((x * 3 + y * 2 + static_cast<int64_t>(i % channels) * 40) % 256));
   }
   return image;
 }
@@ -82,7 +66,7 @@ inline Image RampImage(int64_t width, int64_t height, Layout layout, int depth =
 inline double MeanAbsoluteDifference(const Image& a, const Image& b) {
   double sum = 0;
   for (size_t i = 0; i < a.sampleCount(); ++i) sum += std::abs(double(a.sample(i)) - double(b.sample(i)));
-  return a.sampleCount() ? sum / static_cast<double>(a.sampleCount()) : 0;
+  return sum / static_cast<double>(a.sampleCount());
 }
 
 inline std::string ReadText(const std::string& path) {
@@ -99,43 +83,40 @@ struct ToolResult {
   std::string out, err;
 };
 
-// A started tool process with its output going to files.
+// The built tool started as a child process, its output going to files in scratch.
 class ToolProcess {
  public:
-  ToolProcess(std::vector<std::string> arguments, const std::string& scratch)
-      : outPath_(scratch + "/.tool-stdout"), errPath_(scratch + "/.tool-stderr") {
-    pid_ = fork();
-    if (pid_ != 0) return;
+  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch)
+      : out_(scratch / ".tool-stdout"), err_(scratch / ".tool-stderr") {
+    if ((pid_ = fork()) != 0) return;
     dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    std::string tool = RAWFX_TOOL_PATH;
-    std::vector<char*> argv = {tool.data()};
+    dup2(open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    std::vector<char*> argv = {const_cast<char*>(RAWFX_TOOL_PATH)};
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    execv(tool.c_str(), argv.data());
+    execv(RAWFX_TOOL_PATH, argv.data());
     _exit(127);
   }
   pid_t pid() const { return pid_; }
-  std::string errSoFar() const { return ReadText(errPath_); }
+  std::string errSoFar() const { return ReadText(err_); }
 
   ToolResult wait() {
     int status = 0;
     waitpid(pid_, &status, 0);
-    ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(outPath_),
-                      ReadText(errPath_)};
-    std::filesystem::remove(outPath_);
-    std::filesystem::remove(errPath_);
+    ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(out_), ReadText(err_)};
+    std::filesystem::remove(out_);
+    std::filesystem::remove(err_);
     return result;
   }
 
  private:
   pid_t pid_ = -1;
-  std::string outPath_, errPath_;
+  std::string out_, err_;
 };
 
 inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch) {
-  return ToolProcess(arguments, scratch.path().string()).wait();
+  return ToolProcess(arguments, scratch).wait();
 }
 
 }  // namespace rawfx::tool::test
