@@ -1,112 +1,86 @@
-// Resources that cannot be had: a bitmap size the companion refuses, a result
-// bitmap the engine cannot create (refused by the host, or too large for the
-// source's patched record), and a mask that does not cover the source. Each
-// run gives nil, changes nothing and leaves nothing alive.
+// Resources that cannot be had: a result bitmap the engine cannot create
+// (refused by the host, or too large for the source's patched record), a mask
+// that does not cover the source, and bitmap sizes the companion refuses. Each
+// run gives nil, stores no error, changes nothing and leaves nothing alive.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
-#include <vector>
+#include <tuple>
 
-#include "host/host.h"
 #include "imaging/raw_bitmap.h"
 #include "plugin/host_binding.h"
 #include "support/child_process.h"
-#include "support/host_fixture.h"
+#include "support/fault_checks.h"
 
 namespace {
 
+using namespace rawfx::test;
+using namespace rawfx::test::fault;
+using rawfx::host::EngineCall;
 using rawfx::host::Host;
 
-constexpr const char* kApply = "Apply(source as RawBitmap) as RawBitmap";
-constexpr const char* kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
-constexpr int64_t kRGBA = 5, kGray = 0;
+class FaultResources : public AsyncHostTest {};
 
-const char* const kClasses[] = {"InterlaceEffectRaw", "PolarCoordinatesEffectRaw", "BarrelDistortEffectRaw",
-                                "OilPaintEffectRaw"};
+enum class Fault { NoResult, HugeRecord, ShortMask };
 
-class FaultResources : public rawfx::test::HostTest {
- protected:
-  REALobject NewEffect(const std::string& className) {
-    REALobject effect = host.New(className);
-    if (className == "InterlaceEffectRaw") host.Set<int64_t>(effect, "HorizontalInterlaceType", 1);
-    if (className == "BarrelDistortEffectRaw") host.Set<double>(effect, "Distortion", -0.5);
-    return effect;
-  }
-  std::vector<uint8_t> Pixels(REALobject bitmap) {
-    const rawfx::host::BitmapView view = host.Bitmap(bitmap);
-    return {view.pixels, view.pixels + view.rowBytes * view.height};
-  }
-};
+// Every method that makes a result, with each fault; after it, with the
+// resource there again, the same effect runs. An asynchronous run completes
+// once with nil and its block is disposed of.
+TEST_F(FaultResources, ResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
+  for (const char* className : kEffectClasses)
+    for (Method method : {Method::Apply, Method::Async})
+      for (Fault fault : {Fault::NoResult, Fault::HugeRecord, Fault::ShortMask}) {
+        const std::string name = className;
+        if (method == Method::Async && name != kPolar && name != kBarrel) continue;
+        if (fault == Fault::ShortMask && name != kInterlace && name != kOilPaint) continue;
+        SCOPED_TRACE(name + (method == Method::Async ? ".ApplyAsync, fault " : ".Apply, fault ") +
+                     std::to_string(int(fault)));
+        REALobject effect = NewEffect(host, className);
+        REALobject source = NewPattern(host, 10, 6, kRGBA, 8, 12, 4);
+        const std::vector<uint8_t> before = Pixels(host, source);
+        RawBitmap* record = host.Bitmap(source).record;
+        if (fault == Fault::NoResult) host.FailResultCreation(1);
+        if (fault == Fault::HugeRecord) record->height = int64_t{1} << 30;  // passes the checks, but no result fits
+        if (fault == Fault::ShortMask) {
+          REALobject shortBitmap = host.NewBitmap(10, 5, kGray);
+          REALobject mask = host.NewMask(shortBitmap);
+          host.Set<REALobject>(effect, "Mask", mask);
+          host.Unlock(mask);
+          host.Unlock(shortBitmap);  // the mask keeps its bitmap alive until it goes
+        }
+        const size_t alive = host.LiveObjectCount();
+        const int64_t disposed = host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks;
+        EXPECT_EQ(RunEffect(host, effect, method, source, log), nullptr);
+        record->height = 6;
+        EXPECT_EQ(host.LastError(effect), 0) << "the failure is the engine's, not a refused setting";
+        const EngineCall call = host.lastEngineCall();
+        EXPECT_EQ(std::tie(call.operation, call.parts),
+                  std::make_tuple(method == Method::Async ? EngineCall::PartsAsync : EngineCall::Parts, 0))
+            << "the effect asked the engine, which refused";
+        EXPECT_EQ(host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks,
+                  disposed + (method == Method::Async));
+        EXPECT_EQ(Pixels(host, source), before);
+        EXPECT_EQ(host.LiveObjectCount(), alive) << "nothing made is left";
 
-TEST_F(FaultResources, ResultTheEngineCannotCreateGivesNilAndNoError) {
-  REALobject source = host.NewBitmap(10, 6, kRGBA, 8, 4);
-  rawfx::test::FillPattern(host, source, 12);
-  const std::vector<uint8_t> before = Pixels(source);
-  for (const char* className : kClasses) {
-    SCOPED_TRACE(className);
-    REALobject effect = NewEffect(className);
-    const size_t alive = host.LiveObjectCount();
-    host.FailResultCreation(1);
-    EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr);
-    EXPECT_EQ(host.LastError(effect), 0) << "the failure is the engine's, not a refused setting";
-    EXPECT_EQ(host.lastEngineCall().operation, rawfx::host::EngineCall::Parts) << "the effect did ask the engine";
-    EXPECT_EQ(Pixels(source), before);
-    EXPECT_EQ(host.LiveObjectCount(), alive) << "nothing made is left";
-    REALobject result = host.Call<REALobject>(effect, kApply, source);
-    EXPECT_NE(result, nullptr) << "one refusal only";
-    host.Unlock(result);
-    host.Unlock(effect);
-  }
-  host.Unlock(source);
+        if (fault == Fault::ShortMask) host.Set(effect, "Mask", nullptr);
+        REALobject result = RunEffect(host, effect, method, source, log);
+        EXPECT_NE(result, nullptr) << "one refusal only";
+        for (REALobject object : {result, effect, source}) host.Unlock(object);
+        EXPECT_EQ(host.LiveObjectCount(), 0u);
+      }
 }
 
-// An in-place run makes no bitmap, so a refusal waiting for the next result
-// does not touch it.
+// An in-place run makes no bitmap, so a refusal waiting for the next result does not touch it.
 TEST_F(FaultResources, InPlaceRunNeedsNoResult) {
-  REALobject source = host.NewBitmap(4, 4, kRGBA, 16);
-  rawfx::test::FillPattern(host, source, 3);
-  const std::vector<uint8_t> before = Pixels(source);
-  REALobject effect = NewEffect("InterlaceEffectRaw");
+  REALobject source = NewPattern(host, 4, 4, kRGBA, 16, 3);
+  const std::vector<uint8_t> before = Pixels(host, source);
+  REALobject effect = NewEffect(host, kInterlace);
   host.FailResultCreation(1);
   host.Call<void>(effect, kApplyInPlace, source);
-  EXPECT_NE(Pixels(source), before);
+  EXPECT_NE(Pixels(host, source), before);
   EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr) << "the refusal is still waiting";
-  host.FailResultCreation(0);
   for (REALobject object : {effect, source}) host.Unlock(object);
-}
-
-// A source record patched to a height whose pixels would pass the companion's
-// limit: the checks pass, the engine cannot make the result, nothing runs.
-TEST_F(FaultResources, HugeSourceRecordGivesNil) {
-  for (const char* className : kClasses) {
-    SCOPED_TRACE(className);
-    REALobject source = host.NewBitmap(64, 2, kRGBA, 8);
-    RawBitmap* record = host.Bitmap(source).record;
-    record->height = int64_t{1} << 30;
-    REALobject effect = NewEffect(className);
-    EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr);
-    EXPECT_EQ(host.LastError(effect), 0);
-    record->height = 2;
-    for (REALobject object : {effect, source}) host.Unlock(object);
-    EXPECT_EQ(host.LiveObjectCount(), 0u);
-  }
-}
-
-// A mask smaller than the source is refused by the engine; the mask keeps its bitmap alive until it goes.
-TEST_F(FaultResources, MaskSmallerThanTheSourceGivesNil) {
-  REALobject source = host.NewBitmap(8, 8, kRGBA, 8);
-  REALobject small = host.NewBitmap(8, 7, kGray, 8);
-  REALobject mask = host.NewMask(small);
-  host.Unlock(small);
-  for (const char* className : {"InterlaceEffectRaw", "OilPaintEffectRaw"}) {
-    SCOPED_TRACE(className);
-    REALobject effect = NewEffect(className);
-    host.Set<REALobject>(effect, "Mask", mask);
-    EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr);
-    host.Unlock(effect);
-  }
-  for (REALobject object : {mask, source}) host.Unlock(object);
 }
 
 // The plug-in's own bitmap creation, bound to a real host in a fresh process:
@@ -115,7 +89,7 @@ Host* gChildHost = nullptr;
 void* ChildResolver(const char* name) { return gChildHost->resolve(name); }
 
 TEST(FaultCreateRawBitmap, RefusedSizesGiveNilAndLeaveNothing) {
-  const rawfx::test::ChildResult child = rawfx::test::RunInChild([] {
+  const ChildResult child = RunInChild([] {
     Host host;
     gChildHost = &host;
     gResolver = &ChildResolver;
@@ -125,15 +99,13 @@ TEST(FaultCreateRawBitmap, RefusedSizesGiveNilAndLeaveNothing) {
       int64_t width, height, rowBytes, format;
     };
     const Size refused[] = {
-        {0, 4, 0, kRGBA},           {4, 0, 0, kRGBA},        {-3, 4, 0, kRGBA},     {4, -3, 0, kRGBA},
-        {4, 4, 15, kRGBA},          {4, 4, 0, 99},           {4, 4, 0, -1},         {int64_t{1} << 31, 1, 0, kGray},
-        {1 << 20, 1 << 20, 0, kRGBA}, {INT64_MAX, INT64_MAX, 0, kRGBA}, {4, 4, INT64_MAX, kRGBA},
-    };
-    for (const Size& s : refused) {
+        {0, 4, 0, kRGBA},  {4, 0, 0, kRGBA}, {-3, 4, 0, kRGBA}, {4, -3, 0, kRGBA}, {4, 4, 15, kRGBA},
+        {4, 4, 0, 99},     {4, 4, 0, -1},    {int64_t{1} << 31, 1, 0, kGray},     {1 << 20, 1 << 20, 0, kRGBA},
+        {INT64_MAX, INT64_MAX, 0, kRGBA},    {4, 4, INT64_MAX, kRGBA}};
+    for (const auto& [width, height, rowBytes, format] : refused) {
       RawBitmap* data = nullptr;  // not to be used after a refusal: it belongs to the released instance
-      if (CreateRawBitmap(s.width, s.height, s.rowBytes, s.format, &data))
-        report += "accepted " + std::to_string(s.width) + "x" + std::to_string(s.height) + "\n";
-      if (host.LiveObjectCount() != 0) report += "left an instance\n";
+      if (CreateRawBitmap(width, height, rowBytes, format, &data) || host.LiveObjectCount() != 0)
+        report += "accepted or kept " + std::to_string(width) + "x" + std::to_string(height) + "\n";
     }
     RawBitmap* data = nullptr;
     REALobject fine = CreateRawBitmap(3, 2, 0, kRGBA, &data);

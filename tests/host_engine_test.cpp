@@ -1,7 +1,7 @@
 // The engine of MPImageFilterRaw, driven through its operation table with
 // test part functions that copy rows and record what they were given: the
-// split of rows into parts, the head, progress and cancel, and asynchronous
-// runs with their completion and disposal.
+// split of rows into parts, the head, the result's clearing, progress and
+// cancel, and asynchronous runs with their completion and disposal.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,15 +9,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "host/host.h"
-#include "support/host_fixture.h"
+#include "support/fault_checks.h"
 
 // A watch on the global operator delete, for the asynchronous disposal rule.
 namespace {
@@ -37,17 +35,18 @@ void operator delete(void* memory, std::size_t) noexcept { operator delete(memor
 
 namespace {
 
+using namespace rawfx::test;
+using namespace rawfx::test::fault;
 using rawfx::host::EngineCall;
 using rawfx::host::SplitPolicy;
-using rawfx::test::SamePixels;
 using Parts = std::vector<std::pair<int32_t, int32_t>>;
-using namespace std::chrono_literals;
 
 // Waits until the condition holds (or gives up after 5 s).
 template <class Condition>
 void AwaitOrGiveUp(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(100us);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!condition() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
 // A parameter block whose part function copies rows and records what it saw.
@@ -96,7 +95,7 @@ void* MaskedCopyRows(void* block) {
   return CopyRows(block);
 }
 
-// Finishes its rows without copying, for a block that holds nothing but the head.
+// Finishes its rows without writing, for a block that holds nothing but the head.
 void* FinishRows(void* block) {
   auto* part = static_cast<MPParamBlock*>(block);
   for (int32_t row = part->firstRow; row < part->endRow; ++row)
@@ -104,122 +103,85 @@ void* FinishRows(void* block) {
   return nullptr;
 }
 
-// Rows each part did must be a prefix of the part: a cancel stops between rows.
-void ExpectPrefixes(const CopyParams& params) {
-  for (const auto& [first, end] : params.parts) {
-    bool stopped = false;
-    for (int32_t row = first; row < end; ++row) {
-      const int visits = params.visits[static_cast<size_t>(row)];
-      EXPECT_LE(visits, stopped ? 0 : 1) << "row " << row;
-      stopped = stopped || visits == 0;
-    }
-  }
-}
-
-// The program's progress handler and the asynchronous completion and delete callbacks.
-struct Log {
-  std::vector<std::pair<uint64_t, uint64_t>> reports;
+// What the program's progress handler and the delete callback were given.
+struct Handlers {
+  std::pair<uint64_t, uint64_t> lastReport;
   REALobject handlerSelf = nullptr;
   uint64_t cancelAt = 0;  // 0: the handler never asks
-  std::atomic<int> completions{0}, deletes{0};
-  std::atomic<REALobject> target{nullptr}, deleteSelf{nullptr};
+  std::atomic<int> deletes{0};
+  std::atomic<REALobject> deleteSelf{nullptr};
   std::atomic<GenericMPParams*> deleteParams{nullptr};
-  std::mutex mutex;
-  std::vector<REALobject> results;  // each kept with a lock of the test's own
-  rawfx::host::Host* host = nullptr;
 };
-Log* gLog = nullptr;
+Handlers* gHandlers = nullptr;
 
 void OnProgress(REALobject self, uint64_t value, uint64_t total, uint64_t, bool* cancel) {
-  gLog->handlerSelf = self;
-  gLog->reports.emplace_back(value, total);
-  if (gLog->cancelAt && value >= gLog->cancelAt) *cancel = true;
-}
-
-void OnComplete(REALobject target, REALobject result) {
-  gLog->target = target;
-  gLog->host->Lock(result);
-  std::lock_guard lock(gLog->mutex);
-  gLog->results.push_back(result);
-  ++gLog->completions;
+  gHandlers->handlerSelf = self;
+  gHandlers->lastReport = {value, total};
+  if (gHandlers->cancelAt && value >= gHandlers->cancelAt) *cancel = true;
 }
 
 int RecordingDelete(REALobject self, GenericMPParams* params) {
-  ++gLog->deletes;
-  gLog->deleteSelf = self;
-  gLog->deleteParams = params;
+  gHandlers->deleteSelf = self;
+  gHandlers->deleteParams = params;
+  ++gHandlers->deletes;
   return 0;
 }
 
-class EngineTest : public rawfx::test::HostTest {
+class EngineTest : public AsyncHostTest {
  protected:
   void SetUp() override {
     host.DefineClass({"ProgressEffect", "MPImageFilterRaw", {{kOnProgressDecl, reinterpret_cast<void*>(&OnProgress)}}});
     effect = host.New("ProgressEffect");
     engine = static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"));
-    log.host = &host;
-    gLog = &log;
+    gHandlers = &handlers;
   }
-
   void TearDown() override {
     host.WaitForAsync();
     host.SetProgressObserver(nullptr);
-    for (REALobject object : log.results) host.Unlock(object);
     host.Unlock(effect);
-    HostTest::TearDown();
+    AsyncHostTest::TearDown();
   }
 
   REALobject NewSource(int64_t height, int bits = 8) {
-    REALobject source = host.NewBitmap(9, height, 5, bits, 8);
-    rawfx::test::FillPattern(host, source, static_cast<uint32_t>(height));
-    return source;
+    return NewPattern(host, 9, height, kRGBA, bits, static_cast<uint32_t>(height), 8);
   }
-
-  REALobject Process(CopyParams& params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13) {
-    return engine->ops->ProcessParts(engine, &params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
+  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13,
+                     PartFunction part = &CopyRows) {
+    return engine->ops->ProcessParts(engine, params, part, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
                                      formatFlags, 1);
   }
-
   void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter,
-                  int32_t formatFlags = 13, PartFunction part = &CopyRows) {
+                  PartFunction part = &CopyRows) {
     engine->ops->ProcessPartsAsync(effect, engine, source, params, part, &MaskedCopyRows, host.Bitmap(source).record,
-                                   nullptr, 3, formatFlags, 1, target, reinterpret_cast<void*>(&OnComplete), deleter);
-  }
-
-  REALobject LastResult() {
-    std::lock_guard lock(log.mutex);
-    return log.results.empty() ? nullptr : log.results.back();
+                                   nullptr, 3, 13, 1, target, log.method(), deleter);
   }
 
   REALobject effect = nullptr;
   MPImageFilterData* engine = nullptr;
-  Log log;
+  Handlers handlers;
 };
 
-// ---- splitting and the head ---------------------------------------------------------------
+// ---- splitting, the head and the result ------------------------------------------------
 
-void ExpectPolicyShape(SplitPolicy policy, const Parts& parts, int64_t height, int threads) {
-  int empty = 0;
-  for (const auto& [first, end] : parts) {
-    const int32_t size = end - first;
-    empty += size == 0;
-    if (size == 0) continue;
-    switch (policy) {
-      case SplitPolicy::Balanced:
-      case SplitPolicy::WithEmptyParts: EXPECT_EQ(first % 4, 0) << "part at " << first; break;
-      case SplitPolicy::SmallParts: EXPECT_TRUE(size >= 1 && size <= 3) << "part of " << size; break;
-      case SplitPolicy::OddStarts: EXPECT_TRUE(first == 0 || first % 2 == 1) << "part at " << first; break;
-      case SplitPolicy::SinglePart: EXPECT_EQ(size, height); break;
-    }
+// Whether a part of rows [first, first + size) fits the policy's cut.
+bool Fits(SplitPolicy policy, int32_t first, int32_t size, int64_t height) {
+  switch (policy) {
+    case SplitPolicy::Balanced:
+    case SplitPolicy::WithEmptyParts: return first % 4 == 0;
+    case SplitPolicy::SmallParts: return size >= 1 && size <= 3;
+    case SplitPolicy::OddStarts: return first == 0 || first % 2 == 1;
+    case SplitPolicy::SinglePart: return size == height;
   }
-  if (policy == SplitPolicy::Balanced) {
-    EXPECT_GE(int64_t(parts.size()), std::min<int64_t>((height + 3) / 4, threads)) << "too few to keep all busy";
-  }
-  EXPECT_EQ(empty > 0, policy == SplitPolicy::WithEmptyParts);
+  return false;
 }
 
-// Progress reaches the host's observer, on the thread that started the run, and the program's handler.
-TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndProgressCountsRows) {
+// Under every policy, thread count, height and depth: every row lies in
+// exactly one part, the head is filled whole (stale values replaced), and the
+// result, with the source's shape but rows padded its own way, comes with one
+// reference, the caller's. Progress reaches the host's observer, on the thread
+// that started the run, and the program's handler. In place, the source is the
+// destination and comes back itself, without a new reference.
+TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndTheHeadIsFilledWhole) {
   std::pair<int64_t, int64_t> observed;
   bool onCaller = true;
   host.SetProgressObserver([&, caller = std::this_thread::get_id()](int64_t done, int64_t total) {
@@ -232,87 +194,77 @@ TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndProgressCountsRows) {
     host.SetSplitPolicy(policy);
     for (int threads : {1, 2, 3}) {
       host.SetThreads(threads);
-      for (int64_t height : {1, 4, 5, 37}) {
-        SCOPED_TRACE("policy " + std::to_string(static_cast<int>(policy)) + ", " + std::to_string(threads) +
-                     " threads, " + std::to_string(height) + " rows");
-        REALobject source = NewSource(height);
-        CopyParams params(height);
-        REALobject result = Process(params, source);
-        ASSERT_NE(result, nullptr);
-        for (int64_t row = 0; row < height; ++row) EXPECT_EQ(params.visits[size_t(row)], 1) << row;
-        EXPECT_EQ(params.head.progress, height);
-        EXPECT_EQ(observed, std::make_pair(height, height));
-        ASSERT_FALSE(log.reports.empty());
-        EXPECT_EQ(log.reports.back(), std::make_pair(uint64_t(height), uint64_t(height)));
-        EXPECT_EQ(host.lastEngineCall().parts, static_cast<int>(params.parts.size()));
-        ExpectPolicyShape(policy, params.parts, height, threads);
-        EXPECT_TRUE(SamePixels(host, result, source));
-        host.Unlock(result);
-        host.Unlock(source);
-      }
+      for (int64_t height : {1, 4, 5, 37})
+        for (int bits : {8, 16}) {
+          SCOPED_TRACE("policy " + std::to_string(static_cast<int>(policy)) + ", " + std::to_string(threads) +
+                       " threads, " + std::to_string(height) + " rows, " + std::to_string(bits) + " bits");
+          const int32_t flags = bits == 8 ? 13 : 14;
+          REALobject source = NewSource(height, bits);
+          CopyParams params(height);
+          std::memset(&params.head, 0xA5, sizeof params.head);
+          REALobject result = Process(&params, source, nullptr, flags);
+          ASSERT_NE(result, nullptr);
+          for (int64_t row = 0; row < height; ++row) EXPECT_EQ(params.visits[size_t(row)], 1) << row;
+          int empty = 0;
+          for (const auto& [first, end] : params.parts) {
+            empty += first == end;
+            EXPECT_TRUE(first == end || Fits(policy, first, end - first, height)) << "part " << first << ".." << end;
+          }
+          EXPECT_EQ(empty > 0, policy == SplitPolicy::WithEmptyParts);
+          if (policy == SplitPolicy::Balanced) {
+            EXPECT_GE(int64_t(params.parts.size()), std::min<int64_t>((height + 3) / 4, threads)) << "too few parts";
+          }
+          const auto src = host.Bitmap(source);
+          const auto dst = host.Bitmap(result);
+          const GenericMPParams& h = params.head;
+          EXPECT_EQ(std::tie(h.width, h.height, h.progress, h.cancel, h.srcPixelBytes, h.dstPixelBytes, h.maskData),
+                    std::make_tuple(9, height, height, 0, 4 * bits / 8, 4 * bits / 8, nullptr));
+          EXPECT_EQ(std::tie(h.srcPixels, h.dstPixels, h.srcRowBytes, h.dstRowBytes, h.srcBitmap, h.dstBitmap),
+                    std::tie(src.pixels, dst.pixels, src.rowBytes, dst.rowBytes, src.record, dst.record));
+          EXPECT_NE(dst.rowBytes, src.rowBytes);
+          EXPECT_TRUE(SamePixels(host, result, source));
+          const EngineCall call = host.lastEngineCall();
+          EXPECT_EQ(std::tie(call.operation, call.params, call.partFunction, call.maskPartFunction, call.modeCode,
+                             call.formatFlags, call.resultFlag, call.parts),
+                    std::make_tuple(EngineCall::Parts, static_cast<void*>(&params), &CopyRows, &MaskedCopyRows, 2,
+                                    flags, 1, static_cast<int>(params.parts.size())));
+          EXPECT_EQ(observed, std::make_pair(height, height));
+          EXPECT_EQ(handlers.lastReport, std::make_pair(uint64_t(height), uint64_t(height)));
+          host.Unlock(result);
+
+          CopyParams inPlace(height);
+          EXPECT_EQ(
+              engine->ops->ProcessPartsInPlace(engine, &inPlace, &CopyRows, &CopyRows, src.record, nullptr, 2, flags),
+              source);
+          EXPECT_EQ(std::tie(inPlace.head.srcPixels, inPlace.head.dstPixels, inPlace.head.dstBitmap),
+                    std::tie(src.pixels, src.pixels, src.record));
+          EXPECT_EQ(std::make_tuple(inPlace.RowsDone(), host.RefCount(source), host.lastEngineCall().operation),
+                    std::make_tuple(height, 1, EngineCall::PartsInPlace));
+          host.Unlock(source);
+        }
     }
   }
   host.SetProgressObserver(nullptr);
   EXPECT_TRUE(onCaller);
-  EXPECT_EQ(log.handlerSelf, effect);
-}
-
-TEST_F(EngineTest, FillsTheWholeHeadAndMakesTheResultOrWritesInPlace) {
-  for (int bits : {8, 16}) {
-    const int32_t flags = bits == 8 ? 13 : 14;
-    REALobject source = NewSource(6, bits);
-    CopyParams params(6);
-    std::memset(&params.head, 0xA5, sizeof params.head);  // stale values must all be replaced
-    REALobject result = Process(params, source, nullptr, flags);
-    ASSERT_NE(result, nullptr);
-    const auto src = host.Bitmap(source);
-    const auto dst = host.Bitmap(result);
-    const GenericMPParams& h = params.head;
-    EXPECT_EQ(std::tie(h.width, h.height, h.progress, h.cancel, h.srcPixelBytes, h.dstPixelBytes),
-              std::make_tuple(9, 6, 6, 0, 4 * bits / 8, 4 * bits / 8));
-    EXPECT_EQ(std::tie(h.srcPixels, h.dstPixels, h.srcRowBytes, h.dstRowBytes, h.srcBitmap, h.dstBitmap),
-              std::tie(src.pixels, dst.pixels, src.rowBytes, dst.rowBytes, src.record, dst.record));
-    EXPECT_EQ(h.maskData, nullptr);
-    EXPECT_NE(dst.rowBytes, src.rowBytes);  // the result's rows have padding of their own
-    EXPECT_EQ(std::tie(dst.format, dst.bitsPerChannel), std::tie(src.format, bits));
-    EXPECT_EQ(host.RefCount(result), 1);  // the caller's
-    const EngineCall call = host.lastEngineCall();
-    EXPECT_EQ(std::tie(call.operation, call.params, call.partFunction, call.maskPartFunction),
-              std::make_tuple(EngineCall::Parts, static_cast<void*>(&params), &CopyRows, &MaskedCopyRows));
-    EXPECT_EQ(std::tie(call.modeCode, call.formatFlags, call.resultFlag), std::make_tuple(2, flags, 1));
-    host.Unlock(result);
-
-    CopyParams inPlace(6);  // the source is the destination, and the source itself comes back
-    EXPECT_EQ(engine->ops->ProcessPartsInPlace(engine, &inPlace, &CopyRows, &CopyRows, src.record, nullptr, 2, flags),
-              source);
-    EXPECT_EQ(std::tie(inPlace.head.srcPixels, inPlace.head.dstPixels, inPlace.head.dstBitmap),
-              std::tie(src.pixels, src.pixels, src.record));
-    EXPECT_EQ(std::make_tuple(inPlace.RowsDone(), host.RefCount(source), host.lastEngineCall().operation),
-              std::make_tuple(6, 1, EngineCall::PartsInPlace));
-    host.Unlock(source);
-  }
+  EXPECT_EQ(handlers.handlerSelf, effect);
 }
 
 // The result is cleared by the parts that fill it; rows and padding that no
 // part writes must still read zero, even in memory freed dirty just before.
 TEST_F(EngineTest, AResultIsAllZeroWhereNoPartWrote) {
-  for (SplitPolicy policy : {SplitPolicy::Balanced, SplitPolicy::SmallParts, SplitPolicy::OddStarts,
-                             SplitPolicy::WithEmptyParts}) {
+  for (SplitPolicy policy :
+       {SplitPolicy::Balanced, SplitPolicy::SmallParts, SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts}) {
     host.SetSplitPolicy(policy);
     for (int bits : {8, 16}) {
       REALobject source = NewSource(301, bits);
-      REALobject dirty = host.NewBitmap(9, 301, 5, bits, 24);  // a result's size, freed dirty
-      const auto dirtyView = host.Bitmap(dirty);
-      std::memset(dirtyView.pixels, 0xA5, size_t(dirtyView.rowBytes * dirtyView.height));
+      REALobject dirty = host.NewBitmap(9, 301, kRGBA, bits, 24);  // a result's size, freed dirty
+      std::memset(host.Bitmap(dirty).pixels, 0xA5, Pixels(host, dirty).size());
       host.Unlock(dirty);
-
       GenericMPParams head{};
-      REALobject result = engine->ops->ProcessParts(engine, &head, &FinishRows, &FinishRows,
-                                                    host.Bitmap(source).record, nullptr, 2, bits == 8 ? 13 : 14, 1);
+      REALobject result = Process(&head, source, nullptr, bits == 8 ? 13 : 14, &FinishRows);
       ASSERT_NE(result, nullptr);
-      const auto view = host.Bitmap(result);
-      const size_t bytes = size_t(view.rowBytes * view.height);
-      EXPECT_EQ(size_t(std::count(view.pixels, view.pixels + bytes, uint8_t{0})), bytes)
+      const std::vector<uint8_t> bytes = Pixels(host, result);
+      EXPECT_EQ(size_t(std::count(bytes.begin(), bytes.end(), uint8_t{0})), bytes.size())
           << "policy " << static_cast<int>(policy) << ", " << bits << " bits";
       host.Unlock(result);
       host.Unlock(source);
@@ -321,12 +273,12 @@ TEST_F(EngineTest, AResultIsAllZeroWhereNoPartWrote) {
 }
 
 TEST_F(EngineTest, RefusesDepthsTheFlagsDoNotAllowAndMasksThatDoNotCoverTheSource) {
-  for (auto [bits, flags, runs] : {std::tuple{8, 13, true}, {8, 5, true}, {8, 14, false}, {16, 14, true},
-                                   {16, 13, false}, {16, 5, false}}) {
+  for (auto [bits, flags, runs] :
+       {std::tuple{8, 13, true}, {8, 5, true}, {8, 14, false}, {16, 14, true}, {16, 13, false}, {16, 5, false}}) {
     SCOPED_TRACE(std::to_string(bits) + " bits, flags " + std::to_string(flags));
     REALobject source = NewSource(4, bits);
     CopyParams params(4);
-    REALobject result = Process(params, source, nullptr, flags);
+    REALobject result = Process(&params, source, nullptr, flags);
     EXPECT_EQ(result != nullptr, runs);
     EXPECT_EQ(params.parts.empty(), !runs);
     EXPECT_EQ(host.lastEngineCall().parts, runs ? static_cast<int>(params.parts.size()) : 0);
@@ -337,131 +289,101 @@ TEST_F(EngineTest, RefusesDepthsTheFlagsDoNotAllowAndMasksThatDoNotCoverTheSourc
 
   // A mask selects the masked part function, and must cover the source.
   REALobject source = NewSource(8);
-  REALobject maskBitmap = host.NewBitmap(9, 8, 0), smallBitmap = host.NewBitmap(9, 7, 0);
+  REALobject maskBitmap = host.NewBitmap(9, 8, kGray), smallBitmap = host.NewBitmap(9, 7, kGray);
   REALobject mask = host.NewMask(maskBitmap), smallMask = host.NewMask(smallBitmap);
   CopyParams params(8), refused(8);
-  REALobject result = Process(params, source, mask);
+  REALobject result = Process(&params, source, mask);
   ASSERT_NE(result, nullptr);
   EXPECT_EQ(params.maskedCalls.load(), static_cast<int>(params.parts.size()));
   EXPECT_EQ(params.head.maskData, host.ClassData(mask, "RawBitmapMask"));
   EXPECT_EQ(host.lastEngineCall().mask, mask);
-  EXPECT_EQ(Process(refused, source, smallMask), nullptr);
+  EXPECT_EQ(Process(&refused, source, smallMask), nullptr);
   EXPECT_TRUE(refused.parts.empty());
   for (REALobject object : {result, smallMask, smallBitmap, mask, maskBitmap, source}) host.Unlock(object);
 }
 
 // ---- cancel ------------------------------------------------------------------------------------
 
-// A cancel asked for by the host's observer or by the program's handler stops the run between rows.
-TEST_F(EngineTest, ObserverOrProgramHandlerCancelStopsTheRunBetweenRows) {
+// A cancel from the host's observer, from the program's handler, requested
+// while the run goes or before it stops every part between rows (a preset one
+// after each part's first row), gives nil, and holds for that run only.
+TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   host.SetThreads(2);
-  for (bool byHandler : {false, true}) {
-    SCOPED_TRACE(byHandler ? "program handler" : "observer");
-    host.SetProgressObserver([=](int64_t done, int64_t) { return byHandler || done < 8; });
-    log.cancelAt = byHandler ? 8 : 0;
+  host.SetSplitPolicy(SplitPolicy::WithEmptyParts);
+  for (const std::string by : {"observer", "handler", "request", "preset"}) {
+    SCOPED_TRACE(by);
+    host.SetProgressObserver([this, by](int64_t done, int64_t) {
+      if (by == "request" && done >= 8) host.RequestCancel(effect);
+      return by != "observer" || done < 8;
+    });
+    handlers.cancelAt = by == "handler" ? 8 : 0;
+    if (by == "preset") host.RequestCancel(effect);
     REALobject source = NewSource(64);
     CopyParams params(64);
-    params.holdAtProgress = 8;  // the parts wait there until the cancel arrives
-    EXPECT_EQ(Process(params, source), nullptr);
-    ExpectPrefixes(params);
+    params.holdAtProgress = by == "preset" ? 0 : 8;  // the parts wait there until the cancel arrives
+    EXPECT_EQ(Process(&params, source), nullptr);
+    int nonEmpty = 0;
+    for (const auto& [first, end] : params.parts) {
+      nonEmpty += first != end;
+      for (int32_t row = first, stopped = 0; row < end; ++row) {  // the rows done are a prefix of the part
+        const int visits = params.visits[size_t(row)];
+        EXPECT_LE(visits, stopped ? 0 : 1) << "row " << row;
+        EXPECT_TRUE(by != "preset" || visits == (row == first))
+            << "a preset cancel: row " << row << " done " << visits << " times";
+        stopped = stopped || visits == 0;
+      }
+    }
     EXPECT_LT(params.RowsDone(), 64);
     EXPECT_EQ(params.head.progress, params.RowsDone());
+    if (by == "preset") {
+      EXPECT_EQ(params.head.progress, nonEmpty);
+    }
+    host.SetProgressObserver(nullptr);
+    handlers.cancelAt = 0;
+    CopyParams again(64);  // the cancel was for one run only
+    REALobject result = Process(&again, source);
+    EXPECT_NE(result, nullptr);
+    host.Unlock(result);
     host.Unlock(source);
   }
-}
-
-TEST_F(EngineTest, APresetCancelLetsEachPartDoItsFirstRow) {
-  host.SetSplitPolicy(SplitPolicy::WithEmptyParts);
-  REALobject source = NewSource(37);
-  host.RequestCancel(effect);
-  CopyParams params(37);
-  EXPECT_EQ(Process(params, source), nullptr);
-  int nonEmpty = 0;
-  for (const auto& [first, end] : params.parts) {
-    nonEmpty += first != end;
-    for (int32_t row = first; row < end; ++row)
-      EXPECT_EQ(params.visits[size_t(row)], row == first ? 1 : 0) << "row " << row;
-  }
-  EXPECT_EQ(params.head.progress, nonEmpty);
-  CopyParams again(37);  // the cancel was for one run only
-  REALobject result = Process(again, source);
-  EXPECT_NE(result, nullptr);
-  host.Unlock(result);
-  host.Unlock(source);
   EXPECT_EQ(host.LastError(effect), 0);
 }
 
 // ---- asynchronous runs ---------------------------------------------------------------------------
 
-TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndCallsTheDeleteCallback) {
+TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndDisposesOfItsBlock) {
   REALobject source = NewSource(24);
   REALobject target = host.NewRGBColor(0, 0, 0);
   CopyParams params(24);
   params.released = false;
   StartAsync(&params, source, target, &RecordingDelete);
   // Back before any row is done: the caller is not blocked.
-  EXPECT_EQ(log.completions.load(), 0);
+  EXPECT_EQ(log.TotalCalls(), 0);
   EXPECT_EQ(std::make_tuple(host.RefCount(effect), host.RefCount(source), host.RefCount(target)),
             std::make_tuple(2, 2, 2));
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::PartsAsync);
   EXPECT_EQ(host.lastEngineCall().deleteCallback, &RecordingDelete);
   params.released = true;
   host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.completions.load(), log.target.load(), log.deletes.load(), log.deleteSelf.load(),
-                            log.deleteParams.load()),
-            std::make_tuple(1, target, 1, effect, &params.head));
-  ASSERT_NE(LastResult(), nullptr);
-  EXPECT_TRUE(SamePixels(host, LastResult(), source));
-  // Only the completion's own lock on the result is left.
-  EXPECT_EQ(std::make_tuple(host.RefCount(effect), host.RefCount(source), host.RefCount(target),
-                            host.RefCount(LastResult())),
-            std::make_tuple(1, 1, 1, 1));
-  host.Unlock(target);
-  host.Unlock(source);
-}
-
-TEST_F(EngineTest, FailedOrCancelledAsyncRunsCompleteWithNilAndABlockWithoutCallbackIsDeleted) {
-  REALobject source = NewSource(16);
-  CopyParams refused(16);
-  StartAsync(&refused, source, nullptr, &RecordingDelete, 14);  // 8-bit source, 16-bit flags
-  host.WaitForAsync();
-  EXPECT_TRUE(refused.parts.empty());
-  EXPECT_EQ(std::make_tuple(log.completions.load(), LastResult(), log.deletes.load()),
-            std::make_tuple(1, REALobject{}, 1));
-
-  CopyParams held(16);
-  held.released = false;
-  StartAsync(&held, source, nullptr, &RecordingDelete);
-  host.RequestCancel(effect);
-  held.released = true;
-  host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.completions.load(), LastResult(), log.deletes.load()),
-            std::make_tuple(2, REALobject{}, 2));
-  ExpectPrefixes(held);
+  EXPECT_EQ(std::make_tuple(log.Calls(target), handlers.deletes.load(), handlers.deleteSelf.load(),
+                            handlers.deleteParams.load()),
+            std::make_tuple(1, 1, effect, &params.head));
+  REALobject result = log.Take(target);
+  ASSERT_NE(result, nullptr);
+  EXPECT_TRUE(SamePixels(host, result, source));
+  host.Unlock(result);  // the completion's own lock; the fixture sees any other left
 
   auto* plain = new GenericMPParams{};  // without a delete callback the engine deletes the block
   gWatchedBlock = plain;
   gWatchedBlockDeletes = 0;
-  StartAsync(plain, source, nullptr, nullptr, 13, &FinishRows);
+  StartAsync(plain, source, target, nullptr, &FinishRows);
   host.WaitForAsync();
   gWatchedBlock = nullptr;
-  EXPECT_EQ(std::make_tuple(gWatchedBlockDeletes.load(), log.completions.load(), log.deletes.load()),
-            std::make_tuple(1, 3, 2));
-  EXPECT_NE(LastResult(), nullptr);
-  host.Unlock(source);
-}
-
-TEST_F(EngineTest, WaitForAsyncWaitsForEveryRun) {
-  REALobject source = NewSource(16);
-  std::vector<std::unique_ptr<CopyParams>> runs;
-  for (int run = 0; run < 6; ++run) {
-    runs.push_back(std::make_unique<CopyParams>(16));
-    StartAsync(runs.back().get(), source, nullptr, &RecordingDelete);
-  }
-  host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.completions.load(), log.deletes.load()), std::make_tuple(6, 6));
-  for (const auto& run : runs) EXPECT_EQ(run->RowsDone(), 16);
-  host.Unlock(source);
+  EXPECT_EQ(std::make_tuple(gWatchedBlockDeletes.load(), log.Calls(target), handlers.deletes.load()),
+            std::make_tuple(1, 2, 1));
+  result = log.Take(target);
+  EXPECT_NE(result, nullptr);
+  for (REALobject object : {result, target, source}) host.Unlock(object);
 }
 
 }  // namespace
