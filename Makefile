@@ -46,7 +46,7 @@ bench-peers: bootstrap
 # engine, effect and fault tests under ThreadSanitizer. Every report stops its
 # test. The module the host copies and loads is built with the same flags, so
 # its code is checked too. The differential tests run SANITIZE_DIFF_CASES cases
-# each under the sanitizers (read from RAWFX_DIFF_CASES by the tests that honour it).
+# per random loop under the sanitizers (they read it from RAWFX_DIFF_CASES).
 SANITIZE_DIFF_CASES ?= 500
 TSAN_TESTS = $(sort $(basename $(notdir $(wildcard \
   $(foreach t,host_engine interlace_* polar_* barrel_* oilpaint_* fault_*,tests/$(t)_test.cpp)))))
