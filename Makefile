@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 # machine is shared and small, and short runs of two threads vary the most.
 BENCH_ARGS ?= --benchmark_min_time=1 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
-.PHONY: all bootstrap configure build test demo bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
+.PHONY: all bootstrap configure build test demo bundle bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -26,6 +26,16 @@ test: build
 
 demo: build
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
+
+# The plug-in for macOS x86-64, cross-built with clang and lld against the SDK
+# that scripts/bootstrap-macos assembles, then checked: $(MACOS_BUILD)/rawfx.bundle.
+MACOS_BUILD ?= build-macos
+bundle:
+	@sdk=$$(scripts/bootstrap-macos) && \
+	  cmake -S . -B $(MACOS_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release \
+	    -DCMAKE_TOOLCHAIN_FILE=cmake/macos-x86_64.cmake -DRAWFX_MACOS_SDK="$$sdk"
+	cmake --build $(MACOS_BUILD) -j $(JOBS) --target rawfx
+	scripts/check-bundle $(MACOS_BUILD)/rawfx.bundle
 
 # Throughput of every effect through the host and of the reference kernels,
 # written to $(BUILD)/bench.json.
@@ -92,4 +102,4 @@ fuzz: fuzz-build
 	done
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(MACOS_BUILD)

@@ -123,16 +123,9 @@ EngineState* StateOf(MPImageFilterData* engine) {
   return engine ? static_cast<EngineState*>(engine->engineState) : nullptr;
 }
 
-void SetCancel(GenericMPParams* head) { std::atomic_ref<uint8_t>(head->cancel).store(1, std::memory_order_release); }
-
-int32_t ProgressOf(GenericMPParams* head) {
-  return std::atomic_ref<int32_t>(head->progress).load(std::memory_order_relaxed);
-}
-
 // A run is cancelled when it stopped on a cancel before all rows were done.
 bool Cancelled(GenericMPParams* head) {
-  return std::atomic_ref<uint8_t>(head->cancel).load(std::memory_order_acquire) != 0 &&
-         ProgressOf(head) < head->height;
+  return rawfx::CancelRequested(*head) && rawfx::ProgressOf(*head) < head->height;
 }
 
 // The bitmap object whose record source is, if it is one of this host's.
@@ -257,7 +250,7 @@ void RunPart(Run& run, size_t i) {
 // cancel between its two parts.
 void RunPartsInOrder(Run& run) {
   for (size_t i = 0; i < run.blocks.size(); ++i) {
-    if (run.cancelBetweenParts && i == 1) SetCancel(run.head);
+    if (run.cancelBetweenParts && i == 1) rawfx::RequestCancel(*run.head);
     RunPart(run, i);
   }
 }
@@ -268,7 +261,7 @@ void RunPartsInOrder(Run& run) {
 void Start(Run& run) {
   {
     std::lock_guard lock(run.state->mutex);
-    if (run.state->cancelNextRun) SetCancel(run.head);
+    if (run.state->cancelNextRun) rawfx::RequestCancel(*run.head);
     run.state->cancelNextRun = false;
     run.state->running.push_back(run.head);
   }
@@ -305,7 +298,7 @@ void Unregister(Run& run) {
 // Tells the observer and the program's OnProgress handler how far the run is;
 // true when either asks for a cancel.
 bool Report(Run& run, const std::function<bool(int64_t, int64_t)>& observer, void* onProgress) {
-  const int64_t done = ProgressOf(run.head);
+  const int64_t done = rawfx::ProgressOf(*run.head);
   const int64_t total = run.head->height;
   bool cancel = observer && !observer(done, total);
   if (onProgress) {
@@ -329,9 +322,9 @@ void WaitReporting(Run& run) {
   std::unique_lock lock(run.mutex);
   while (!run.finished.wait_for(lock, kProgressInterval, [&] { return run.done; })) {
     lock.unlock();
-    if (ProgressOf(run.head) != reported) {
-      reported = ProgressOf(run.head);
-      if (Report(run, observer, onProgress)) SetCancel(run.head);
+    if (rawfx::ProgressOf(*run.head) != reported) {
+      reported = rawfx::ProgressOf(*run.head);
+      if (Report(run, observer, onProgress)) rawfx::RequestCancel(*run.head);
     }
     lock.lock();
   }
@@ -503,7 +496,7 @@ void Host::Impl::RequestCancel(REALobject effect) {
   EngineState* state = StateOf(EngineDataOf(effect));
   std::lock_guard lock(state->mutex);
   if (state->running.empty()) state->cancelNextRun = true;
-  for (GenericMPParams* head : state->running) SetCancel(head);
+  for (GenericMPParams* head : state->running) rawfx::RequestCancel(*head);
 }
 
 void Host::Impl::WaitForAsync() {

@@ -1,6 +1,7 @@
 // Objects: layout, reference counts and the account of live objects; classes
 // a program defines; properties by name and methods by declaration.
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -10,7 +11,9 @@ namespace rawfx::host {
 
 namespace {
 
-constexpr std::align_val_t kObjectAlignment{16};
+// Objects are 16-byte aligned like the host application's. posix_memalign
+// rather than aligned operator new, which older macOS C++ libraries lack.
+constexpr size_t kObjectAlignment = 16;
 
 // The classes of an object's chain, root first.
 std::vector<const ClassInfo*> ChainOf(const ClassInfo* cls) {
@@ -87,8 +90,8 @@ const ClassInfo* Host::Impl::KnownClass(REALclassRef classRef) const {
 REALobject Host::Impl::NewObject(const ClassInfo* cls) {
   if (!cls || !cls->instantiable) return nullptr;
   const auto bytes = static_cast<size_t>(cls->objectSize);
-  void* memory = ::operator new(bytes, kObjectAlignment, std::nothrow);
-  if (!memory) return nullptr;
+  void* memory = nullptr;
+  if (posix_memalign(&memory, kObjectAlignment, bytes) != 0) return nullptr;
   std::memset(memory, 0, bytes);
   auto* header = new (memory) ObjectHeader{kObjectMagic, this, cls, {1}, 0, {}};
   auto object = reinterpret_cast<REALobject>(memory);
@@ -151,7 +154,7 @@ void Host::Impl::Destroy(REALobject object) {
     live.erase(object);
   }
   HeaderOf(object)->~ObjectHeader();
-  ::operator delete(object, kObjectAlignment);
+  std::free(object);
 }
 
 void Host::Impl::DrainDeferredDestruction() {

@@ -1,5 +1,8 @@
 #include "imaging/memory.h"
 
+// macOS supplies NewPtr and DisposePtr; this layer is for every other system.
+#if !defined(__APPLE__)
+
 #include <atomic>
 #include <cstdlib>
 
@@ -21,7 +24,7 @@ bool TakeAllocationTurn() {
 
 }  // namespace
 
-void* NewPtr(int64_t byteCount) {
+void* NewPtr(long byteCount) {
   if (byteCount < 0 || !TakeAllocationTurn()) return nullptr;
   void* block = std::malloc(static_cast<size_t>(byteCount));
   if (block) gLiveBlocks.fetch_add(1, std::memory_order_relaxed);
@@ -41,3 +44,5 @@ void FailAllocationsAfter(int64_t count) { gAllocationsLeft.store(count, std::me
 int64_t LiveBlockCount() { return gLiveBlocks.load(std::memory_order_relaxed); }
 
 }  // namespace rawfx::memory
+
+#endif  // !__APPLE__

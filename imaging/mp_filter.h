@@ -2,7 +2,6 @@
 // the engine object, its operations, the per-part record and the parameter-block head.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -111,11 +110,19 @@ inline MPImageFilterData* EngineOf(void* effectData) {
 
 inline void StoreError(void* effectData, int64_t code) { EngineOf(effectData)->lastError = code; }
 
+// Atomic access to the two head fields that change during a run. The head is a
+// fixed binary layout, so its fields are plain integers; the compiler's __atomic
+// built-ins give them the guarantees of std::atomic without a library feature
+// that older C++ libraries lack.
+inline int32_t ProgressOf(const GenericMPParams& head) { return __atomic_load_n(&head.progress, __ATOMIC_RELAXED); }
+inline bool CancelRequested(const GenericMPParams& head) { return __atomic_load_n(&head.cancel, __ATOMIC_ACQUIRE) != 0; }
+inline void RequestCancel(GenericMPParams& head) { __atomic_store_n(&head.cancel, uint8_t{1}, __ATOMIC_RELEASE); }
+
 // Called by every kernel once per finished row: counts the row and tells
 // whether the part should go on (false once a cancel has been requested).
 inline bool FinishRow(GenericMPParams& head) {
-  std::atomic_ref<int32_t>(head.progress).fetch_add(1, std::memory_order_relaxed);
-  return std::atomic_ref<uint8_t>(head.cancel).load(std::memory_order_acquire) == 0;
+  __atomic_fetch_add(&head.progress, 1, __ATOMIC_RELAXED);
+  return !CancelRequested(head);
 }
 
 }  // namespace rawfx

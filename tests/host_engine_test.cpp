@@ -65,7 +65,7 @@ struct CopyParams {
     for (const auto& v : visits) done += v;
     return done;
   }
-  bool Cancelled() { return std::atomic_ref<uint8_t>(head.cancel).load() != 0; }
+  bool Cancelled() { return rawfx::CancelRequested(head); }
 };
 
 void* CopyRows(void* block) {
@@ -81,7 +81,7 @@ void* CopyRows(void* block) {
                  p.head.srcPixels + int64_t{row} * p.head.srcRowBytes, size_t(p.head.width * p.head.srcPixelBytes));
     ++p.visits[static_cast<size_t>(row)];
     if (!rawfx::FinishRow(p.head)) break;
-    if (p.holdAtProgress > 0 && std::atomic_ref<int32_t>(p.head.progress).load() >= p.holdAtProgress) {
+    if (p.holdAtProgress > 0 && rawfx::ProgressOf(p.head) >= p.holdAtProgress) {
       AwaitOrGiveUp([&] { return p.Cancelled(); });
       if (p.Cancelled()) break;
     }

@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "imaging/color_order.h"
+#include "imaging/cpu_dispatch.h"
 #include "imaging/mp_filter.h"
 #include "plugin/host_binding.h"
 #include "support/child_process.h"
@@ -95,6 +96,15 @@ TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
 
 // The one-channel test compares signed: a negative code reads as one grey channel,
 // while the CMYK test compares unsigned and never takes it for CMYK.
+#if defined(__x86_64__)
+// The module reads cpuid and XCR0 itself; the compiler's runtime (which a test may
+// link) must come to the same answer on this machine.
+TEST(CpuDispatch, DetectsAVX2AsTheCompilerRuntimeDoes) {
+  __builtin_cpu_init();
+  EXPECT_EQ(rawfx::cpu::HasAVX2(), __builtin_cpu_supports("avx2") != 0);
+}
+#endif
+
 TEST(Formats, FamiliesByCode) {
   for (int64_t format : {13, 14, 15, 16}) EXPECT_TRUE(IsCMYKFormat(format)) << format;
   for (int64_t format : {int64_t{-1}, int64_t{0}, int64_t{12}, int64_t{17}, int64_t{22}, INT64_MIN, INT64_MAX})
