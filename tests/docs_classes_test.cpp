@@ -1,0 +1,111 @@
+// docs/classes.md against the module: the classes, properties (type and the
+// default a new object reads back), method declarations and enum values that
+// the reference's tables list must be exactly what the module registers, so a
+// renamed property, a changed declaration or a changed default fails here.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/host.h"
+#include "support/host_fixture.h"
+
+namespace {
+
+using rawfx::host::Host;
+using Row = std::vector<std::string>;  // the first `code span` of each cell ("" if none)
+using Texts = std::set<std::string>;
+
+std::string CodeIn(const std::string& text) {
+  const size_t open = text.find('`');
+  const size_t close = open == std::string::npos ? open : text.find('`', open + 1);
+  return close == std::string::npos ? "" : text.substr(open + 1, close - open - 1);
+}
+
+// The page's table rows, by the heading of a table's first column and then by
+// the class whose section ("## `Class`") holds it ("" outside those sections).
+std::map<std::string, std::map<std::string, std::vector<Row>>> ReadTables(const char* path) {
+  std::map<std::string, std::map<std::string, std::vector<Row>>> tables;
+  std::ifstream in(path);
+  std::string line, section, heading;
+  while (std::getline(in, line)) {
+    if (line.rfind("## ", 0) == 0) section = CodeIn(line);
+    if (line.rfind('|', 0) != 0) heading.clear();
+    if (line.rfind('|', 0) != 0 || line.rfind("|---", 0) == 0) continue;
+    Row cells;
+    for (size_t start = 1, bar; (bar = line.find('|', start)) != std::string::npos; start = bar + 1)
+      cells.push_back(line.substr(start, bar - start));
+    if (heading.empty())
+      heading = cells.at(0).substr(1, cells.at(0).size() - 2);
+    else
+      for (std::string& cell : tables[heading][section].emplace_back(cells)) cell = CodeIn(cell);
+  }
+  return tables;
+}
+
+// How a default written on the page reads back from a new object, by property type.
+using DefaultCheck = std::function<bool(Host&, REALobject, const std::string& property, const std::string& text)>;
+const std::map<std::string, DefaultCheck> kScalarDefaults = {
+    {"Boolean", [](Host& h, REALobject o, auto& p, auto& t) { return h.Get<bool>(o, p) == (t == "True"); }},
+    {"UInt8", [](Host& h, REALobject o, auto& p, auto& t) { return h.Get<uint8_t>(o, p) == std::stoi(t); }},
+    {"Single", [](Host& h, REALobject o, auto& p, auto& t) { return h.Get<float>(o, p) == std::stof(t); }},
+    {"Double", [](Host& h, REALobject o, auto& p, auto& t) { return h.Get<double>(o, p) == std::stod(t); }},
+};
+
+// An object property's default is nil or an object of the named class.
+bool ObjectDefault(Host& host, REALobject object, const std::string& property, const std::string& text) {
+  REALobject value = host.Get<REALobject>(object, property);
+  const bool matches = text == "nil" ? value == nullptr : value && host.IsA(value, text);
+  if (value) host.Unlock(value);
+  return matches;
+}
+
+class ClassReferenceTest : public rawfx::test::HostTest {};
+
+TEST_F(ClassReferenceTest, TablesMatchWhatEachClassRegistersAndANewObjectReads) {
+  auto doc = ReadTables(RAWFX_CLASSES_DOC);
+  std::set<Row> classes;
+  for (const Row& row : doc["Class"][""]) classes.insert({row.at(0), row.at(1), row.at(2)});
+  ASSERT_EQ(host.registeredRecords().size(), 4u);
+  for (const REALclassDefinition* record : host.registeredRecords()) {
+    const std::string name = record->name;
+    SCOPED_TRACE(name);
+    EXPECT_TRUE(classes.count({name, record->superName, record->interfaces})) << "class table";
+    std::map<std::string, std::string> types, documentedTypes;
+    Texts declarations, documentedDeclarations, enumValues, documentedEnumValues;
+    std::map<std::string, int64_t> enumByName;  // "INTERLACE_ODD" -> 1
+    for (int64_t i = 0; i < record->propertyCount; ++i) types[record->properties[i].name] = record->properties[i].type;
+    for (int64_t i = 0; i < record->methodCount; ++i) declarations.insert(record->methods[i].declaration);
+    for (int64_t e = 0; e < record->enumCount; ++e)
+      for (int64_t v = 0; v < record->enums[e].valueCount; ++v) {
+        const std::string value = record->enums[e].values[v];
+        enumValues.insert(value);
+        enumByName[value.substr(0, value.find(" = "))] = std::stoll(value.substr(value.find(" = ") + 3));
+      }
+    for (const Row& row : doc["Property"][name]) documentedTypes[row.at(0)] = row.at(1);
+    for (const Row& row : doc["Method"][name]) documentedDeclarations.insert(row.at(0));
+    for (const Row& row : doc["Enum value"][name]) documentedEnumValues.insert(row.at(0));
+    EXPECT_EQ(documentedTypes, types);
+    EXPECT_EQ(documentedDeclarations, declarations);
+    EXPECT_EQ(documentedEnumValues, enumValues);
+
+    REALobject object = host.New(name);
+    ASSERT_NE(object, nullptr);
+    for (const Row& row : doc["Property"][name]) {
+      const std::string &property = row.at(0), &type = row.at(1), &text = row.at(2);
+      if (types[property] != type) continue;  // reported above
+      const bool matches = enumByName.count(text)         ? host.Get<int64_t>(object, property) == enumByName[text]
+                           : kScalarDefaults.count(type) ? kScalarDefaults.at(type)(host, object, property, text)
+                                                         : ObjectDefault(host, object, property, text);
+      EXPECT_TRUE(matches) << property << " of a new object does not read as the documented default `" << text << "`";
+    }
+    host.Unlock(object);
+  }
+  EXPECT_EQ(classes.size(), 4u) << "class table rows";
+}
+
+}  // namespace
