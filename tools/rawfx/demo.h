@@ -15,6 +15,7 @@ struct DemoOptions {
   int width = 384;  // of the sample; its height is 3/4 of this
   int threads = 0;
   bool quiet = false;
+  std::string input;  // a picture of the user's, shown beside the built-in ones
 };
 
 // ToolError when a file cannot be written or an effect fails; effects whose class

@@ -1,0 +1,20 @@
+// Where the tool finds its effects module: --module PATH, else $RAWFX_MODULE,
+// else beside its own executable, where `make install` puts it
+// (<prefix>/bin/rawfx and <prefix>/lib/rawfx/rawfx.so) or where the build leaves
+// it (build/tools/rawfx/rawfx and build/rawfx.so).
+#pragma once
+
+#include <string>
+
+#include "host/host.h"
+
+namespace rawfx::tool {
+
+// The module to load; ToolError with status kExitInstallation when none is found.
+std::string FindModule(const std::string& option);
+
+// A host with the module (FindModule's answer) loaded once, from its own file, with
+// no copy anywhere; ToolError with status kExitInstallation when it cannot be loaded.
+std::unique_ptr<host::Host> LoadHost(const std::string& modulePath, int threads);
+
+}  // namespace rawfx::tool
