@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 # machine is shared and small, and short runs of two threads vary the most.
 BENCH_ARGS ?= --benchmark_min_time=1 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
-.PHONY: all bootstrap configure build test demo bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
+.PHONY: all bootstrap configure build test demo install tool bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -24,8 +24,17 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-demo: build
+# Only the tool and the module it loads: no tests.
+tool: configure
+	cmake --build $(BUILD) -j $(JOBS) --target rawfx_cli
+
+demo: tool
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
+
+# PREFIX/bin/rawfx and PREFIX/lib/rawfx/rawfx.so; the tool finds the module beside it.
+PREFIX ?= /usr/local
+install: tool
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 # Throughput of every effect through the host and of the reference kernels,
 # written to $(BUILD)/bench.json.

@@ -211,35 +211,41 @@ TEST(ToolOutputReplacement, KeepsTheModeRefusesAProtectedFileAndWritesThroughALi
   EXPECT_EQ(fs::directory_iterator(scratch / "real")->path().filename(), "target.png") << "no leftover";
 }
 
-TEST(ToolDemo, WritesEveryResultAContactSheetAndAPage) {
+TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPage) {
   ScratchDir scratch;
   const std::string directory = scratch / "demo";
-  const ToolResult run = RunTool({"demo", "--out", directory, "--size", "96"}, scratch);
+  SaveImage(test::NoiseImage(500, 100, Layout::RGBA, 16), scratch / "mine.png");  // halved to fit 2 x --size
+  const ToolResult run = RunTool({"demo", "--out", directory, "--size", "96", "--input", scratch / "mine.png"}, scratch);
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("wrote 12 results"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("wrote 24 results"), std::string::npos) << run.out;
   const std::string page = test::ReadText(directory + "/index.html");
-  // The page shows every picture (the sample, its mask and the 12 results) and the command that made each.
+  // The page shows every picture (each source, its mask and 12 results), opening it full size, with the
+  // command that made it.
   int pictures = 0;
   for (const auto& entry : std::filesystem::directory_iterator(directory)) {
     const std::string name = entry.path().filename();
     if (name == "index.html" || name == "contact-sheet.png") continue;
     const Image image = ReadImage(entry.path()).image;
-    EXPECT_EQ(std::make_pair(image.width, image.height), std::make_pair(int64_t{96}, int64_t{72})) << name;
-    EXPECT_NE(page.find("<img src=\"" + name + "\""), std::string::npos) << name;
+    const auto size = name.rfind("photo", 0) == 0 ? std::pair<int64_t, int64_t>{166, 33} : std::pair<int64_t, int64_t>{96, 72};
+    EXPECT_EQ(std::make_pair(image.width, image.height), size) << name;
+    EXPECT_NE(page.find("<a href=\"" + name + "\"><img src=\"" + name + "\""), std::string::npos) << name;
     ++pictures;
   }
-  EXPECT_EQ(pictures, 14);
+  EXPECT_EQ(pictures, 28);
   EXPECT_NE(page.find("rawfx oilpaint --brush 4 --mask mask.png sample.png oilpaint-masked.png"), std::string::npos);
+  EXPECT_NE(page.find("rawfx polar --to-rect photo-polar.png photo-polar-round-trip.png"), std::string::npos);
+  EXPECT_NE(page.find("Your picture: mine.png"), std::string::npos);
+  EXPECT_NE(page.find("<meta name=\"viewport\" content=\"width=device-width"), std::string::npos);
   const Image sheet = ReadImage(directory + "/contact-sheet.png").image;
   EXPECT_EQ(sheet.width, 8 + 4 * (96 + 8));
-  EXPECT_EQ(sheet.height, 8 + 4 * (72 + 8));  // the sample and 12 results, four to a row
+  EXPECT_EQ(sheet.height, 8 + 4 * (72 + 8));  // the chart and its 12 results, four to a row
   // The mask lets the effect through in the centre and keeps the source in the corners.
   const Image mask = ReadImage(directory + "/mask.png").image;
   ASSERT_EQ(mask.layout, Layout::Gray);
   EXPECT_EQ(mask.sample(36 * 96 + 48), 0u);
   EXPECT_EQ(mask.sample(0), 255u);
 
-  // The sample is made in code: the same bytes on every run.
+  // The chart is made in code: the same bytes on every run.
   const ToolResult again = RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch);
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_EQ(again.out, "");

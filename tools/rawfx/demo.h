@@ -1,6 +1,7 @@
-// rawfx demo: every effect with several telling settings on the built-in sample,
-// each result as a PNG, a contact sheet of them all and an index.html that shows
-// every result with the command that made it.
+// rawfx demo: every effect with several telling settings on the built-in test
+// chart and on a photograph (the user's --input, else a packaged one when
+// installed), each result as a PNG, a contact sheet of the chart's results and an
+// index.html that shows every result with the command that made it.
 #pragma once
 
 #include <ostream>
