@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -31,20 +32,24 @@ const CLI::Validator kColourCheck(
     },
     "COLOUR");
 
-// Like CLI::Range, but a NaN is refused too (every comparison with it is false).
-CLI::Validator FiniteRange(double min, double max) {
+// A number in [min, max], a whole one for whole options; the message says which
+// rule the text broke. A NaN is refused (every comparison with it is false).
+CLI::Validator NumberIn(double min, double max, bool whole) {
   std::ostringstream range;
   range << "[" << min << " - " << max << "]";
   return CLI::Validator(
-      [min, max, bounds = range.str()](std::string& text) -> std::string {
+      [min, max, whole, bounds = range.str()](std::string& text) -> std::string {
         char* end = nullptr;
         const double value = std::strtod(text.c_str(), &end);
-        if (text.empty() || *end != '\0') return "'" + text + "' is not a number";
+        if (text.empty() || *end != '\0') return "'" + text + "' is not " + (whole ? "a whole number" : "a number");
+        if (whole && value != std::floor(value)) return text + " is not a whole number";
         if (!(value >= min && value <= max)) return text + " is outside " + bounds;
         return {};
       },
-      "FLOAT in " + range.str());
+      (whole ? "INT in " : "FLOAT in ") + range.str());
 }
+CLI::Validator FiniteRange(double min, double max) { return NumberIn(min, max, false); }
+CLI::Validator WholeRange(double min, double max) { return NumberIn(min, max, true); }
 
 void AddInterlaceOptions(CLI::App& app, InterlaceSettings& s) {
   const std::vector<std::string> types(std::begin(kInterlaceTypes), std::end(kInterlaceTypes));
@@ -87,7 +92,7 @@ void AddBarrelOptions(CLI::App& app, BarrelSettings& s) {
 
 void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
   app.add_option("--brush", s.brush, "Brush size: the square brush reaches this many pixels out")
-      ->check(CLI::Range(kBrushMin, kBrushMax))
+      ->check(WholeRange(kBrushMin, kBrushMax))
       ->capture_default_str();
   app.add_option("--smoothness", s.smoothness, "Smoothness: fewer intensity levels at lower values")
       ->check(FiniteRange(kSmoothnessMin, kSmoothnessMax))
@@ -110,7 +115,7 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   }
   app.add_flag("--async", c.async, "Run with ApplyAsync and wait for its completion (polar and barrel)")->group(group);
   app.add_option("--threads", c.threads, "Engine workers; 0: one per core")
-      ->check(CLI::Range(0, 256))
+      ->check(WholeRange(0, 256))
       ->capture_default_str()
       ->group(group);
   app.add_option("--depth", c.depth, "Convert the working bitmap to 8 or 16 bits per channel")
@@ -123,11 +128,11 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
       ->group(group);
   app.add_flag("-f,--force", c.force, "Replace an output file even when it is write-protected")->group(group);
   app.add_option("--quality", c.jpegQuality, "JPEG output quality")
-      ->check(CLI::Range(1, 100))
+      ->check(WholeRange(1, 100))
       ->capture_default_str()
       ->group(group);
   app.add_option("--max-pixels", c.maxPixels, "Refuse images with more pixels than this")
-      ->check(CLI::PositiveNumber)
+      ->check(WholeRange(1, 1e15))
       ->capture_default_str()
       ->group(group);
   app.add_flag("-q,--quiet", c.quiet, "No progress bar and no notes")->group(group);
@@ -253,9 +258,9 @@ int RunCommandLine(int argc, char** argv) {
       "demo", "Run every effect on a built-in sample image; write PNGs, a contact sheet and index.html");
   demoApp->add_option("--out", demo.directory, "Directory to write into (created if missing)")->capture_default_str();
   demoApp->add_option("--size", demo.width, "Width of the sample image (the height is 3/4 of it)")
-      ->check(CLI::Range(64, 2048))
+      ->check(WholeRange(64, 2048))
       ->capture_default_str();
-  demoApp->add_option("--threads", demo.threads, "Engine workers; 0: one per core")->check(CLI::Range(0, 256));
+  demoApp->add_option("--threads", demo.threads, "Engine workers; 0: one per core")->check(WholeRange(0, 256));
   demoApp->add_option("--input", demo.input, "Also run the gallery on this picture of yours (PNG, JPEG or TIFF)");
   demoApp->add_flag("-q,--quiet", demo.quiet, "Print nothing but errors");
   AddModuleOption(*demoApp, modulePath);
@@ -265,7 +270,7 @@ int RunCommandLine(int argc, char** argv) {
   CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha and the bitmap format a file loads as");
   infoApp->add_option("INPUT", infoPath, "Image to describe")->required();
   infoApp->add_option("--max-pixels", infoMaxPixels, "Refuse images with more pixels than this")
-      ->check(CLI::PositiveNumber);
+      ->check(WholeRange(1, 1e15));
 
   if (argc <= 1) {
     std::cerr << root.help();

@@ -97,13 +97,22 @@ void ProgressBar::endPhaseLocked() {
   phase_.clear();
 }
 
-void ProgressBar::finish() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  endPhaseLocked();
+void ProgressBar::clearLocked() {
   if (!drawn_) return;
   std::fprintf(out_, "\r\033[K");
   std::fflush(out_);
   drawn_ = false;
+}
+
+void ProgressBar::clearLine() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  clearLocked();
+}
+
+void ProgressBar::finish() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  endPhaseLocked();
+  clearLocked();
 }
 
 std::vector<std::pair<std::string, double>> ProgressBar::timings() const {

@@ -25,10 +25,13 @@ class ProgressBar {
 
   // Starts a phase of total rows (0 when not known yet), ending the one before.
   void phase(std::string name, int64_t total);
-  // Rows done in the current phase: n more, or done in all. Safe to call from any
-  // thread; redraws at most every 100 ms, and always on reaching the total.
+  // Rows done in the current phase: n more, or done of total in all (for the engine's
+  // observer, and for readers and writers that learn the total as they go). Safe to
+  // call from any thread; redraws at most every 100 ms, and always on reaching the total.
   void advance(int64_t n = 1);
   void update(int64_t done, int64_t total);
+  // Clears the line so that a message can be printed; the next drawing brings it back.
+  void clearLine();
   // Ends the last phase and clears the line.
   void finish();
 
@@ -40,6 +43,7 @@ class ProgressBar {
 
  private:
   void drawLocked(bool force);
+  void clearLocked();
   void endPhaseLocked();
 
   bool enabled_;

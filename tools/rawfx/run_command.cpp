@@ -76,15 +76,31 @@ std::optional<ColourOption> BackColour(const EffectCommand& command) {
   return colour;
 }
 
-void Note(std::ostream& log, const CommonOptions& common, const std::string& text) {
-  if (!common.quiet) log << "rawfx: note: " << text << '\n';
+// A line for the user, on a line of its own even while the progress bar shows.
+void Say(std::ostream& log, ProgressBar& progress, const std::string& line) {
+  progress.clearLine();
+  log << "rawfx: " << line << '\n' << std::flush;
 }
 
-void ReportStart(std::ostream& log, const EffectCommand& command, const Image& working, const host::Host& host) {
+void Note(std::ostream& log, ProgressBar& progress, const CommonOptions& common, const std::string& text) {
+  if (!common.quiet) Say(log, progress, "note: " + text);
+}
+
+EffectJob MakeJob(const EffectCommand& command, const std::optional<Image>& mask) {
+  EffectJob job;
+  job.effect = command.effect;
+  job.properties = command.properties();
+  job.backColour = BackColour(command);
+  job.mask = mask ? &*mask : nullptr;
+  job.inPlace = command.interlace.inPlace;
+  job.async = command.common.async;
+  return job;
+}
+
+std::string StartLine(const EffectCommand& command, const Image& working, const host::Host& host) {
   const BitmapPlan plan = PlanBitmap(working.layout);
-  log << "rawfx: " << command.effect->title << ": " << command.input << ", " << Describe(working)
-      << ", bitmap format " << plan.format->name << ", " << Threads(host.threads()) << '\n'
-      << std::flush;
+  return std::string(command.effect->title) + ": " + command.input + ", " + Describe(working) + ", bitmap format " +
+         plan.format->name + ", " + Threads(host.threads());
 }
 
 void ReportEnd(std::ostream& log, const EffectCommand& command, const Image& working, const RunReport& report,
@@ -135,32 +151,26 @@ void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostre
     PendingFile output(command.output, common.force);
     ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), progressLabel);
 
-    if (common.verbose) log << "rawfx: reading " << command.input << '\n' << std::flush;
+    if (common.verbose) Say(log, progress, "reading " + command.input);
     progress.phase("reading", 0);
     const Image input = Load(command.input, common.maxPixels);
     const std::optional<Image> mask = LoadMask(command, input);
     const Image working = WorkingImage(input, common);
     host.SetThreads(common.threads);
     if (common.async && !command.effect->async) {
-      Note(log, common, std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
+      Note(log, progress, common,
+           std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
     }
-    EffectJob job;
-    job.effect = command.effect;
-    job.properties = command.properties();
-    job.backColour = BackColour(command);
-    job.mask = mask ? &*mask : nullptr;
-    job.inPlace = command.interlace.inPlace;
-    job.async = common.async;
 
-    if (common.verbose) ReportStart(log, command, working, host);
+    if (common.verbose) Say(log, progress, StartLine(command, working, host));
     progress.phase(std::string(command.effect->title), working.height);
     RunReport report;
-    const Image result = RunEffect(host, job, working, progress, &report);
+    const Image result = RunEffect(host, MakeJob(command, mask), working, progress, &report);
 
-    if (common.verbose) log << "rawfx: writing " << command.output << '\n' << std::flush;
+    if (common.verbose) Say(log, progress, "writing " + command.output);
     progress.phase("writing", 0);
     const Fitted fitted = FitForFileType(result, outputType);
-    if (!fitted.note.empty()) Note(log, common, command.output + ": " + fitted.note);
+    if (!fitted.note.empty()) Note(log, progress, common, command.output + ": " + fitted.note);
     WriteImage(fitted.image, output.temporaryPath(), outputType, WriteOptions{common.jpegQuality}, command.output);
     output.commit();
     progress.finish();
