@@ -220,6 +220,35 @@ int ReportParseError(const CLI::App& root, const CLI::ParseError& error, const s
   return kExitBadInput;
 }
 
+CLI::App* AddDemoCommand(CLI::App& root, DemoOptions& demo, std::string& modulePath) {
+  CLI::App* app = root.add_subcommand(
+      "demo", "Run every effect on a built-in test chart and a photograph; write PNGs, a contact sheet and index.html");
+  app->add_option("--out", demo.directory, "Directory to write into (created if missing)")->capture_default_str();
+  app->add_option("--size", demo.width, "Width of the test chart (the height is 3/4 of it)")
+      ->check(WholeRange(64, 2048))
+      ->capture_default_str();
+  app->add_option("--threads", demo.threads, "Engine workers; 0: one per core")
+      ->check(WholeRange(0, 256))
+      ->capture_default_str();
+  app->add_option("--input", demo.input,
+                  "Your picture (PNG, JPEG or TIFF) to run the gallery on, beside the chart (default: a packaged "
+                  "photograph when python3-skimage is installed)");
+  app->add_flag("-q,--quiet", demo.quiet, "Print nothing but errors");
+  AddModuleOption(*app, modulePath);
+  return app;
+}
+
+// The module is loaded once, whatever the number of files.
+int RunParsedEffectCommand(EffectCommand& command, const std::string& modulePath) {
+  AssignFiles(command);
+  const std::string module = FindModule(modulePath);
+  if (command.common.verbose) std::cerr << "rawfx: module " << module << '\n';
+  const std::unique_ptr<host::Host> host = LoadHost(module, command.common.threads);
+  if (!command.batch.outDir.empty()) return RunBatchCommand(*host, command, std::cerr);
+  RunEffectCommand(*host, command, std::cerr);
+  return 0;
+}
+
 }  // namespace
 
 EffectCommand ParseEffectWords(const std::vector<std::string>& words) {
@@ -254,17 +283,7 @@ int RunCommandLine(int argc, char** argv) {
   }
 
   DemoOptions demo;
-  CLI::App* demoApp = root.add_subcommand(
-      "demo", "Run every effect on a built-in sample image; write PNGs, a contact sheet and index.html");
-  demoApp->add_option("--out", demo.directory, "Directory to write into (created if missing)")->capture_default_str();
-  demoApp->add_option("--size", demo.width, "Width of the sample image (the height is 3/4 of it)")
-      ->check(WholeRange(64, 2048))
-      ->capture_default_str();
-  demoApp->add_option("--threads", demo.threads, "Engine workers; 0: one per core")->check(WholeRange(0, 256));
-  demoApp->add_option("--input", demo.input, "Also run the gallery on this picture of yours (PNG, JPEG or TIFF)");
-  demoApp->add_flag("-q,--quiet", demo.quiet, "Print nothing but errors");
-  AddModuleOption(*demoApp, modulePath);
-
+  CLI::App* demoApp = AddDemoCommand(root, demo, modulePath);
   std::string infoPath;
   uint64_t infoMaxPixels = kDefaultMaxPixels;
   CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha and the bitmap format a file loads as");
@@ -296,14 +315,7 @@ int RunCommandLine(int argc, char** argv) {
       RunDemo(*LoadHost(FindModule(modulePath), demo.threads), demo, std::cout);
     } else {
       for (size_t i = 0; i < effectApps.size(); ++i) {
-        if (!effectApps[i]->parsed()) continue;
-        EffectCommand& command = commands[i];
-        AssignFiles(command);
-        const std::string module = FindModule(modulePath);
-        if (command.common.verbose) std::cerr << "rawfx: module " << module << '\n';
-        const std::unique_ptr<host::Host> host = LoadHost(module, command.common.threads);
-        if (!command.batch.outDir.empty()) return RunBatchCommand(*host, command, std::cerr);
-        RunEffectCommand(*host, command, std::cerr);
+        if (effectApps[i]->parsed()) return RunParsedEffectCommand(commands[i], modulePath);
       }
     }
   } catch (const ToolError& error) {

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <system_error>
 
 #include "tools/rawfx/tool_error.h"
 
@@ -21,6 +22,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kHowToFix =
     "reinstall rawfx, or name the module with --module PATH or the RAWFX_MODULE environment variable";
+
+ToolError InstallationError(const std::string& reason) {
+  return ToolError(kExitInstallation, "installation error: " + reason + "; " + kHowToFix);
+}
 
 fs::path ExecutableDirectory() {
   std::error_code error;
@@ -40,8 +45,7 @@ std::string FindModule(const std::string& option) {
     if (access(candidate.c_str(), R_OK) == 0) return candidate.string();
     looked += (looked.empty() ? "" : " and ") + candidate.string();
   }
-  throw ToolError(kExitInstallation, "installation error: the effects module is missing (looked for " + looked +
-                                         "); " + kHowToFix);
+  throw InstallationError("the effects module is missing (looked for " + looked + ")");
 }
 
 std::unique_ptr<host::Host> LoadHost(const std::string& modulePath, int threads) {
@@ -52,7 +56,9 @@ std::unique_ptr<host::Host> LoadHost(const std::string& modulePath, int threads)
   try {
     return std::make_unique<host::Host>(options);
   } catch (const host::HostError& error) {
-    throw ToolError(kExitInstallation, std::string("installation error: ") + error.what() + "; " + kHowToFix);
+    throw InstallationError(error.what());
+  } catch (const std::system_error& error) {  // a thread or a file the host could not have
+    throw InstallationError(error.what());
   }
 }
 
