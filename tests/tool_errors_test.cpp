@@ -109,7 +109,7 @@ TEST(ToolErrors, EveryFailureIsOneLineWithItsStatusAndLeavesNoFile) {
 TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
   ScratchDir scratch;
   const std::string big = scratch / "big.png", paint = scratch / "paint.png", out = scratch / "out.png";
-  SaveImage(test::NoiseImage(1600, 1200, Layout::RGBA, 16), big);  // slow to read and to write
+  SaveImage(test::NoiseImage(1200, 900, Layout::RGBA, 16), big);  // slow to read and to write
   SaveImage(SampleImage(1200, 900), paint);                         // slow to oil-paint on one thread
   test::WriteBytes(out, "old");
   const std::set<std::string> before = scratch.names();

@@ -64,11 +64,13 @@ TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
             "oil paint [######..................]  25%  60/240 rows  1.2 s");
   EXPECT_EQ(ProgressBar::Render("x", 240, 240, 0), "x [########################] 100%  240/240 rows  0.0 s");
   EXPECT_EQ(ProgressBar::Render("reading", 5, 0, 0), "reading  0.0 s");  // rows not known yet
-  // A narrow terminal: the bar shrinks, then goes, then the label loses its start.
+  // A narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a short one its start.
   EXPECT_EQ(ProgressBar::Render("[2/3] b.png  polar", 1, 4, 0, 60),
             "[2/3] b.png  polar [####.............]  25%  1/4 rows  0.0 s");
   EXPECT_EQ(ProgressBar::Render("[2/3] b.png  polar", 1, 4, 0, 40), "[2/3] b.png  polar  25%  1/4 rows  0.0 s");
   EXPECT_EQ(ProgressBar::Render("[2/3] b.png  polar", 1, 4, 0, 30), "g  polar  25%  1/4 rows  0.0 s");
+  EXPECT_EQ(ProgressBar::Render("[12/20] holiday-photo-0042.png  oil paint", 1, 4, 0, 50),
+            "[12/20] holi...ng  oil paint  25%  1/4 rows  0.0 s");
   std::FILE* sink = std::tmpfile();
   ProgressBar(false, "x", sink).update(1, 2);
   EXPECT_EQ(std::ftell(sink), 0);

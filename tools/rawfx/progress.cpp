@@ -32,8 +32,7 @@ ProgressBar::ProgressBar(bool enabled, std::string label, std::FILE* out)
 
 ProgressBar::~ProgressBar() { finish(); }
 
-// The label, then the bar when there is room for it, then the count; the label is
-// cut from its left end when even that is too long.
+// The label, then the bar when there is room for it, then the count.
 std::string ProgressBar::Render(const std::string& label, int64_t done, int64_t total, double seconds, int width) {
   const int64_t clamped = std::clamp<int64_t>(done, 0, std::max<int64_t>(total, 0));
   char tail[96];
@@ -52,7 +51,16 @@ std::string ProgressBar::Render(const std::string& label, int64_t done, int64_t 
           "]";
   }
   std::string line = label + bar + tail;
-  if (static_cast<int>(line.size()) > width) line.erase(0, line.size() - static_cast<size_t>(std::max(width, 0)));
+  const size_t fits = static_cast<size_t>(std::max(width, 0));
+  if (line.size() <= fits) return line;
+  // Too long even without the bar: the label loses its middle (the file's name
+  // goes before the counter and the phase), then, if need be, its start.
+  const size_t over = line.size() - fits + 3;
+  if (label.size() >= over + 8) {
+    const size_t keep = (label.size() - over) / 2;
+    line = label.substr(0, keep) + "..." + label.substr(label.size() - (label.size() - over - keep)) + tail;
+  }
+  if (line.size() > fits) line.erase(0, line.size() - fits);
   return line;
 }
 
