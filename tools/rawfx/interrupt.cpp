@@ -47,10 +47,11 @@ void WriteError(const char* text) {
   _exit(128 + gSignal.load());
 }
 
+// A second signal does not wait for the engine either.
 void OnSignal(int number) {
   int expected = 0;
-  gSignal.compare_exchange_strong(expected, number);
-  if (!gEngineCancels.load()) EndNow();
+  const bool first = gSignal.compare_exchange_strong(expected, number);
+  if (!first || !gEngineCancels.load()) EndNow();
   alarm(1);
 }
 
