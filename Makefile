@@ -28,7 +28,10 @@ test: build
 tool: configure
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_cli
 
+# The photograph beside the test chart comes from a Debian package, downloaded but
+# not installed (scripts/fetch-demo-photo); without it the demo shows the chart.
 demo: tool
+	@scripts/fetch-demo-photo $(BUILD)/share/rawfx
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
 
 # PREFIX/bin/rawfx and PREFIX/lib/rawfx/rawfx.so; the tool finds the module beside it.

@@ -6,11 +6,13 @@
 #include <iomanip>
 #include <optional>
 #include <sstream>
+#include <tuple>
 #include <vector>
 
 #include "tools/rawfx/cli.h"
 #include "tools/rawfx/effect_runner.h"
 #include "tools/rawfx/image_convert.h"
+#include "tools/rawfx/module_path.h"
 #include "tools/rawfx/sample_image.h"
 #include "tools/rawfx/tool_error.h"
 
@@ -72,13 +74,35 @@ struct DemoSource {
   }
 };
 
-// Public-domain and CC0 photographs that python3-skimage installs, first found first.
-constexpr const char* kPackagedPhotos[] = {
-    "/usr/lib/python3/dist-packages/skimage/data/chelsea.png",
-    "/usr/lib/python3/dist-packages/skimage/data/coffee.png",
+// CC0 photographs from scikit-image's sample data, in the Debian package
+// python3-skimage: installed with it, or the one `make demo` takes from it
+// (scripts/fetch-demo-photo) into the tool's data directory.
+struct PackagedPhoto {
+  const char* file;
+  const char* credit;
 };
-constexpr const char* kPackagedCredit =
-    "A photograph from the Debian package python3-skimage (scikit-image's sample data, CC0 or public domain).";
+constexpr PackagedPhoto kPackagedPhotos[] = {
+    {"chelsea.png", "Chelsea the cat, CC0 by Stefan van der Walt"},
+    {"coffee.png", "A cup of coffee, CC0 by Rachel Michetti"},
+};
+constexpr const char* kSkimageData = "/usr/lib/python3/dist-packages/skimage/data";
+
+// The first packaged photograph found, with its credit line for the page.
+std::optional<std::pair<std::string, std::string>> FindPackagedPhoto() {
+  std::vector<std::filesystem::path> directories = DataDirectories();
+  directories.emplace_back(kSkimageData);
+  for (const std::filesystem::path& directory : directories) {
+    for (const PackagedPhoto& photo : kPackagedPhotos) {
+      const std::filesystem::path path = directory / photo.file;
+      std::error_code ignored;
+      if (std::filesystem::exists(path, ignored)) {
+        return std::pair{path.string(), std::string(photo.credit) +
+                                            ", from scikit-image's sample data (Debian package python3-skimage)."};
+      }
+    }
+  }
+  return std::nullopt;
+}
 
 // 8-bit RGB, made smaller by whole factors until it is at most maxWidth wide
 // (each pixel the mean of the block it stands for), so every effect runs in moments.
@@ -101,30 +125,6 @@ Image PreparePhoto(const Image& picture, int64_t maxWidth) {
   return small;
 }
 
-// The user's picture when given, else a packaged photograph if one is installed.
-std::optional<DemoSource> PhotoSource(const DemoOptions& options) {
-  std::string path = options.input, credit;
-  if (path.empty()) {
-    for (const char* packaged : kPackagedPhotos) {
-      if (std::filesystem::exists(packaged)) {
-        path = packaged;
-        credit = kPackagedCredit;
-        break;
-      }
-    }
-    if (path.empty()) return std::nullopt;
-  }
-  Image picture;
-  try {
-    picture = ReadImage(path).image;
-  } catch (const ImageError& error) {
-    throw ToolError(kExitBadInput, error.what());
-  }
-  const std::string name = std::filesystem::path(path).filename().string();
-  return DemoSource{options.input.empty() ? "A photograph: " + name : "Your picture: " + name, credit,
-                    PreparePhoto(picture, 2 * int64_t{options.width}), true};
-}
-
 std::string Escape(const std::string& text) {
   std::string escaped;
   for (const char c : text) {
@@ -137,6 +137,25 @@ std::string Escape(const std::string& text) {
     }
   }
   return escaped;
+}
+
+// The user's picture when given, else a packaged photograph if one is found.
+std::optional<DemoSource> PhotoSource(const DemoOptions& options) {
+  std::string path = options.input, credit;
+  if (path.empty()) {
+    const auto packaged = FindPackagedPhoto();
+    if (!packaged) return std::nullopt;
+    std::tie(path, credit) = *packaged;
+  }
+  Image picture;
+  try {
+    picture = ReadImage(path).image;
+  } catch (const ImageError& error) {
+    throw ToolError(kExitBadInput, error.what());
+  }
+  const std::string name = std::filesystem::path(path).filename().string();
+  return DemoSource{options.input.empty() ? "A photograph: " + name : "Your picture: " + name, Escape(credit),
+                    PreparePhoto(picture, 2 * int64_t{options.width}), true};
 }
 
 // The command as a person would type it in the demo directory.

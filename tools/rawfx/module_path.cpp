@@ -11,6 +11,9 @@
 #ifndef RAWFX_MODULE_FROM_BIN
 #error "RAWFX_MODULE_FROM_BIN: the installed module's path relative to the installed tool"
 #endif
+#if !defined(RAWFX_DATA_FROM_BIN) || !defined(RAWFX_DATA_FROM_BUILD)
+#error "RAWFX_DATA_FROM_BIN, RAWFX_DATA_FROM_BUILD: the data directory relative to the installed and the built tool"
+#endif
 #ifndef RAWFX_MODULE_FROM_BUILD
 #error "RAWFX_MODULE_FROM_BUILD: the built module's path relative to the built tool"
 #endif
@@ -27,13 +30,18 @@ ToolError InstallationError(const std::string& reason) {
   return ToolError(kExitInstallation, "installation error: " + reason + "; " + kHowToFix);
 }
 
+}  // namespace
+
 fs::path ExecutableDirectory() {
   std::error_code error;
   const fs::path self = fs::read_symlink("/proc/self/exe", error);
   return error ? fs::path() : self.parent_path();
 }
 
-}  // namespace
+std::vector<fs::path> DataDirectories() {
+  const fs::path directory = ExecutableDirectory();
+  return {(directory / RAWFX_DATA_FROM_BIN).lexically_normal(), (directory / RAWFX_DATA_FROM_BUILD).lexically_normal()};
+}
 
 std::string FindModule(const std::string& option) {
   if (!option.empty()) return option;

@@ -4,11 +4,19 @@
 // it (build/tools/rawfx/rawfx and build/rawfx.so).
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "host/host.h"
 
 namespace rawfx::tool {
+
+// The directory of the running executable; empty when the system cannot tell.
+std::filesystem::path ExecutableDirectory();
+
+// The directories where the tool's data files are: installed, <prefix>/share/rawfx
+// beside <prefix>/bin; in the build tree, build/share/rawfx.
+std::vector<std::filesystem::path> DataDirectories();
 
 // The module to load; ToolError with status kExitInstallation when none is found.
 std::string FindModule(const std::string& option);
