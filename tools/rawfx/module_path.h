@@ -1,7 +1,7 @@
 // Where the tool finds its effects module: --module PATH, else $RAWFX_MODULE,
 // else beside its own executable, where `make install` puts it
 // (<prefix>/bin/rawfx and <prefix>/lib/rawfx/rawfx.so) or where the build leaves
-// it (build/tools/rawfx/rawfx and build/rawfx.so).
+// it (build/tools/rawfx/rawfx and build/rawfx.so); and its data files likewise.
 #pragma once
 
 #include <filesystem>
