@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 # machine is shared and small, and short runs of two threads vary the most.
 BENCH_ARGS ?= --benchmark_min_time=1 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
-.PHONY: all bootstrap configure build test demo bundle bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
+.PHONY: all bootstrap configure build test demo install tool bundle bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -24,7 +24,14 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-demo: build
+# Only the tool and the module it loads: no tests.
+tool: configure
+	cmake --build $(BUILD) -j $(JOBS) --target rawfx_cli
+
+# The photograph beside the test chart comes from a Debian package, downloaded but
+# not installed (scripts/fetch-demo-photo); without it the demo shows the chart.
+demo: tool
+	@scripts/fetch-demo-photo $(BUILD)/share/rawfx
 	$(BUILD)/tools/rawfx/rawfx demo --out $(BUILD)/demo
 
 # The plug-in for macOS x86-64, cross-built with clang and lld against the SDK
@@ -36,6 +43,11 @@ bundle:
 	    -DCMAKE_TOOLCHAIN_FILE=cmake/macos-x86_64.cmake -DRAWFX_MACOS_SDK="$$sdk"
 	cmake --build $(MACOS_BUILD) -j $(JOBS) --target rawfx
 	scripts/check-bundle $(MACOS_BUILD)/rawfx.bundle
+
+# PREFIX/bin/rawfx and PREFIX/lib/rawfx/rawfx.so; the tool finds the module beside it.
+PREFIX ?= /usr/local
+install: tool
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 # Throughput of every effect through the host and of the reference kernels,
 # written to $(BUILD)/bench.json.

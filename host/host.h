@@ -35,6 +35,11 @@ enum class SplitPolicy {
 
 struct HostOptions {
   std::string modulePath;                 // empty: the module built with this project
+  // By default each Host loads a private copy of the module from the temporary
+  // directory, so that every Host starts with fresh module globals (the tests make
+  // many). A program with one Host per process loads the file itself instead: no
+  // copy, and no need for a temporary directory it may execute from.
+  bool loadInPlace = false;
   double hostVersion = 2024.0;            // what "REALGetRBVersion" reports (NaN allowed)
   std::set<std::string> missingServices;  // host names the resolver answers null for
   int threads = 0;                        // engine workers; 0: the machine's cores

@@ -119,6 +119,12 @@ void* LoadPrivateCopy(const std::string& path) {
   return handle;
 }
 
+void* LoadInPlace(const std::string& path) {
+  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle) throw HostError(std::string("cannot load module ") + path + ": " + dlerror());
+  return handle;
+}
+
 }  // namespace
 
 int DefaultThreads() {
@@ -162,7 +168,7 @@ void Host::Impl::ClaimSlot() {
 
 void Host::Impl::LoadModule() {
   const std::string path = options.modulePath.empty() ? RAWFX_DEFAULT_MODULE : options.modulePath;
-  module = LoadPrivateCopy(path);
+  module = options.loadInPlace ? LoadInPlace(path) : LoadPrivateCopy(path);
   using PluginMain = void (*)(REALResolver);
   auto pluginMain = reinterpret_cast<PluginMain>(dlsym(module, "REALPluginMain"));
   if (!pluginMain) throw HostError("module " + path + " has no REALPluginMain");

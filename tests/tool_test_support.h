@@ -31,6 +31,7 @@ class ScratchDir {
     std::filesystem::remove_all(path_, ignored);
   }
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+  const std::filesystem::path& path() const { return path_; }
   std::set<std::string> names() const {
     std::set<std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(path_)) found.insert(entry.path().filename());
@@ -83,19 +84,32 @@ struct ToolResult {
   std::string out, err;
 };
 
+// How to start the tool: which executable, in which directory, with which
+// environment variables changed ("NAME=value" sets, "NAME" unsets).
+struct Launch {
+  std::string executable = RAWFX_TOOL_PATH;
+  std::string directory;  // empty: the test's own
+  std::vector<std::string> environment;
+};
+
 // The built tool started as a child process, its output going to files in scratch.
 class ToolProcess {
  public:
-  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch)
+  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch, Launch launch = {})
       : out_(scratch / ".tool-stdout"), err_(scratch / ".tool-stderr") {
     if ((pid_ = fork()) != 0) return;
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    std::vector<char*> argv = {const_cast<char*>(RAWFX_TOOL_PATH)};
+    for (std::string& variable : launch.environment) {
+      if (variable.find('=') == std::string::npos) unsetenv(variable.c_str());
+      else putenv(variable.data());
+    }
+    if (!launch.directory.empty() && chdir(launch.directory.c_str()) != 0) _exit(126);
+    std::vector<char*> argv = {launch.executable.data()};
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    execv(RAWFX_TOOL_PATH, argv.data());
+    execv(launch.executable.c_str(), argv.data());
     _exit(127);
   }
   pid_t pid() const { return pid_; }
@@ -115,8 +129,8 @@ class ToolProcess {
   std::string out_, err_;
 };
 
-inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch) {
-  return ToolProcess(arguments, scratch).wait();
+inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch, Launch launch = {}) {
+  return ToolProcess(arguments, scratch, std::move(launch)).wait();
 }
 
 }  // namespace rawfx::tool::test

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "tools/rawfx/colour_option.h"
 #include "tools/rawfx/demo.h"
 #include "tools/rawfx/interrupt.h"
+#include "tools/rawfx/module_path.h"
 #include "tools/rawfx/tool_error.h"
 
 namespace rawfx::tool {
@@ -19,7 +21,9 @@ namespace {
 constexpr const char* kVersion = "rawfx 1.0";
 constexpr const char* kExitStatusFooter =
     "Exit status: 0 done; 1 the effect refused the image or its settings; 2 bad usage, or a file that cannot be\n"
-    "read or written; 130 interrupted with Ctrl-C. Nothing is written unless the run completes.";
+    "read or written; 3 installation error (the effects module cannot be found or loaded); 128 + the signal when\n"
+    "SIGINT, SIGTERM or SIGHUP ended the run (130 for Ctrl-C). With --out-dir, the highest status of any file.\n"
+    "Nothing is written unless the run completes; an existing output keeps its mode, and a link is written through.";
 
 const CLI::Validator kColourCheck(
     [](std::string& text) {
@@ -28,21 +32,24 @@ const CLI::Validator kColourCheck(
     },
     "COLOUR");
 
-// Like CLI::Range, but a NaN is refused too (every comparison with it is false).
-CLI::Validator FiniteRange(double min, double max) {
+// A number in [min, max], a whole one for whole options; the message says which
+// rule the text broke. A NaN is refused (every comparison with it is false).
+CLI::Validator NumberIn(double min, double max, bool whole) {
   std::ostringstream range;
   range << "[" << min << " - " << max << "]";
   return CLI::Validator(
-      [min, max, bounds = range.str()](std::string& text) -> std::string {
+      [min, max, whole, bounds = range.str()](std::string& text) -> std::string {
         char* end = nullptr;
         const double value = std::strtod(text.c_str(), &end);
-        if (text.empty() || *end != '\0' || !(value >= min && value <= max)) {
-          return "Value " + text + " not in range " + bounds;
-        }
+        if (text.empty() || *end != '\0') return "'" + text + "' is not " + (whole ? "a whole number" : "a number");
+        if (whole && value != std::floor(value)) return text + " is not a whole number";
+        if (!(value >= min && value <= max)) return text + " is outside " + bounds;
         return {};
       },
-      "FLOAT in " + range.str());
+      (whole ? "INT in " : "FLOAT in ") + range.str());
 }
+CLI::Validator FiniteRange(double min, double max) { return NumberIn(min, max, false); }
+CLI::Validator WholeRange(double min, double max) { return NumberIn(min, max, true); }
 
 void AddInterlaceOptions(CLI::App& app, InterlaceSettings& s) {
   const std::vector<std::string> types(std::begin(kInterlaceTypes), std::end(kInterlaceTypes));
@@ -57,10 +64,17 @@ void AddInterlaceOptions(CLI::App& app, InterlaceSettings& s) {
   app.add_flag("--in-place", s.inPlace, "Change the working bitmap with ApplyInPlace instead of Apply");
 }
 
+// A setting with an option for each value, each saying what it does, the default marked.
+void AddSwitch(CLI::App& app, bool& setting, const char* on, const char* onHelp, const char* off, const char* offHelp) {
+  app.add_flag_function(on, [&setting](int64_t) { setting = true; }, onHelp);
+  app.add_flag_function(off, [&setting](int64_t) { setting = false; }, offHelp);
+}
+
 void AddPolarOptions(CLI::App& app, PolarSettings& s) {
-  app.add_flag("--to-polar,!--to-rect", s.toPolar,
-               "Rectangular to polar (the default), or --to-rect: polar to rectangular");
-  app.add_flag("--flip,!--no-flip", s.flip, "Angles run the other way round (FlipMapping, on by default)");
+  AddSwitch(app, s.toPolar, "--to-polar", "Rectangular to polar (RectangularToPolar true; the default)", "--to-rect",
+            "Polar to rectangular (RectangularToPolar false)");
+  AddSwitch(app, s.flip, "--flip", "Angles run the other way round (FlipMapping true; the default)", "--no-flip",
+            "Angles run the usual way round (FlipMapping false)");
 }
 
 void AddBarrelOptions(CLI::App& app, BarrelSettings& s) {
@@ -78,7 +92,7 @@ void AddBarrelOptions(CLI::App& app, BarrelSettings& s) {
 
 void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
   app.add_option("--brush", s.brush, "Brush size: the square brush reaches this many pixels out")
-      ->check(CLI::Range(kBrushMin, kBrushMax))
+      ->check(WholeRange(kBrushMin, kBrushMax))
       ->capture_default_str();
   app.add_option("--smoothness", s.smoothness, "Smoothness: fewer intensity levels at lower values")
       ->check(FiniteRange(kSmoothnessMin, kSmoothnessMax))
@@ -88,9 +102,9 @@ void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
 void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c) {
   const std::string group = "Common options";
   if (effect.backColour) {
-    app.add_option("--color", c.colour,
-                   "Background colour: #RRGGBB[AA], rgb(r,g,b[,a]) or cmyk(c,m,y,k[,a]), parts 0..255 or 0%..100% "
-                   "(default: the class's new colour object)")
+    app.add_option("--color,--colour", c.colour,
+                   "Background colour: a CSS name (red, transparent), #RGB[A], #RRGGBB[AA], rgb[a](r,g,b[,a]) or "
+                   "cmyk(c,m,y,k[,a]); parts 0..255 or 0%..100%, alpha 0..1 or 0%..100% (default: opaque black)")
         ->check(kColourCheck)
         ->group(group);
   }
@@ -101,7 +115,7 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   }
   app.add_flag("--async", c.async, "Run with ApplyAsync and wait for its completion (polar and barrel)")->group(group);
   app.add_option("--threads", c.threads, "Engine workers; 0: one per core")
-      ->check(CLI::Range(0, 256))
+      ->check(WholeRange(0, 256))
       ->capture_default_str()
       ->group(group);
   app.add_option("--depth", c.depth, "Convert the working bitmap to 8 or 16 bits per channel")
@@ -110,19 +124,39 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   app.add_option("--model", c.model, "Convert the working bitmap to rgb, cmyk or gray")
       ->check(CLI::IsMember({"rgb", "cmyk", "gray", "grey"}))
       ->group(group);
+  app.add_option("--format", c.format, "Type of the output: png, jpeg or tiff (default: the output name's extension)")
+      ->group(group);
+  app.add_flag("-f,--force", c.force, "Replace an output file even when it is write-protected")->group(group);
   app.add_option("--quality", c.jpegQuality, "JPEG output quality")
-      ->check(CLI::Range(1, 100))
+      ->check(WholeRange(1, 100))
       ->capture_default_str()
       ->group(group);
   app.add_option("--max-pixels", c.maxPixels, "Refuse images with more pixels than this")
-      ->check(CLI::PositiveNumber)
+      ->check(WholeRange(1, 1e15))
       ->capture_default_str()
       ->group(group);
   app.add_flag("-q,--quiet", c.quiet, "No progress bar and no notes")->group(group);
-  app.add_flag("-v,--verbose", c.verbose, "Report size, threads, time and megapixels per second")->group(group);
+  app.add_flag("-v,--verbose", c.verbose,
+               "Report size, threads, megapixels per second and the time of each phase (reading, effect, writing)")
+      ->group(group);
 }
 
-CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectCommand& command) {
+void AddBatchOptions(CLI::App& app, BatchOptions& b) {
+  const std::string group = "Many files";
+  app.add_option("--out-dir", b.outDir, "Write each result as DIR/<input's name>; then every FILE is an input")
+      ->group(group);
+  app.add_option("--suffix", b.suffix, "With --out-dir: add this to each name's stem (a.png -> a-polar.png for -polar)")
+      ->group(group);
+}
+
+// Where the effects module is; every command that runs effects takes it.
+void AddModuleOption(CLI::App& app, std::string& modulePath) {
+  app.add_option("--module", modulePath,
+                 "The effects module to load (default: $RAWFX_MODULE, else the one installed with this rawfx)")
+      ->group("Installation");
+}
+
+CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectCommand& command, std::string& modulePath) {
   command.effect = &effect;
   CLI::App* app = root.add_subcommand(std::string(effect.command), std::string(effect.summary));
   const std::string_view name = effect.command;
@@ -131,30 +165,88 @@ CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectComma
   if (name == "barrel") AddBarrelOptions(*app, command.barrel);
   if (name == "oilpaint") AddOilPaintOptions(*app, command.oilPaint);
   AddCommonOptions(*app, effect, command.common);
-  app->add_option("INPUT", command.input, "Image to read (PNG, JPEG or TIFF)")->required();
-  app->add_option("OUTPUT", command.output, "Image to write; .png, .jpg or .tif names the type")->required();
+  AddBatchOptions(*app, command.batch);
+  AddModuleOption(*app, modulePath);
+  app->add_option("FILES", command.files,
+                  "INPUT OUTPUT: the image to read (PNG, JPEG or TIFF) and the one to write (.png, .jpg or .tif "
+                  "names its type); or, with --out-dir, every image to read")
+      ->required();
   app->footer(kExitStatusFooter);
   return app;
 }
 
-// One line naming the command whose help explains the mistake.
-int ReportParseError(const CLI::App& root, const CLI::ParseError& error) {
-  std::string help = "rawfx --help";
-  for (const CLI::App* sub : root.get_subcommands()) help = "rawfx " + sub->get_name() + " --help";
-  std::string message = error.what();
+// One INPUT OUTPUT pair, or inputs only with --out-dir.
+void AssignFiles(EffectCommand& command) {
+  if (!command.batch.outDir.empty()) return;
+  if (!command.batch.suffix.empty()) throw ToolError(kExitBadInput, "--suffix needs --out-dir");
+  if (command.files.size() != 2) {
+    throw ToolError(kExitBadInput, "give one INPUT and one OUTPUT, or INPUT... with --out-dir DIR (got " +
+                                       std::to_string(command.files.size()) +
+                                       (command.files.size() == 1 ? " file)" : " files)"));
+  }
+  command.input = command.files[0];
+  command.output = command.files[1];
+}
+
+// A word on the command line that looks like an option the command does not
+// have; CLI11 reports it only among "arguments not expected".
+std::string UnknownOption(const CLI::App& app, const std::vector<std::string>& words) {
+  for (size_t i = 0; i < words.size(); ++i) {
+    const std::string& word = words[i];
+    if (word == "--") break;
+    char* end = nullptr;
+    std::strtod(word.c_str(), &end);
+    if (word.size() < 2 || word[0] != '-' || *end == '\0') continue;  // a file, "-" or a negative number
+    const std::string name = word.substr(0, word.find('='));
+    const CLI::Option* option = app.get_option_no_throw(name);
+    if (!option) return name;
+    if (name == word && option->get_type_size_min() > 0) ++i;  // its value
+  }
+  return {};
+}
+
+// One line naming the command whose help explains the mistake; an unknown option
+// is named as such, whatever else CLI11 found wrong first.
+int ReportParseError(const CLI::App& root, const CLI::ParseError& error, const std::vector<std::string>& words) {
+  std::string help = "rawfx --help", message = error.what();
+  for (const CLI::App* sub : root.get_subcommands()) {
+    help = "rawfx " + sub->get_name() + " --help";
+    if (const std::string unknown = UnknownOption(*sub, words); !unknown.empty()) {
+      message = "unknown option " + unknown + " for rawfx " + sub->get_name();
+    }
+  }
   std::replace(message.begin(), message.end(), '\n', ' ');
   std::cerr << "rawfx: " << message << " (see " << help << ")\n";
   return kExitBadInput;
 }
 
-std::unique_ptr<host::Host> MakeHost(int threads) {
-  try {
-    host::HostOptions options;
-    options.threads = threads;
-    return std::make_unique<host::Host>(options);
-  } catch (const std::exception& error) {
-    throw ToolError(kExitEffectRefused, std::string("cannot load the effects plug-in: ") + error.what());
-  }
+CLI::App* AddDemoCommand(CLI::App& root, DemoOptions& demo, std::string& modulePath) {
+  CLI::App* app = root.add_subcommand(
+      "demo", "Run every effect on a built-in test chart and a photograph; write PNGs, a contact sheet and index.html");
+  app->add_option("--out", demo.directory, "Directory to write into (created if missing)")->capture_default_str();
+  app->add_option("--size", demo.width, "Width of the test chart (the height is 3/4 of it)")
+      ->check(WholeRange(64, 2048))
+      ->capture_default_str();
+  app->add_option("--threads", demo.threads, "Engine workers; 0: one per core")
+      ->check(WholeRange(0, 256))
+      ->capture_default_str();
+  app->add_option("--input", demo.input,
+                  "Your picture (PNG, JPEG or TIFF) to run the gallery on, beside the chart (default: a packaged "
+                  "photograph when python3-skimage is installed)");
+  app->add_flag("-q,--quiet", demo.quiet, "Print nothing but errors");
+  AddModuleOption(*app, modulePath);
+  return app;
+}
+
+// The module is loaded once, whatever the number of files.
+int RunParsedEffectCommand(EffectCommand& command, const std::string& modulePath) {
+  AssignFiles(command);
+  const std::string module = FindModule(modulePath);
+  if (command.common.verbose) std::cerr << "rawfx: module " << module << '\n';
+  const std::unique_ptr<host::Host> host = LoadHost(module, command.common.threads);
+  if (!command.batch.outDir.empty()) return RunBatchCommand(*host, command, std::cerr);
+  RunEffectCommand(*host, command, std::cerr);
+  return 0;
 }
 
 }  // namespace
@@ -163,13 +255,15 @@ EffectCommand ParseEffectWords(const std::vector<std::string>& words) {
   if (words.empty() || !FindEffect(words.front())) throw ToolError(kExitBadInput, "not an effect command");
   CLI::App root{"rawfx", "rawfx"};
   EffectCommand command;
-  AddEffectCommand(root, *FindEffect(words.front()), command);
+  std::string modulePath;
+  AddEffectCommand(root, *FindEffect(words.front()), command, modulePath);
   std::vector<std::string> reversed(words.rbegin(), words.rend());  // CLI11 takes the words last first
   try {
     root.parse(reversed);
   } catch (const CLI::ParseError& error) {
     throw ToolError(kExitBadInput, error.what());
   }
+  AssignFiles(command);
   return command;
 }
 
@@ -177,28 +271,25 @@ int RunCommandLine(int argc, char** argv) {
   InstallInterruptHandler();
   CLI::App root{"Image effects from the rawfx plug-in, run on PNG, JPEG and TIFF files.", "rawfx"};
   root.set_version_flag("--version", kVersion);
+  root.set_help_all_flag("--help-all", "Print this help and every command's options, then exit");
+  root.footer(kExitStatusFooter);
   root.require_subcommand(1);
 
+  std::string modulePath;
   std::vector<EffectCommand> commands(Effects().size());
   std::vector<CLI::App*> effectApps;
-  for (size_t i = 0; i < Effects().size(); ++i) effectApps.push_back(AddEffectCommand(root, Effects()[i], commands[i]));
+  for (size_t i = 0; i < Effects().size(); ++i) {
+    effectApps.push_back(AddEffectCommand(root, Effects()[i], commands[i], modulePath));
+  }
 
   DemoOptions demo;
-  CLI::App* demoApp = root.add_subcommand(
-      "demo", "Run every effect on a built-in sample image; write PNGs, a contact sheet and index.html");
-  demoApp->add_option("--out", demo.directory, "Directory to write into (created if missing)")->capture_default_str();
-  demoApp->add_option("--size", demo.width, "Width of the sample image (the height is 3/4 of it)")
-      ->check(CLI::Range(64, 2048))
-      ->capture_default_str();
-  demoApp->add_option("--threads", demo.threads, "Engine workers; 0: one per core")->check(CLI::Range(0, 256));
-  demoApp->add_flag("-q,--quiet", demo.quiet, "Print nothing but errors");
-
+  CLI::App* demoApp = AddDemoCommand(root, demo, modulePath);
   std::string infoPath;
   uint64_t infoMaxPixels = kDefaultMaxPixels;
   CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha and the bitmap format a file loads as");
   infoApp->add_option("INPUT", infoPath, "Image to describe")->required();
   infoApp->add_option("--max-pixels", infoMaxPixels, "Refuse images with more pixels than this")
-      ->check(CLI::PositiveNumber);
+      ->check(WholeRange(1, 1e15));
 
   if (argc <= 1) {
     std::cerr << root.help();
@@ -213,18 +304,18 @@ int RunCommandLine(int argc, char** argv) {
   try {
     root.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return root.exit(error);  // --help and --version
-    return ReportParseError(root, error);
+    if (error.get_exit_code() == 0) return root.exit(error);  // --help, --help-all and --version
+    return ReportParseError(root, error, std::vector<std::string>(argv + 2, argv + argc));
   }
 
   try {
     if (infoApp->parsed()) {
       RunInfoCommand(infoPath, infoMaxPixels, std::cout);
     } else if (demoApp->parsed()) {
-      RunDemo(*MakeHost(demo.threads), demo, std::cout);
+      RunDemo(*LoadHost(FindModule(modulePath), demo.threads), demo, std::cout);
     } else {
       for (size_t i = 0; i < effectApps.size(); ++i) {
-        if (effectApps[i]->parsed()) RunEffectCommand(*MakeHost(commands[i].common.threads), commands[i], std::cerr);
+        if (effectApps[i]->parsed()) return RunParsedEffectCommand(commands[i], modulePath);
       }
     }
   } catch (const ToolError& error) {

@@ -1,7 +1,9 @@
-// Background colours as written on the command line:
-//   #RRGGBB, #RRGGBBAA              hexadecimal RGB, optional alpha
-//   rgb(r,g,b) rgb(r,g,b,a)         components 0..255 or percentages ("50%")
-//   cmyk(c,m,y,k) cmyk(c,m,y,k,a)   ink amounts 0..255 or percentages
+// Background colours as written on the command line, as in CSS where CSS has them:
+//   red, rebeccapurple, transparent      the CSS colour names, any case
+//   #RGB, #RGBA, #RRGGBB, #RRGGBBAA      hexadecimal RGB, optional alpha
+//   rgb(r,g,b[,a]), rgba(r,g,b[,a])      components 0..255 or percentages ("50%")
+//   cmyk(c,m,y,k[,a])                    ink amounts 0..255 or percentages
+// An alpha given in a function is 0..1 or a percentage; 0 is fully transparent.
 #pragma once
 
 #include <array>

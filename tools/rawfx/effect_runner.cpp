@@ -109,7 +109,7 @@ REALobject ApplyInPlace(host::Host& host, REALobject effect, REALobject source) 
   return source;
 }
 
-[[noreturn]] void ThrowCancelled() { throw ToolError(kExitCancelled, "interrupted; nothing was written"); }
+[[noreturn]] void ThrowCancelled() { throw ToolError(InterruptedStatus(), InterruptedMessage()); }
 
 }  // namespace
 
@@ -141,17 +141,20 @@ Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, Prog
     progress.update(done, total);
     return !Interrupted();
   });
-  if (Interrupted()) ThrowCancelled();
-
   const bool inPlace = job.inPlace && info.inPlace;
   const bool async = job.async && info.async && !inPlace;
-  const auto start = std::chrono::steady_clock::now();
-  REALobject result = inPlace ? ApplyInPlace(host, effect.get(), source.get())
-                      : async ? RunAsync(host, effect.get(), source.get())
-                              : host.Call<REALobject, REALobject>(effect.get(), kApply, source.get());
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  REALobject result = nullptr;
+  double seconds = 0;
+  {
+    EngineCancelScope cancelThroughEngine;
+    if (Interrupted()) ThrowCancelled();
+    const auto start = std::chrono::steady_clock::now();
+    result = inPlace ? ApplyInPlace(host, effect.get(), source.get())
+             : async ? RunAsync(host, effect.get(), source.get())
+                     : host.Call<REALobject, REALobject>(effect.get(), kApply, source.get());
+    seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
   HostRef resultRef(host, result);
-  progress.finish();
 
   if (Interrupted()) ThrowCancelled();
   if (!result) {

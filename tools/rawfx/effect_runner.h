@@ -33,7 +33,7 @@ struct RunReport {
 bool IsRegistered(const host::Host& host, const EffectInfo& effect);
 
 // The result image. ToolError with status 1 when the class is missing or refuses
-// the bitmap or its settings, 130 when Ctrl-C cancelled the run.
+// the bitmap or its settings, 128 + the signal when a signal cancelled the run.
 Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, ProgressBar& progress,
                 RunReport* report = nullptr);
 

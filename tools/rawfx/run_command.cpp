@@ -31,17 +31,17 @@ Image Load(const std::string& path, uint64_t maxPixels) {
   }
 }
 
-FileType CheckOutputPath(const EffectCommand& command) {
-  const std::optional<FileType> type = FileTypeFromExtension(command.output);
-  if (!type) {
-    throw ToolError(kExitBadInput,
-                    "cannot write " + command.output + ": the name must end in .png, .jpg, .jpeg, .tif or .tiff");
+// The output may be none of the files the run reads: writing it would destroy
+// an input before, or while, it is read.
+void CheckNotAnInput(const EffectCommand& command) {
+  const std::pair<const std::string*, const char*> inputs[] = {{&command.input, "the input file"},
+                                                               {&command.common.mask, "the mask file"}};
+  for (const auto& [input, role] : inputs) {
+    std::error_code ignored;
+    if (!input->empty() && std::filesystem::equivalent(*input, command.output, ignored)) {
+      throw ToolError(kExitBadInput, command.output + " is " + role + "; rawfx never overwrites what it reads");
+    }
   }
-  std::error_code ignored;
-  if (std::filesystem::equivalent(command.input, command.output, ignored)) {
-    throw ToolError(kExitBadInput, command.output + " is the input file; rawfx never overwrites its input");
-  }
-  return *type;
 }
 
 std::optional<Image> LoadMask(const EffectCommand& command, const Image& input) {
@@ -76,24 +76,47 @@ std::optional<ColourOption> BackColour(const EffectCommand& command) {
   return colour;
 }
 
-void Note(std::ostream& log, const CommonOptions& common, const std::string& text) {
-  if (!common.quiet) log << "rawfx: note: " << text << '\n';
+// A line for the user, on a line of its own even while the progress bar shows.
+void Say(std::ostream& log, ProgressBar& progress, const std::string& line) {
+  progress.clearLine();
+  log << "rawfx: " << line << '\n' << std::flush;
 }
 
-void ReportStart(std::ostream& log, const EffectCommand& command, const Image& working, const host::Host& host) {
+void Note(std::ostream& log, ProgressBar& progress, const CommonOptions& common, const std::string& text) {
+  if (!common.quiet) Say(log, progress, "note: " + text);
+}
+
+EffectJob MakeJob(const EffectCommand& command, const std::optional<Image>& mask) {
+  EffectJob job;
+  job.effect = command.effect;
+  job.properties = command.properties();
+  job.backColour = BackColour(command);
+  job.mask = mask ? &*mask : nullptr;
+  job.inPlace = command.interlace.inPlace;
+  job.async = command.common.async;
+  return job;
+}
+
+std::string StartLine(const EffectCommand& command, const Image& working, const host::Host& host) {
   const BitmapPlan plan = PlanBitmap(working.layout);
-  log << "rawfx: " << command.effect->title << ": " << command.input << ", " << Describe(working)
-      << ", bitmap format " << plan.format->name << ", " << Threads(host.threads()) << '\n'
-      << std::flush;
+  return std::string(command.effect->title) + ": " + command.input + ", " + Describe(working) + ", bitmap format " +
+         plan.format->name + ", " + Threads(host.threads());
 }
 
-void ReportEnd(std::ostream& log, const EffectCommand& command, const Image& working, const RunReport& report) {
+void ReportEnd(std::ostream& log, const EffectCommand& command, const Image& working, const RunReport& report,
+               const ProgressBar& progress) {
   const double megapixels = static_cast<double>(working.width * working.height) / 1e6;
   std::ostringstream line;
   line << std::fixed << std::setprecision(3) << "rawfx: " << command.effect->title << ": "
        << (report.ranAsync ? "ApplyAsync" : report.ranInPlace ? "ApplyInPlace" : "Apply") << " took "
        << report.seconds << " s on " << Threads(report.threads) << ", " << std::setprecision(2)
-       << (report.seconds > 0 ? megapixels / report.seconds : 0.0) << " megapixels/s; wrote " << command.output;
+       << (report.seconds > 0 ? megapixels / report.seconds : 0.0) << " megapixels/s; wrote " << command.output
+       << std::setprecision(3);
+  const char* separator = "\nrawfx: phases: ";
+  for (const auto& [phase, seconds] : progress.timings()) {
+    line << separator << phase << " " << seconds << " s";
+    separator = ", ";
+  }
   log << line.str() << '\n';
 }
 
@@ -107,38 +130,51 @@ std::vector<PropertySetting> EffectCommand::properties() const {
   return PropertiesOf(oilPaint);
 }
 
-void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log) {
-  const CommonOptions& common = command.common;
-  const FileType outputType = CheckOutputPath(command);
-  const Image input = Load(command.input, common.maxPixels);
-  const std::optional<Image> mask = LoadMask(command, input);
-  const Image working = WorkingImage(input, common);
-  host.SetThreads(common.threads);
-  if (common.async && !command.effect->async) {
-    Note(log, common, std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
+FileType OutputType(const CommonOptions& common, const std::string& output) {
+  if (!common.format.empty()) {
+    if (const std::optional<FileType> type = FileTypeFromExtension("output." + common.format)) return *type;
+    throw ToolError(kExitBadInput, "--format: '" + common.format + "' is not a type rawfx writes (png, jpeg, tiff)");
   }
+  if (const std::optional<FileType> type = FileTypeFromExtension(output)) return *type;
+  throw ToolError(kExitBadInput, "cannot write " + output +
+                                     ": the name must end in .png, .jpg, .jpeg, .tif or .tiff, or give --format");
+}
 
-  EffectJob job;
-  job.effect = command.effect;
-  job.properties = command.properties();
-  job.backColour = BackColour(command);
-  job.mask = mask ? &*mask : nullptr;
-  job.inPlace = command.interlace.inPlace;
-  job.async = common.async;
-
+// Every check that needs no pixels comes first, so that a mistake costs no work;
+// the temporary output file is created only when writing starts.
+void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log,
+                      const std::string& progressLabel) {
+  const CommonOptions& common = command.common;
   try {
-    // Created before the run, so an unwritable destination fails before any work.
-    PendingFile output(command.output);
-    if (common.verbose) ReportStart(log, command, working, host);
-    ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), std::string(command.effect->title));
+    const FileType outputType = OutputType(common, command.output);
+    CheckNotAnInput(command);
+    PendingFile output(command.output, common.force);
+    ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), progressLabel);
+
+    if (common.verbose) Say(log, progress, "reading " + command.input);
+    progress.phase("reading", 0);
+    const Image input = Load(command.input, common.maxPixels);
+    const std::optional<Image> mask = LoadMask(command, input);
+    const Image working = WorkingImage(input, common);
+    host.SetThreads(common.threads);
+    if (common.async && !command.effect->async) {
+      Note(log, progress, common,
+           std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
+    }
+
+    if (common.verbose) Say(log, progress, StartLine(command, working, host));
+    progress.phase(std::string(command.effect->title), working.height);
     RunReport report;
-    const Image result = RunEffect(host, job, working, progress, &report);
+    const Image result = RunEffect(host, MakeJob(command, mask), working, progress, &report);
+
+    if (common.verbose) Say(log, progress, "writing " + command.output);
+    progress.phase("writing", 0);
     const Fitted fitted = FitForFileType(result, outputType);
-    if (!fitted.note.empty()) Note(log, common, command.output + ": " + fitted.note);
+    if (!fitted.note.empty()) Note(log, progress, common, command.output + ": " + fitted.note);
     WriteImage(fitted.image, output.temporaryPath(), outputType, WriteOptions{common.jpegQuality}, command.output);
-    if (Interrupted()) throw ToolError(kExitCancelled, "interrupted; nothing was written");
     output.commit();
-    if (common.verbose) ReportEnd(log, command, working, report);
+    progress.finish();
+    if (common.verbose) ReportEnd(log, command, working, report, progress);
   } catch (const ImageError& error) {
     throw ToolError(kExitBadInput, error.what());
   }

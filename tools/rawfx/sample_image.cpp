@@ -27,7 +27,7 @@ Colour Mix(Colour under, Colour over, double amount) {
 double Coverage(double d, double halfWidth) { return std::clamp(halfWidth + 0.5 - std::abs(d), 0.0, 1.0); }
 
 Colour Background(double u, double v, int64_t x, int64_t y) {
-  const double grain = 12.0 * Noise(x, y) + 6.0 * Noise(x / 3, y / 3);
+  const double grain = 3.0 * Noise(x, y);
   return {40 + 190 * u + grain, 50 + 150 * v + grain, 210 - 150 * u + grain};
 }
 
