@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <sstream>
 
 #include "tools/rawfx/colour_option.h"
@@ -85,6 +86,28 @@ void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
       ->capture_default_str();
 }
 
+// How files are read and written: output type and encoding, metadata, pages.
+void AddFileOptions(CLI::App& app, CommonOptions& c) {
+  const std::string group = "File options";
+  app.add_option("--format", c.format, "Output type: png, jpeg, tiff or webp (needed when OUTPUT is -)")
+      ->check(CLI::IsMember({"png", "jpeg", "jpg", "tiff", "tif", "webp"}))
+      ->group(group);
+  app.add_option("--quality", c.quality, "JPEG and lossy WebP quality (default: JPEG 92, WebP 90)")
+      ->check(CLI::Range(1, 100))
+      ->group(group);
+  app.add_flag("--lossless", c.lossless, "Lossless WebP")->group(group);
+  app.add_option("--level", c.level, "PNG and deflate TIFF compression level, 0 (none) to 9 (smallest)")
+      ->check(CLI::Range(0, 9))
+      ->group(group);
+  app.add_option("--compress", c.compress, "TIFF compression (default: deflate)")
+      ->check(CLI::IsMember(TiffCompressionNames()))
+      ->group(group);
+  app.add_flag("--strip", c.strip, "Write no metadata (EXIF, XMP, IPTC, ICC profile)")->group(group);
+  app.add_option("--page", c.page, "The page of a multi-page TIFF to read, from 1 (default: the first)")
+      ->check(CLI::PositiveNumber)
+      ->group(group);
+}
+
 void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c) {
   const std::string group = "Common options";
   if (effect.backColour) {
@@ -110,16 +133,13 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   app.add_option("--model", c.model, "Convert the working bitmap to rgb, cmyk or gray")
       ->check(CLI::IsMember({"rgb", "cmyk", "gray", "grey"}))
       ->group(group);
-  app.add_option("--quality", c.jpegQuality, "JPEG output quality")
-      ->check(CLI::Range(1, 100))
-      ->capture_default_str()
-      ->group(group);
   app.add_option("--max-pixels", c.maxPixels, "Refuse images with more pixels than this")
       ->check(CLI::PositiveNumber)
       ->capture_default_str()
       ->group(group);
   app.add_flag("-q,--quiet", c.quiet, "No progress bar and no notes")->group(group);
   app.add_flag("-v,--verbose", c.verbose, "Report size, threads, time and megapixels per second")->group(group);
+  AddFileOptions(app, c);
 }
 
 CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectCommand& command) {
@@ -131,8 +151,11 @@ CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectComma
   if (name == "barrel") AddBarrelOptions(*app, command.barrel);
   if (name == "oilpaint") AddOilPaintOptions(*app, command.oilPaint);
   AddCommonOptions(*app, effect, command.common);
-  app->add_option("INPUT", command.input, "Image to read (PNG, JPEG or TIFF)")->required();
-  app->add_option("OUTPUT", command.output, "Image to write; .png, .jpg or .tif names the type")->required();
+  app->add_option("INPUT", command.input, "Image to read (PNG, JPEG, TIFF or WebP); - reads standard input")
+      ->required();
+  app->add_option("OUTPUT", command.output,
+                  "Image to write; .png, .jpg, .tif or .webp names the type; - writes standard output (with --format)")
+      ->required();
   app->footer(kExitStatusFooter);
   return app;
 }
@@ -175,7 +198,7 @@ EffectCommand ParseEffectWords(const std::vector<std::string>& words) {
 
 int RunCommandLine(int argc, char** argv) {
   InstallInterruptHandler();
-  CLI::App root{"Image effects from the rawfx plug-in, run on PNG, JPEG and TIFF files.", "rawfx"};
+  CLI::App root{"Image effects from the rawfx plug-in, run on PNG, JPEG, TIFF and WebP files.", "rawfx"};
   root.set_version_flag("--version", kVersion);
   root.require_subcommand(1);
 
@@ -195,8 +218,8 @@ int RunCommandLine(int argc, char** argv) {
 
   std::string infoPath;
   uint64_t infoMaxPixels = kDefaultMaxPixels;
-  CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha and the bitmap format a file loads as");
-  infoApp->add_option("INPUT", infoPath, "Image to describe")->required();
+  CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha, pages, resolution, metadata and the bitmap format a file loads as");
+  infoApp->add_option("INPUT", infoPath, "Image to describe; - reads standard input")->required();
   infoApp->add_option("--max-pixels", infoMaxPixels, "Refuse images with more pixels than this")
       ->check(CLI::PositiveNumber);
 
@@ -233,6 +256,13 @@ int RunCommandLine(int argc, char** argv) {
   } catch (const host::HostError& error) {
     std::cerr << "rawfx: " << error.what() << '\n';
     return kExitEffectRefused;
+  } catch (const std::bad_alloc&) {
+    // Unwinding has removed any temporary file by now.
+    std::cerr << "rawfx: out of memory; nothing was written\n";
+    return kExitBadInput;
+  } catch (const std::length_error&) {
+    std::cerr << "rawfx: out of memory; nothing was written\n";
+    return kExitBadInput;
   }
   return 0;
 }

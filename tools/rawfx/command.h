@@ -24,7 +24,15 @@ struct CommonOptions {
   bool quiet = false;
   bool verbose = false;
   uint64_t maxPixels = kDefaultMaxPixels;
-  int jpegQuality = 92;
+
+  // Files: output type and encoding, metadata, pages.
+  std::string format;    // png, jpeg, tiff or webp: the output's type (needed when the output is "-")
+  int quality = 0;       // JPEG and lossy WebP, 1..100; 0: the type's default
+  bool lossless = false; // WebP
+  int level = -1;        // PNG and deflate TIFF compression level 0..9; -1: the library's default
+  std::string compress;  // TIFF: none, deflate, lzw or zstd; empty: deflate
+  bool strip = false;    // write no metadata
+  int page = 0;          // the TIFF page to read, from 1; 0: the first
 };
 
 struct EffectCommand {
@@ -45,7 +53,8 @@ struct EffectCommand {
 // the output path is left as it was). Notes and --verbose lines go to log.
 void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log);
 
-// Size, channels, depth, alpha and the host format the file loads as.
+// Size, channels, depth, alpha, pages, resolution, metadata and the host format the
+// file loads as, from its header and metadata alone (no pixel is decoded).
 void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& out);
 
 }  // namespace rawfx::tool

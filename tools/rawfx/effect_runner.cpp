@@ -6,6 +6,7 @@
 #include <mutex>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 #include "tools/rawfx/host_bitmap.h"
 #include "tools/rawfx/interrupt.h"
@@ -13,22 +14,6 @@
 
 namespace rawfx::tool {
 namespace {
-
-// One reference to a host object, released when it goes out of scope.
-class HostRef {
- public:
-  HostRef(host::Host& host, REALobject object) : host_(host), object_(object) {}
-  ~HostRef() {
-    if (object_) host_.Unlock(object_);
-  }
-  HostRef(const HostRef&) = delete;
-  HostRef& operator=(const HostRef&) = delete;
-  REALobject get() const { return object_; }
-
- private:
-  host::Host& host_;
-  REALobject object_;
-};
 
 // Leaves no observer behind that points into a finished run.
 struct ObserverScope {
@@ -109,6 +94,14 @@ REALobject ApplyInPlace(host::Host& host, REALobject effect, REALobject source) 
   return source;
 }
 
+// Whether the host can make another bitmap like this one now: a run that gave no
+// result and stored no error may have been refused the memory for its result.
+bool HostCanMake(host::Host& host, const host::BitmapView& like) {
+  REALobject probe = host.NewBitmap(like.width, like.height, like.format, like.bitsPerChannel);
+  if (probe) host.Unlock(probe);
+  return probe != nullptr;
+}
+
 [[noreturn]] void ThrowCancelled() { throw ToolError(kExitCancelled, "interrupted; nothing was written"); }
 
 }  // namespace
@@ -118,14 +111,13 @@ bool IsRegistered(const host::Host& host, const EffectInfo& effect) {
   return std::find(names.begin(), names.end(), effect.className) != names.end();
 }
 
-Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, ProgressBar& progress,
-                RunReport* report) {
+REALobject RunEffect(host::Host& host, const EffectJob& job, REALobject source, ProgressBar& progress,
+                     RunReport* report) {
   const EffectInfo& info = *job.effect;
   if (!IsRegistered(host, info)) {
     throw ToolError(kExitEffectRefused, "the " + std::string(info.title) + " effect (" + std::string(info.className) +
                                             ") is not in this build of the plug-in");
   }
-  HostRef source(host, NewBitmapFromImage(host, input));
   HostRef effect(host, host.New(info.className));
   if (!effect.get()) throw ToolError(kExitEffectRefused, "cannot create " + std::string(info.className));
   ApplySettings(host, effect.get(), job);
@@ -146,19 +138,24 @@ Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, Prog
   const bool inPlace = job.inPlace && info.inPlace;
   const bool async = job.async && info.async && !inPlace;
   const auto start = std::chrono::steady_clock::now();
-  REALobject result = inPlace ? ApplyInPlace(host, effect.get(), source.get())
-                      : async ? RunAsync(host, effect.get(), source.get())
-                              : host.Call<REALobject, REALobject>(effect.get(), kApply, source.get());
+  REALobject result = inPlace ? ApplyInPlace(host, effect.get(), source)
+                      : async ? RunAsync(host, effect.get(), source)
+                              : host.Call<REALobject, REALobject>(effect.get(), kApply, source);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   HostRef resultRef(host, result);
   progress.finish();
 
   if (Interrupted()) ThrowCancelled();
+  const host::BitmapView view = host.Bitmap(source);
   if (!result) {
-    throw ToolError(kExitEffectRefused, ExplainEffectError(info, host.LastError(effect.get()), input.depth));
+    const int64_t code = host.LastError(effect.get());
+    if (code == 0 && !HostCanMake(host, view)) {
+      throw ToolError(kExitBadInput, "not enough memory for the " + std::string(info.title) + " result; nothing was written");
+    }
+    throw ToolError(kExitEffectRefused, ExplainEffectError(info, code, view.bitsPerChannel));
   }
   if (report) *report = {seconds, host.threads(), async, inPlace};
-  return ImageFromBitmap(host, result);
+  return resultRef.release();
 }
 
 }  // namespace rawfx::tool
