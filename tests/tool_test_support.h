@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,11 +85,18 @@ struct ToolResult {
 };
 
 // The built tool started as a child process, its output going to files in scratch.
+// A non-zero addressSpace limits the child's address space (RLIMIT_AS) to that many
+// bytes, with one malloc arena, whose reservations would otherwise count as used.
 class ToolProcess {
  public:
-  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch)
+  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch, rlim_t addressSpace = 0)
       : out_(scratch / ".tool-stdout"), err_(scratch / ".tool-stderr") {
     if ((pid_ = fork()) != 0) return;
+    if (addressSpace != 0) {
+      const rlimit limit{addressSpace, addressSpace};
+      setrlimit(RLIMIT_AS, &limit);
+      setenv("MALLOC_ARENA_MAX", "1", 1);
+    }
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
@@ -115,8 +123,9 @@ class ToolProcess {
   std::string out_, err_;
 };
 
-inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch) {
-  return ToolProcess(arguments, scratch).wait();
+inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch,
+                          rlim_t addressSpace = 0) {
+  return ToolProcess(arguments, scratch, addressSpace).wait();
 }
 
 }  // namespace rawfx::tool::test

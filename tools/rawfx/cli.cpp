@@ -7,6 +7,7 @@
 #include <iostream>
 #include <memory>
 #include <new>
+#include <system_error>
 #include <sstream>
 
 #include "tools/rawfx/colour_option.h"
@@ -262,6 +263,10 @@ int RunCommandLine(int argc, char** argv) {
     return kExitBadInput;
   } catch (const std::length_error&) {
     std::cerr << "rawfx: out of memory; nothing was written\n";
+    return kExitBadInput;
+  } catch (const std::system_error& error) {
+    // The system refused a resource, such as a thread for the engine.
+    std::cerr << "rawfx: " << error.what() << "; nothing was written\n";
     return kExitBadInput;
   }
   return 0;

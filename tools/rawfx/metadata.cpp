@@ -1,10 +1,15 @@
 #include "tools/rawfx/metadata.h"
 
 #include <exiv2/exiv2.hpp>
+#include <webp/mux.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 namespace rawfx::tool {
 namespace {
@@ -55,6 +60,43 @@ void QuietExiv2() {
     return true;
   }();
   (void)muted;
+}
+
+// WebP keeps its metadata in chunks of its own, added here with libwebp's muxer:
+// EXIF as a TIFF-structured block, XMP as its packet, and the profile as it is.
+void AddWebPChunks(const std::string& path, const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
+                   const std::vector<uint8_t>& icc, const std::string& name) {
+  std::vector<uint8_t> file;
+  {
+    std::ifstream in(path, std::ios::binary);
+    file.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  Exiv2::Blob exifBlock;
+  if (!exif.empty()) Exiv2::ExifParser::encode(exifBlock, Exiv2::littleEndian, exif);
+  std::string packet;
+  if (!xmp.empty() && Exiv2::XmpParser::encode(packet, xmp) != 0) packet.clear();
+  const WebPData image{file.data(), file.size()};
+  std::unique_ptr<WebPMux, void (*)(WebPMux*)> mux(WebPMuxCreate(&image, 0), WebPMuxDelete);
+  if (!mux) throw ImageError("cannot write " + name + ": its metadata: the WebP file cannot be reopened");
+  const std::pair<const char*, WebPData> chunks[] = {
+      {"ICCP", {icc.data(), icc.size()}},
+      {"EXIF", {exifBlock.data(), exifBlock.size()}},
+      {"XMP ", {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()}},
+  };
+  for (const auto& [fourcc, data] : chunks) {
+    if (data.size > 0 && WebPMuxSetChunk(mux.get(), fourcc, &data, 0) != WEBP_MUX_OK) {
+      throw ImageError("cannot write " + name + ": its metadata: libwebp refused the " + fourcc + " chunk");
+    }
+  }
+  WebPData assembled{};
+  if (WebPMuxAssemble(mux.get(), &assembled) != WEBP_MUX_OK) {
+    throw ImageError("cannot write " + name + ": its metadata: libwebp cannot assemble the file");
+  }
+  std::unique_ptr<WebPData, void (*)(WebPData*)> owner(&assembled, WebPDataClear);
+  FilePointer out = OpenFile(path, "wb", name, "write");
+  if (std::fwrite(assembled.bytes, 1, assembled.size, out.get()) != assembled.size || std::fflush(out.get()) != 0) {
+    throw WriteFailure(name, errno);
+  }
 }
 
 }  // namespace
@@ -112,6 +154,19 @@ int Metadata::orientation() const { return data_->orientation; }
 size_t Metadata::iccBytes() const { return data_->icc.size(); }
 void Metadata::dropIcc() { data_->icc.clear(); }
 
+Resolution Metadata::resolution() const {
+  const Exiv2::ExifData& exif = data_->exif;
+  const auto x = exif.findKey(Exiv2::ExifKey("Exif.Image.XResolution"));
+  const auto y = exif.findKey(Exiv2::ExifKey("Exif.Image.YResolution"));
+  const auto unit = exif.findKey(Exiv2::ExifKey("Exif.Image.ResolutionUnit"));
+  if (x == exif.end() || y == exif.end() || x->count() == 0 || y->count() == 0) return {};
+  const long unitCode = unit != exif.end() && unit->count() > 0 ? unit->toLong() : 2;
+  if (unitCode != 2 && unitCode != 3) return {};
+  const double horizontal = x->toFloat(), vertical = y->toFloat();
+  if (!(horizontal > 0) || !(vertical > 0)) return {};
+  return {horizontal, vertical, unitCode == 3};
+}
+
 std::string Metadata::iccColourSpace() const {
   const std::vector<uint8_t>& icc = data_->icc;
   if (icc.size() < 20) return {};
@@ -139,7 +194,6 @@ std::vector<std::pair<std::string, std::string>> Metadata::describe() const {
 }
 
 void Metadata::writeTo(const std::string& path, FileType type, const ImageShape& shape, const std::string& name) const {
-  if (empty()) return;
   QuietExiv2();
   const Data& data = *data_;
   Exiv2::ExifData exif = data.exif;
@@ -147,6 +201,9 @@ void Metadata::writeTo(const std::string& path, FileType type, const ImageShape&
   for (auto datum = exif.begin(); datum != exif.end();) {
     datum = IsOtherPicture(datum->groupName()) || IsStorageTag(*datum) ? exif.erase(datum) : std::next(datum);
   }
+  // A file that said nothing but how its pixels were stored has nothing to carry over.
+  const bool onlyOrientation = exif.count() == (exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation")) != exif.end());
+  if (onlyOrientation && data.xmp.empty() && data.iptc.empty() && data.icc.empty()) return;
   if (exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation")) != exif.end()) {
     exif["Exif.Image.Orientation"] = static_cast<uint16_t>(1);
   }
@@ -157,6 +214,7 @@ void Metadata::writeTo(const std::string& path, FileType type, const ImageShape&
   Exiv2::XmpData xmp = data.xmp;
   if (xmp.findKey(Exiv2::XmpKey("Xmp.tiff.Orientation")) != xmp.end()) xmp["Xmp.tiff.Orientation"] = "1";
   try {
+    if (type == FileType::WebP) return AddWebPChunks(path, exif, xmp, data.icc, name);
     Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
     image->readMetadata();  // what the encoder wrote stays: the TIFF and PNG structure, the JFIF density
     image->setExifData(exif);

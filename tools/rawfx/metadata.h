@@ -41,6 +41,7 @@ class Metadata {
   size_t iccBytes() const;
   std::string iccColourSpace() const;  // "RGB", "GRAY", "CMYK", ... from the profile's header; empty if none
   void dropIcc();
+  Resolution resolution() const;  // from EXIF's XResolution, YResolution and ResolutionUnit
 
   // One entry per kind the file carries ({"EXIF", "23 tags"}), for rawfx info.
   std::vector<std::pair<std::string, std::string>> describe() const;

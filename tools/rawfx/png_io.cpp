@@ -133,7 +133,7 @@ class PngReader final : public ImageReader {
     png_set_user_limits(structs_.png, kMaxPngSide, kMaxPngSide);
     if (!ReadHeader(structs_.png, structs_.info, file_.get(), &header_)) throw Corrupt();
     shape = {header_.width, header_.height, LayoutOfColourType(header_.colourType), header_.depth};
-    resolution = {header_.xPerMetre / 100.0, header_.yPerMetre / 100.0, true};
+    resolution = {header_.xPerMetre * 0.0254, header_.yPerMetre * 0.0254, false};  // dots per inch
   }
 
   void read(uint8_t* pixels, size_t rowBytes, const RowProgress& progress) override {

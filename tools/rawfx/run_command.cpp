@@ -208,8 +208,9 @@ void KeepMatchingProfile(Metadata& metadata, const ImageShape& stored, const Out
                         " can hold): the profile is not written");
 }
 
+// The file's own resolution field, else EXIF's, along the upright picture's axes.
 Resolution UprightResolution(const ImageReader& reader, const Metadata& metadata) {
-  Resolution resolution = reader.resolution;
+  Resolution resolution = reader.resolution.known() ? reader.resolution : metadata.resolution();
   if (OrientationOf(metadata.orientation()).transposed) std::swap(resolution.x, resolution.y);
   return resolution;
 }
@@ -334,7 +335,8 @@ void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& o
   if (plan.layout != shape.layout) text << ", " << LayoutName(shape.layout) << " widened to " << LayoutName(plan.layout);
   text << '\n';
   if (input.reader->pages > 1) text << "  pages:     " << input.reader->pages << '\n';
-  const Resolution& resolution = input.reader->resolution;
+  const Resolution resolution =
+      input.reader->resolution.known() ? input.reader->resolution : input.metadata.resolution();
   if (resolution.known()) {
     text << std::setprecision(0) << "  resolution: " << resolution.x << " x " << resolution.y
          << (resolution.perCentimetre ? " pixels per cm\n" : " dpi\n");
