@@ -3,6 +3,7 @@
 // hostile headers refused before memory is taken, and a run's memory measured
 // under a limited address space.
 #include <gtest/gtest.h>
+#include <tiffio.h>
 #include <zlib.h>
 
 #include <exiv2/exiv2.hpp>
@@ -129,6 +130,45 @@ TEST(ToolPipes, StandardInputAndOutputGiveWhatFilesGive) {
   EXPECT_EQ(test::ReadText(scratch / "err"), "rawfx: cannot write standard output: No space left on device\n");
   EXPECT_EQ(WEXITSTATUS(std::system((tool + " info - < /dev/zero 2> " + scratch / "err").c_str())), 2);
   EXPECT_EQ(test::ReadText(scratch / "err"), "rawfx: cannot read standard input: not a PNG, JPEG, TIFF or WebP image\n");
+}
+
+TEST(ToolFormats, PagesAndEncodingOptionsDoWhatTheySay) {
+  ScratchDir scratch;
+  const std::string pages = scratch / "pages.tif";
+  TIFF* tiff = TIFFOpen(pages.c_str(), "w");
+  for (const Image& page : {test::NoiseImage(10, 5, Layout::Gray, 8), test::NoiseImage(6, 4, Layout::Gray, 8)}) {
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, uint32_t(page.width));
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, uint32_t(page.height));
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    for (int64_t y = 0; y < page.height; ++y) TIFFWriteScanline(tiff, const_cast<uint8_t*>(page.row(y)), uint32_t(y));
+    TIFFWriteDirectory(tiff);
+  }
+  TIFFClose(tiff);
+  const ToolResult first = RunTool({"interlace", pages, scratch / "first.png"}, scratch);
+  EXPECT_EQ(first.err, "rawfx: note: " + pages + " has 2 pages; page 1 was used (choose one with --page)\n");
+  EXPECT_EQ(ReadImage(scratch / "first.png").image.width, 10);
+  ASSERT_EQ(RunTool({"interlace", "-q", "--page", "2", pages, scratch / "second.png"}, scratch).status, 0);
+  EXPECT_EQ(ReadImage(scratch / "second.png").image.width, 6);
+  EXPECT_NE(RunTool({"interlace", "--page", "3", pages, scratch / "third.png"}, scratch).err.find("the file has 2 pages"),
+            std::string::npos);
+  EXPECT_NE(RunTool({"info", pages}, scratch).out.find("  pages:     2\n"), std::string::npos);
+
+  // Each encoding option changes the file it applies to (smaller, or lossless and larger).
+  const std::string in = scratch / "ramp.png";
+  SaveImage(test::RampImage(64, 48, Layout::RGB), in);
+  const auto size = [&](std::vector<std::string> words, const std::string& name) {
+    words.insert(words.begin(), "interlace");
+    words.insert(words.end(), {"-q", in, scratch / name});
+    EXPECT_EQ(RunTool(words, scratch).status, 0) << name;
+    return std::filesystem::file_size(scratch / name);
+  };
+  EXPECT_LT(size({"--level", "9"}, "9.png"), size({"--level", "0"}, "0.png"));
+  EXPECT_LT(size({"--compress", "lzw"}, "lzw.tif"), size({"--compress", "none"}, "none.tif"));
+  EXPECT_LT(size({"--quality", "20"}, "20.jpg"), size({"--quality", "95"}, "95.jpg"));
+  EXPECT_LT(size({"--quality", "20"}, "20.webp"), size({"--quality", "95"}, "95.webp"));
+  size({"--lossless"}, "lossless.webp");
+  EXPECT_TRUE(ReadImage(scratch / "lossless.webp").image == ReadImage(in).image);
 }
 
 // A PNG with nothing but its header (and an empty IDAT), declaring any size.

@@ -66,7 +66,10 @@ tmsize_t WriteProc(thandle_t handle, void* data, tmsize_t size) {
 toff_t SeekProc(thandle_t handle, toff_t offset, int whence) {
   auto* stream = static_cast<TiffStream*>(handle);
   if (offset > static_cast<toff_t>(std::numeric_limits<off_t>::max())) return static_cast<toff_t>(-1);
-  if (fseeko(stream->file, static_cast<off_t>(offset), whence) != 0) return static_cast<toff_t>(-1);
+  if (fseeko(stream->file, static_cast<off_t>(offset), whence) != 0) {
+    stream->error = errno;  // a seek flushes what was buffered, so a full disk can show here
+    return static_cast<toff_t>(-1);
+  }
   return static_cast<toff_t>(ftello(stream->file));
 }
 
