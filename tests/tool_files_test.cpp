@@ -207,18 +207,20 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   const Image large = test::RampImage(2400, 2000, Layout::RGBA);
   const size_t bytes = large.data.size();
   SaveImage(test::RampImage(8, 8, Layout::RGBA), scratch / "tiny.tif");
-  WriteImage(large, scratch / "large.tif", FileType::TIFF, WriteOptions{.compression = TiffCompression::None});
-  const auto words = [&](const char* input) {
+  WriteOptions uncompressed;
+  uncompressed.compression = TiffCompression::None;
+  WriteImage(large, scratch / "large.tif", FileType::TIFF, uncompressed);
+  const auto polar = [&](const char* input) {
     return std::vector<std::string>{"polar", "-q", "--threads", "1", "--compress", "none", scratch / input,
                                     scratch / "out.tif"};
   };
-  const rlim_t base = SmallestAddressSpace(words("tiny.tif"), scratch);
-  const ToolResult fits = RunTool(words("large.tif"), scratch, base + rlim_t(2.2 * double(bytes)));
+  const rlim_t base = SmallestAddressSpace(polar("tiny.tif"), scratch);
+  const ToolResult fits = RunTool(polar("large.tif"), scratch, base + rlim_t(2.2 * double(bytes)));
   EXPECT_EQ(fits.status, 0) << fits.err;
   std::filesystem::remove(scratch / "out.tif");
   // Too little for the source, then too little for the result: one line, status 2, no file.
   for (const double share : {0.5, 1.5}) {
-    const ToolResult starved = RunTool(words("large.tif"), scratch, base + rlim_t(share * double(bytes)));
+    const ToolResult starved = RunTool(polar("large.tif"), scratch, base + rlim_t(share * double(bytes)));
     EXPECT_EQ(starved.status, 2) << share;
     EXPECT_TRUE(starved.err.find("memory") != std::string::npos && starved.err.find('\n') == starved.err.size() - 1)
         << starved.err;

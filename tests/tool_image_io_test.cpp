@@ -50,7 +50,10 @@ TEST_P(ToolRoundTrip, GivesThePixelsBackInTheSameLayout) {
   ScratchDir scratch;
   const Image original = jpeg ? test::RampImage(32, 24, layout) : test::NoiseImage(13, 7, layout, depth);
   const std::string path = scratch / (std::string("image.") + FileTypeOption(type));
-  SaveImage(original, path, WriteOptions{.quality = 95, .lossless = true});
+  WriteOptions options;
+  options.quality = 95;
+  options.lossless = true;  // WebP
+  SaveImage(original, path, options);
   const ImageFile read = ReadImage(path);
   ASSERT_EQ(std::make_tuple(read.type, read.image.layout, read.image.depth, read.image.width, read.image.height),
             std::make_tuple(type, layout, depth, original.width, original.height));

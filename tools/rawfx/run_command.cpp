@@ -62,7 +62,7 @@ struct OutputPlan {
 
 OutputPlan PlanOutput(const EffectCommand& command) {
   const std::string& format = command.common.format;
-  const std::optional<FileType> asked = format.empty() ? std::nullopt : FileTypeNamed(format);
+  const std::optional<FileType> asked = FileTypeNamed(format);  // nothing when --format is not given
   if (command.output == kStandardStream) {
     if (!asked) {
       throw ToolError(kExitBadInput,
@@ -84,7 +84,7 @@ OutputPlan PlanOutput(const EffectCommand& command) {
   if (command.input != kStandardStream && std::filesystem::equivalent(command.input, command.output, ignored)) {
     throw ToolError(kExitBadInput, command.output + " is the input file; rawfx never overwrites its input");
   }
-  return {named ? *named : *asked, false, command.output};
+  return {named.value_or(asked.value_or(FileType::PNG)), false, command.output};
 }
 
 // How the output is encoded; options that do not apply to its type are noted or refused.
