@@ -188,7 +188,13 @@ class JpegReader final : public ImageReader {
   }
 
  private:
-  ImageError Corrupt() const { return ImageError("cannot read " + name_ + ": corrupt JPEG: " + errors_.message); }
+  ImageError Corrupt() const {
+    // A progressive file holds every coefficient while it is read, which may not fit.
+    if (errors_.manager.msg_code == JERR_OUT_OF_MEMORY) {
+      return ImageError("cannot read " + name_ + ": not enough memory to decode it");
+    }
+    return ImageError("cannot read " + name_ + ": corrupt JPEG: " + errors_.message);
+  }
 
   FilePointer file_;
   std::string name_;

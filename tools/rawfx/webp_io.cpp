@@ -117,7 +117,8 @@ void EncodeWebP(const RowSource& rows, FILE* file, const WriteOptions& options, 
   if (!WebPConfigInit(&config) || !WebPPictureInit(&picture)) throw ImageError("cannot write " + name + ": libwebp");
   std::unique_ptr<WebPPicture, void (*)(WebPPicture*)> owner(&picture, WebPPictureFree);
   config.lossless = options.lossless ? 1 : 0;
-  config.quality = static_cast<float>(options.quality > 0 ? options.quality : kDefaultWebPQuality);
+  // Lossless keeps libwebp's default effort; quality is for lossy pictures only.
+  if (!options.lossless) config.quality = static_cast<float>(options.quality > 0 ? options.quality : kDefaultWebPQuality);
   config.exact = 1;  // keep the colour under transparent pixels, as the other formats do
   picture.use_argb = 1;
   picture.width = static_cast<int>(shape.width);
