@@ -146,6 +146,15 @@ std::vector<std::string> TiffCompressionNames();
 std::optional<TiffCompression> TiffCompressionNamed(const std::string& name);
 uint16_t TiffCodecOf(TiffCompression compression);  // libtiff's COMPRESSION_ value
 
+// Metadata in the form files store it, for the writers that embed it as they write.
+struct MetadataBlocks {
+  std::vector<uint8_t> icc;   // ICC profile
+  std::vector<uint8_t> exif;  // EXIF as a TIFF structure (what follows "Exif\0\0" in a JPEG)
+  std::string xmp;            // XMP packet
+  std::vector<uint8_t> iptc;  // IPTC datasets
+  std::vector<uint8_t> photoshopIptc;  // the same as a Photoshop resource block, as JPEG stores it
+};
+
 inline constexpr int kDefaultJpegQuality = 92;
 inline constexpr int kDefaultWebPQuality = 90;
 
@@ -155,6 +164,7 @@ struct WriteOptions {
   int level = -1;         // PNG and deflate TIFF compression level 0..9; -1: the library's default
   TiffCompression compression = TiffCompression::Deflate;
   Resolution resolution;  // written where the type has a field for it
+  const MetadataBlocks* metadata = nullptr;  // embedded by the PNG, JPEG and WebP writers
 };
 
 // Writes rows straight to path in the given type. The shape must fit the type (see

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csetjmp>
+#include <string_view>
 #include <vector>
 #include <cstring>
 
@@ -126,6 +127,26 @@ void SetDensity(jpeg_compress_struct* info, const Resolution& resolution) {
   info->Y_density = static_cast<UINT16>(resolution.y + 0.5);
 }
 
+// EXIF and XMP in APP1, IPTC in APP13 (as a Photoshop resource), the profile in APP2
+// markers. A block too large for one marker is left out (the profile is split).
+void WriteMarkers(jpeg_compress_struct* info, const MetadataBlocks& blocks) {
+  constexpr size_t kMaxMarkerBytes = 65533;
+  const auto write = [&](int marker, std::string_view prefix, const uint8_t* data, size_t size) {
+    if (size == 0 || prefix.size() + size > kMaxMarkerBytes) return;
+    std::vector<uint8_t> bytes(prefix.begin(), prefix.end());
+    bytes.insert(bytes.end(), data, data + size);
+    jpeg_write_marker(info, marker, bytes.data(), static_cast<unsigned>(bytes.size()));
+  };
+  write(JPEG_APP0 + 1, std::string_view("Exif\0\0", 6), blocks.exif.data(), blocks.exif.size());
+  write(JPEG_APP0 + 1, std::string_view("http://ns.adobe.com/xap/1.0/\0", 29),
+        reinterpret_cast<const uint8_t*>(blocks.xmp.data()), blocks.xmp.size());
+  write(JPEG_APP0 + 13, std::string_view("Photoshop 3.0\0", 14), blocks.photoshopIptc.data(),
+        blocks.photoshopIptc.size());
+  if (!blocks.icc.empty()) {
+    jpeg_write_icc_profile(info, blocks.icc.data(), static_cast<unsigned>(blocks.icc.size()));
+  }
+}
+
 // CMYK rows are inverted into `scratch` on their way out.
 Outcome WriteAll(jpeg_compress_struct* info, JpegErrors* errors, FILE* file, const RowSource* rows,
                  const WriteOptions* options, uint8_t* scratch, const RowProgress* progress) {
@@ -142,6 +163,7 @@ Outcome WriteAll(jpeg_compress_struct* info, JpegErrors* errors, FILE* file, con
   jpeg_set_quality(info, options->quality > 0 ? options->quality : kDefaultJpegQuality, TRUE);
   SetDensity(info, options->resolution);
   jpeg_start_compress(info, TRUE);
+  if (options->metadata) WriteMarkers(info, *options->metadata);
   const size_t rowBytes = shape.rowBytes();
   while (info->next_scanline < info->image_height) {
     JSAMPROW row = const_cast<uint8_t*>(rows->row(info->next_scanline));

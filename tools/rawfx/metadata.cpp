@@ -1,7 +1,6 @@
 #include "tools/rawfx/metadata.h"
 
 #include <exiv2/exiv2.hpp>
-#include <webp/mux.h>
 
 #include <algorithm>
 #include <cctype>
@@ -51,52 +50,12 @@ bool IsStorageTag(const Exiv2::Exifdatum& datum) {
   return std::any_of(std::begin(kStorageTags), std::end(kStorageTags), [&](const char* name) { return tag == name; });
 }
 
-// The types an IPTC block has a place in.
-bool HoldsIptc(FileType type) { return type != FileType::WebP; }
-
 void QuietExiv2() {
   static const bool muted = [] {
     Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
     return true;
   }();
   (void)muted;
-}
-
-// WebP keeps its metadata in chunks of its own, added here with libwebp's muxer:
-// EXIF as a TIFF-structured block, XMP as its packet, and the profile as it is.
-void AddWebPChunks(const std::string& path, const Exiv2::ExifData& exif, const Exiv2::XmpData& xmp,
-                   const std::vector<uint8_t>& icc, const std::string& name) {
-  std::vector<uint8_t> file;
-  {
-    std::ifstream in(path, std::ios::binary);
-    file.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  Exiv2::Blob exifBlock;
-  if (!exif.empty()) Exiv2::ExifParser::encode(exifBlock, Exiv2::littleEndian, exif);
-  std::string packet;
-  if (!xmp.empty() && Exiv2::XmpParser::encode(packet, xmp) != 0) packet.clear();
-  const WebPData image{file.data(), file.size()};
-  std::unique_ptr<WebPMux, void (*)(WebPMux*)> mux(WebPMuxCreate(&image, 0), WebPMuxDelete);
-  if (!mux) throw ImageError("cannot write " + name + ": its metadata: the WebP file cannot be reopened");
-  const std::pair<const char*, WebPData> chunks[] = {
-      {"ICCP", {icc.data(), icc.size()}},
-      {"EXIF", {exifBlock.data(), exifBlock.size()}},
-      {"XMP ", {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()}},
-  };
-  for (const auto& [fourcc, data] : chunks) {
-    if (data.size > 0 && WebPMuxSetChunk(mux.get(), fourcc, &data, 0) != WEBP_MUX_OK) {
-      throw ImageError("cannot write " + name + ": its metadata: libwebp refused the " + fourcc + " chunk");
-    }
-  }
-  WebPData assembled{};
-  if (WebPMuxAssemble(mux.get(), &assembled) != WEBP_MUX_OK) {
-    throw ImageError("cannot write " + name + ": its metadata: libwebp cannot assemble the file");
-  }
-  std::unique_ptr<WebPData, void (*)(WebPData*)> owner(&assembled, WebPDataClear);
-  FilePointer out = OpenFile(path, "wb", name, "write");
-  if (std::fwrite(assembled.bytes, 1, assembled.size, out.get()) != assembled.size || std::fflush(out.get()) != 0) {
-    throw WriteFailure(name, errno);
-  }
 }
 
 }  // namespace
@@ -193,17 +152,24 @@ std::vector<std::pair<std::string, std::string>> Metadata::describe() const {
   return lines;
 }
 
-void Metadata::writeTo(const std::string& path, FileType type, const ImageShape& shape, const std::string& name) const {
-  QuietExiv2();
-  const Data& data = *data_;
-  Exiv2::ExifData exif = data.exif;
+namespace {
+
+// The EXIF and XMP an output of this shape carries; empty when the input said
+// nothing but how its pixels were stored.
+struct Kept {
+  Exiv2::ExifData exif;
+  Exiv2::XmpData xmp;
+};
+
+Kept KeptFor(const Exiv2::ExifData& sourceExif, const Exiv2::XmpData& sourceXmp, const ImageShape& shape) {
+  Kept kept{sourceExif, sourceXmp};
+  Exiv2::ExifData& exif = kept.exif;
   Exiv2::ExifThumb(exif).erase();
   for (auto datum = exif.begin(); datum != exif.end();) {
     datum = IsOtherPicture(datum->groupName()) || IsStorageTag(*datum) ? exif.erase(datum) : std::next(datum);
   }
-  // A file that said nothing but how its pixels were stored has nothing to carry over.
-  const bool onlyOrientation = exif.count() == (exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation")) != exif.end());
-  if (onlyOrientation && data.xmp.empty() && data.iptc.empty() && data.icc.empty()) return;
+  const bool hasOrientation = exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation")) != exif.end();
+  if (exif.count() == (hasOrientation ? 1 : 0)) exif.clear();
   if (exif.findKey(Exiv2::ExifKey("Exif.Image.Orientation")) != exif.end()) {
     exif["Exif.Image.Orientation"] = static_cast<uint16_t>(1);
   }
@@ -211,15 +177,42 @@ void Metadata::writeTo(const std::string& path, FileType type, const ImageShape&
                                    std::pair{"Exif.Photo.PixelYDimension", shape.height}}) {
     if (exif.findKey(Exiv2::ExifKey(key)) != exif.end()) exif[key] = static_cast<uint32_t>(value);
   }
-  Exiv2::XmpData xmp = data.xmp;
-  if (xmp.findKey(Exiv2::XmpKey("Xmp.tiff.Orientation")) != xmp.end()) xmp["Xmp.tiff.Orientation"] = "1";
+  if (kept.xmp.findKey(Exiv2::XmpKey("Xmp.tiff.Orientation")) != kept.xmp.end()) kept.xmp["Xmp.tiff.Orientation"] = "1";
+  return kept;
+}
+
+std::vector<uint8_t> BytesOf(const Exiv2::DataBuf& buffer) {
+  return {buffer.pData_, buffer.pData_ + std::max(buffer.size_, 0L)};
+}
+
+}  // namespace
+
+MetadataBlocks Metadata::blocks(const ImageShape& shape) const {
+  QuietExiv2();
+  const Data& data = *data_;
+  const Kept kept = KeptFor(data.exif, data.xmp, shape);
+  MetadataBlocks blocks;
+  blocks.icc = data.icc;
+  if (!kept.exif.empty()) Exiv2::ExifParser::encode(blocks.exif, Exiv2::bigEndian, kept.exif);
+  if (!kept.xmp.empty() && Exiv2::XmpParser::encode(blocks.xmp, kept.xmp) != 0) blocks.xmp.clear();
+  if (!data.iptc.empty()) {
+    blocks.iptc = BytesOf(Exiv2::IptcParser::encode(data.iptc));
+    blocks.photoshopIptc = BytesOf(Exiv2::Photoshop::setIptcIrb(nullptr, 0, data.iptc));
+  }
+  return blocks;
+}
+
+void Metadata::addToTiff(const std::string& path, const ImageShape& shape, const std::string& name) const {
+  QuietExiv2();
+  const Data& data = *data_;
+  const Kept kept = KeptFor(data.exif, data.xmp, shape);
+  if (kept.exif.empty() && kept.xmp.empty() && data.iptc.empty() && data.icc.empty()) return;
   try {
-    if (type == FileType::WebP) return AddWebPChunks(path, exif, xmp, data.icc, name);
     Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
-    image->readMetadata();  // what the encoder wrote stays: the TIFF and PNG structure, the JFIF density
-    image->setExifData(exif);
-    image->setXmpData(xmp);
-    if (HoldsIptc(type)) image->setIptcData(data.iptc);
+    image->readMetadata();  // the structure the encoder wrote stays
+    image->setExifData(kept.exif);
+    image->setXmpData(kept.xmp);
+    image->setIptcData(data.iptc);
     if (!data.icc.empty()) {
       Exiv2::DataBuf profile(data.icc.data(), static_cast<long>(data.icc.size()));
       image->setIccProfile(profile, false);

@@ -46,10 +46,12 @@ class Metadata {
   // One entry per kind the file carries ({"EXIF", "23 tags"}), for rawfx info.
   std::vector<std::pair<std::string, std::string>> describe() const;
 
-  // Adds everything kept to a file just written in `type` with `shape`: EXIF without
-  // orientation (written as 1) and thumbnails, with the pixel size updated; XMP; IPTC
-  // where the type has room for it; the ICC profile. ImageError on failure.
-  void writeTo(const std::string& path, FileType type, const ImageShape& shape, const std::string& name) const;
+  // What is kept for an output of this shape: EXIF without orientation (written as 1)
+  // and thumbnails, with the pixel size updated; XMP; IPTC; the ICC profile. PNG, JPEG
+  // and WebP writers embed the blocks (WriteOptions::metadata); a TIFF gets them with
+  // addToTiff once it is written (ImageError on failure). WebP has no place for IPTC.
+  MetadataBlocks blocks(const ImageShape& shape) const;
+  void addToTiff(const std::string& path, const ImageShape& shape, const std::string& name) const;
 
  private:
   struct Data;

@@ -182,6 +182,49 @@ void FlushBytes(png_structp png) {
   }
 }
 
+// IPTC the way other PNG writers keep it: a compressed text chunk holding the
+// datasets as hexadecimal, after a line with their name and one with their length.
+std::string RawProfileText(const std::vector<uint8_t>& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text = "\niptc\n" + std::string(8 - std::min<size_t>(8, std::to_string(bytes.size()).size()), ' ') +
+                     std::to_string(bytes.size()) + "\n";
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 15];
+    if (i % 36 == 35 || i + 1 == bytes.size()) text += '\n';
+  }
+  return text;
+}
+
+// The profile (iCCP), EXIF (eXIf), XMP (iTXt) and IPTC (zTXt), set before the header is written.
+void SetMetadata(png_structp png, png_infop info, const MetadataBlocks& blocks, std::string* iptcText) {
+  if (!blocks.icc.empty()) {
+    png_set_iCCP(png, info, "ICC profile", PNG_COMPRESSION_TYPE_BASE, blocks.icc.data(),
+                 static_cast<png_uint_32>(blocks.icc.size()));
+  }
+  if (!blocks.exif.empty()) {
+    png_set_eXIf_1(png, info, static_cast<png_uint_32>(blocks.exif.size()), const_cast<uint8_t*>(blocks.exif.data()));
+  }
+  png_text texts[2] = {};
+  int count = 0;
+  if (!blocks.xmp.empty()) {
+    png_text& xmp = texts[count++];
+    xmp.compression = PNG_ITXT_COMPRESSION_NONE;
+    xmp.key = const_cast<char*>("XML:com.adobe.xmp");
+    xmp.text = const_cast<char*>(blocks.xmp.c_str());
+    xmp.itxt_length = blocks.xmp.size();
+  }
+  if (!blocks.iptc.empty()) {
+    *iptcText = RawProfileText(blocks.iptc);
+    png_text& iptc = texts[count++];
+    iptc.compression = PNG_TEXT_COMPRESSION_zTXt;
+    iptc.key = const_cast<char*>("Raw profile type iptc");
+    iptc.text = iptcText->data();
+    iptc.text_length = iptcText->size();
+  }
+  if (count > 0) png_set_text(png, info, texts, count);
+}
+
 Outcome WriteAll(png_structp png, png_infop info, PngOutput* output, const RowSource* rows,
                  const WriteOptions* options, const RowProgress* progress) {
   if (setjmp(png_jmpbuf(png))) return Outcome::Failed;
@@ -191,6 +234,10 @@ Outcome WriteAll(png_structp png, png_infop info, PngOutput* output, const RowSo
                shape.depth, ColourTypeOfLayout(shape.layout), PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                PNG_FILTER_TYPE_DEFAULT);
   if (options->level >= 0) png_set_compression_level(png, options->level);
+  // A profile libpng finds inconsistent is left out with a warning rather than failing the write.
+  png_set_benign_errors(png, 1);
+  std::string iptcText;
+  if (options->metadata) SetMetadata(png, info, *options->metadata, &iptcText);
   const Resolution& resolution = options->resolution;
   if (resolution.known()) {
     const double toMetre = resolution.perCentimetre ? 100.0 : 100.0 / 2.54;
@@ -203,7 +250,7 @@ Outcome WriteAll(png_structp png, png_infop info, PngOutput* output, const RowSo
     png_write_row(png, rows->row(y));
     if (*progress && !(*progress)(y + 1, shape.height)) return Outcome::Stopped;
   }
-  png_write_end(png, info);
+  png_write_end(png, nullptr);  // every chunk went before the pixels; with info, libpng would repeat eXIf
   return Outcome::Done;
 }
 

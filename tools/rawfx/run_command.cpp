@@ -297,15 +297,18 @@ void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostre
     const std::string fitNote = FitNote(BitmapShape(host, result.get()), output.type);
     if (!fitNote.empty()) Note(log, common, output.name + ": " + fitNote);
     encoding.resolution = UprightResolution(*input.reader, input.metadata);
+    MetadataBlocks blocks;
+    if (!common.strip) {
+      KeepMatchingProfile(input.metadata, rows.shape, output, common, log);
+      blocks = input.metadata.blocks(rows.shape);
+      encoding.metadata = &blocks;
+    }
     const std::string& temporary = piped ? piped->path() : file->temporaryPath();
     RowBar writing(common, "writing");
     WriteRows(rows, temporary, output.type, encoding, output.name, writing.progress());
     writing.bar.finish();
     result.reset(nullptr);
-    if (!common.strip) {
-      KeepMatchingProfile(input.metadata, rows.shape, output, common, log);
-      input.metadata.writeTo(temporary, output.type, rows.shape, output.name);
-    }
+    if (!common.strip && output.type == FileType::TIFF) input.metadata.addToTiff(temporary, rows.shape, output.name);
     if (Interrupted()) ThrowCancelled();
     if (piped) {
       CopyToStandardOutput(*piped);

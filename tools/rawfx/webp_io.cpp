@@ -3,6 +3,7 @@
 // caller's rows; writing fills libwebp's picture row by row and encodes it in memory.
 #include <webp/decode.h>
 #include <webp/encode.h>
+#include <webp/mux.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -100,6 +101,28 @@ const char* EncodeErrorOf(WebPEncodingError error) {
   }
 }
 
+// The encoded picture with the profile, EXIF and XMP in WebP's own chunks (it has none for IPTC).
+WebPData WithMetadata(const WebPMemoryWriter& encoded, const MetadataBlocks& blocks, const std::string& name) {
+  const WebPData image{encoded.mem, encoded.size};
+  std::unique_ptr<WebPMux, void (*)(WebPMux*)> mux(WebPMuxCreate(&image, 0), WebPMuxDelete);
+  if (!mux) throw ImageError("cannot write " + name + ": out of memory");
+  const std::pair<const char*, WebPData> chunks[] = {
+      {"ICCP", {blocks.icc.data(), blocks.icc.size()}},
+      {"EXIF", {blocks.exif.data(), blocks.exif.size()}},
+      {"XMP ", {reinterpret_cast<const uint8_t*>(blocks.xmp.data()), blocks.xmp.size()}},
+  };
+  for (const auto& [fourcc, data] : chunks) {
+    if (data.size > 0 && WebPMuxSetChunk(mux.get(), fourcc, &data, 0) != WEBP_MUX_OK) {
+      throw ImageError("cannot write " + name + ": libwebp refused its " + fourcc + " chunk");
+    }
+  }
+  WebPData assembled{};
+  if (WebPMuxAssemble(mux.get(), &assembled) != WEBP_MUX_OK) {
+    throw ImageError("cannot write " + name + ": libwebp cannot assemble the file");
+  }
+  return assembled;
+}
+
 }  // namespace
 
 std::unique_ptr<ImageReader> OpenWebP(FilePointer file, const std::string& name, const ReadOptions& options) {
@@ -143,7 +166,14 @@ void EncodeWebP(const RowSource& rows, FILE* file, const WriteOptions& options, 
   picture.user_data = &state;
   picture.progress_hook = OnEncodeProgress;
   if (!WebPEncode(&config, &picture)) throw ImageError("cannot write " + name + ": " + EncodeErrorOf(picture.error_code));
-  if (std::fwrite(writer.mem, 1, writer.size, file) != writer.size) throw WriteFailure(name, errno);
+  owner.reset();  // the pixels are encoded
+  WebPData output{writer.mem, writer.size};
+  std::unique_ptr<WebPData, void (*)(WebPData*)> assembled(nullptr, WebPDataClear);
+  if (options.metadata) {
+    output = WithMetadata(writer, *options.metadata, name);
+    assembled.reset(&output);
+  }
+  if (std::fwrite(output.bytes, 1, output.size, file) != output.size) throw WriteFailure(name, errno);
 }
 
 }  // namespace rawfx::tool
