@@ -101,6 +101,7 @@ TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
   // --strip writes none of it; a grey output cannot carry an RGB profile, and says so.
   ASSERT_EQ(RunTool({"interlace", "--strip", in, scratch / "bare.png"}, scratch).status, 0);
   EXPECT_EQ(Carried(scratch / "bare.png"), "-;-;-;-;-;0");
+  EXPECT_EQ(RunTool({"info", scratch / "bare.png"}, scratch).out.find("resolution"), std::string::npos);
   EXPECT_TRUE(ReadImage(scratch / "bare.png").image == ReadImage(scratch / "out.png").image);
   const ToolResult grey = RunTool({"interlace", "--model", "gray", in, scratch / "grey.png"}, scratch);
   EXPECT_NE(grey.err.find("ICC profile is for RGB colour but the output holds grey pixels"), std::string::npos)

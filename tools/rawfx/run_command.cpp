@@ -296,9 +296,9 @@ void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostre
     const RowSource rows = BitmapRows(host, result.get(), output.type);
     const std::string fitNote = FitNote(BitmapShape(host, result.get()), output.type);
     if (!fitNote.empty()) Note(log, common, output.name + ": " + fitNote);
-    encoding.resolution = UprightResolution(*input.reader, input.metadata);
     MetadataBlocks blocks;
     if (!common.strip) {
+      encoding.resolution = UprightResolution(*input.reader, input.metadata);
       KeepMatchingProfile(input.metadata, rows.shape, output, common, log);
       blocks = input.metadata.blocks(rows.shape);
       encoding.metadata = &blocks;
