@@ -24,7 +24,8 @@ struct JpegErrors {
   jpeg_error_mgr manager;  // first, so libjpeg's pointer to it is a pointer to the whole
   jmp_buf jump;
   char message[JMSG_LENGTH_MAX];
-  int systemError = 0;  // errno of a failed write, taken before anything can change it
+  int systemError = 0;   // errno of a failed read or write, taken before anything can change it
+  FILE* input = nullptr;  // the file read, whose error state tells a failed read from an end
 };
 
 [[noreturn]] void StoreErrorAndJump(j_common_ptr info) {
@@ -37,7 +38,11 @@ struct JpegErrors {
 // Warnings are ignored, except data that stops short: libjpeg would pad the
 // rest of the picture with grey and call it a success.
 void TreatTruncationAsError(j_common_ptr info, int level) {
-  if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) StoreErrorAndJump(info);
+  if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) {
+    auto* errors = reinterpret_cast<JpegErrors*>(info->err);
+    if (errors->input && std::ferror(errors->input)) errors->systemError = errno;
+    StoreErrorAndJump(info);
+  }
 }
 
 void InstallErrorHandler(JpegErrors& errors) {
@@ -183,6 +188,7 @@ class JpegReader final : public ImageReader {
  public:
   JpegReader(FilePointer file, std::string name) : file_(std::move(file)), name_(std::move(name)) {
     InstallErrorHandler(errors_);
+    errors_.input = file_.get();
   }
 
   void open(const ReadOptions& options) {
@@ -211,6 +217,7 @@ class JpegReader final : public ImageReader {
 
  private:
   ImageError Corrupt() const {
+    if (errors_.systemError != 0) return ImageError("cannot read " + name_ + ": " + std::strerror(errors_.systemError));
     // A progressive file holds every coefficient while it is read, which may not fit.
     if (errors_.manager.msg_code == JERR_OUT_OF_MEMORY) {
       return ImageError("cannot read " + name_ + ": not enough memory to decode it");

@@ -63,11 +63,24 @@ struct PngHeader {
   png_uint_32 xPerMetre = 0, yPerMetre = 0;
 };
 
+// The file, and the system's reason when reading or writing it failed.
+struct PngStream {
+  FILE* file;
+  int error = 0;
+};
+
+void ReadBytes(png_structp png, png_bytep data, size_t count) {
+  auto* stream = static_cast<PngStream*>(png_get_io_ptr(png));
+  if (std::fread(data, 1, count, stream->file) == count) return;
+  if (std::ferror(stream->file)) stream->error = errno;
+  png_error(png, "the file is truncated");
+}
+
 // Reads the header and asks for 8- or 16-bit grey, grey+alpha, RGB or RGBA
 // samples in the machine's byte order, whatever the file holds.
-bool ReadHeader(png_structp png, png_infop info, FILE* file, PngHeader* header) {
+bool ReadHeader(png_structp png, png_infop info, PngStream* stream, PngHeader* header) {
   if (setjmp(png_jmpbuf(png))) return false;
-  png_init_io(png, file);
+  png_set_read_fn(png, stream, ReadBytes);
   png_read_info(png, info);
   const int colourType = png_get_color_type(png, info);
   const int depth = png_get_bit_depth(png, info);
@@ -123,7 +136,8 @@ int ColourTypeOfLayout(Layout layout) {
 
 class PngReader final : public ImageReader {
  public:
-  PngReader(FilePointer file, std::string name) : file_(std::move(file)), name_(std::move(name)) {}
+  PngReader(FilePointer file, std::string name)
+      : file_(std::move(file)), stream_{file_.get()}, name_(std::move(name)) {}
 
   void open(const ReadOptions& options) {
     CheckDeclaredSize(file_.get(), name_, options);
@@ -131,7 +145,7 @@ class PngReader final : public ImageReader {
     if (structs_.png) structs_.info = png_create_info_struct(structs_.png);
     if (!structs_.info) throw ImageError("cannot read " + name_ + ": out of memory");
     png_set_user_limits(structs_.png, kMaxPngSide, kMaxPngSide);
-    if (!ReadHeader(structs_.png, structs_.info, file_.get(), &header_)) throw Corrupt();
+    if (!ReadHeader(structs_.png, structs_.info, &stream_, &header_)) throw Corrupt();
     shape = {header_.width, header_.height, LayoutOfColourType(header_.colourType), header_.depth};
     resolution = {header_.xPerMetre * 0.0254, header_.yPerMetre * 0.0254, false};  // dots per inch
   }
@@ -145,9 +159,13 @@ class PngReader final : public ImageReader {
   }
 
  private:
-  ImageError Corrupt() const { return ImageError("cannot read " + name_ + ": corrupt PNG: " + errors_.message); }
+  ImageError Corrupt() const {
+    if (stream_.error != 0) return ImageError("cannot read " + name_ + ": " + std::strerror(stream_.error));
+    return ImageError("cannot read " + name_ + ": corrupt PNG: " + errors_.message);
+  }
 
   FilePointer file_;
+  PngStream stream_;
   std::string name_;
   PngErrorState errors_;
   ReadStructs structs_;
@@ -160,14 +178,8 @@ struct WriteStructs {
   ~WriteStructs() { png_destroy_write_struct(&png, &info); }
 };
 
-// The file, and the system's reason when writing to it failed.
-struct PngOutput {
-  FILE* file;
-  int error = 0;
-};
-
 void WriteBytes(png_structp png, png_bytep data, size_t count) {
-  auto* output = static_cast<PngOutput*>(png_get_io_ptr(png));
+  auto* output = static_cast<PngStream*>(png_get_io_ptr(png));
   if (std::fwrite(data, 1, count, output->file) != count) {
     output->error = errno;
     png_error(png, "write failed");
@@ -175,7 +187,7 @@ void WriteBytes(png_structp png, png_bytep data, size_t count) {
 }
 
 void FlushBytes(png_structp png) {
-  auto* output = static_cast<PngOutput*>(png_get_io_ptr(png));
+  auto* output = static_cast<PngStream*>(png_get_io_ptr(png));
   if (std::fflush(output->file) != 0) {
     output->error = errno;
     png_error(png, "write failed");
@@ -225,7 +237,7 @@ void SetMetadata(png_structp png, png_infop info, const MetadataBlocks& blocks, 
   if (count > 0) png_set_text(png, info, texts, count);
 }
 
-Outcome WriteAll(png_structp png, png_infop info, PngOutput* output, const RowSource* rows,
+Outcome WriteAll(png_structp png, png_infop info, PngStream* output, const RowSource* rows,
                  const WriteOptions* options, const RowProgress* progress) {
   if (setjmp(png_jmpbuf(png))) return Outcome::Failed;
   const ImageShape& shape = rows->shape;
@@ -269,7 +281,7 @@ void EncodePng(const RowSource& rows, FILE* file, const WriteOptions& options, c
   structs.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &errors, StoreErrorAndJump, IgnoreWarning);
   if (structs.png) structs.info = png_create_info_struct(structs.png);
   if (!structs.info) throw ImageError("cannot write " + name + ": out of memory");
-  PngOutput output{file};
+  PngStream output{file};
   switch (WriteAll(structs.png, structs.info, &output, &rows, &options, &progress)) {
     case Outcome::Done: return;
     case Outcome::Failed:
