@@ -60,13 +60,14 @@ TEST(ToolErrors, EveryFailureIsOneLineWithItsStatusAndLeavesNoFile) {
       {{"polar", in, scratch / "no/such/dir/out.png"}, 2, "No such file or directory"},
       {{"polar", in, scratch / "out.bmp"}, 2, "the name must end in .png"},
       {{"polar", in, in}, 2, "rawfx never overwrites its input"},
+      {{"oilpaint", "--mask", scratch / "mask.png", in, out}, 2, "is 10 x 10 but the input is 24 x 16"},
+      {{"polar", in}, 2, "OUTPUT"},
+      // Output types and encodings that do not fit.
       {{"polar", in, "-"}, 2, "the output - is standard output: give its type with --format"},
       {{"polar", "--format", "webp", in, out}, 2, "does not match the output name"},
       {{"polar", "--lossless", in, scratch / "out.jpg"}, 2, "JPEG is always lossy"},
       {{"polar", "--page", "2", in, out}, 2, "a PNG file has one page"},
       {{"polar", "--compress", "jpeg", in, scratch / "out.tif"}, 2, "--compress"},
-      {{"oilpaint", "--mask", scratch / "mask.png", in, out}, 2, "is 10 x 10 but the input is 24 x 16"},
-      {{"polar", in}, 2, "OUTPUT"},
       // The effect refusing the bitmap: status 1.
       {{"oilpaint", in16, out}, 1, "oil paint works on 8-bit images; use --depth 8"},
       {{"oilpaint", "--depth", "16", in, out}, 1, "oil paint works on 8-bit images"},

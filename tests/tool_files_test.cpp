@@ -191,12 +191,24 @@ std::string PngHeader(uint32_t width, uint32_t height, uint8_t colourType) {
   return "\x89PNG\r\n\x1a\n" + chunk("IHDR", header) + chunk("IDAT", "") + chunk("IEND", "");
 }
 
+// The tool run by the shell with its address space limited to `bytes` (ulimit -v) and
+// one malloc arena, whose reservations would otherwise count as used.
+ToolResult RunLimited(const std::vector<std::string>& words, const ScratchDir& scratch, uint64_t bytes) {
+  const std::string err = scratch / ".limited-stderr";
+  std::string line = "ulimit -v " + std::to_string(bytes >> 10) + "; MALLOC_ARENA_MAX=1 exec " RAWFX_TOOL_PATH;
+  for (const std::string& word : words) line += " '" + word + "'";
+  const int status = std::system((line + " < /dev/null > /dev/null 2> " + err).c_str());
+  ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), "", test::ReadText(err)};
+  std::filesystem::remove(err);
+  return result;
+}
+
 // The smallest address space (to 4 MiB) in which the run succeeds.
-rlim_t SmallestAddressSpace(const std::vector<std::string>& words, const ScratchDir& scratch) {
-  rlim_t low = 4 << 20, high = rlim_t{4} << 30;
+uint64_t SmallestAddressSpace(const std::vector<std::string>& words, const ScratchDir& scratch) {
+  uint64_t low = 4 << 20, high = uint64_t{4} << 30;
   while (high - low > (4 << 20)) {
-    const rlim_t middle = (low + high) / 2;
-    (RunTool(words, scratch, middle).status == 0 ? high : low) = middle;
+    const uint64_t middle = (low + high) / 2;
+    (RunLimited(words, scratch, middle).status == 0 ? high : low) = middle;
   }
   return high;
 }
@@ -215,13 +227,13 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
     return std::vector<std::string>{"polar", "-q", "--threads", "1", "--compress", "none", scratch / input,
                                     scratch / "out.tif"};
   };
-  const rlim_t base = SmallestAddressSpace(polar("tiny.tif"), scratch);
-  const ToolResult fits = RunTool(polar("large.tif"), scratch, base + rlim_t(2.2 * double(bytes)));
+  const uint64_t base = SmallestAddressSpace(polar("tiny.tif"), scratch);
+  const ToolResult fits = RunLimited(polar("large.tif"), scratch, base + uint64_t(2.2 * double(bytes)));
   EXPECT_EQ(fits.status, 0) << fits.err;
   std::filesystem::remove(scratch / "out.tif");
   // Too little for the source, then too little for the result: one line, status 2, no file.
   for (const double share : {0.5, 1.5}) {
-    const ToolResult starved = RunTool(polar("large.tif"), scratch, base + rlim_t(share * double(bytes)));
+    const ToolResult starved = RunLimited(polar("large.tif"), scratch, base + uint64_t(share * double(bytes)));
     EXPECT_EQ(starved.status, 2) << share;
     EXPECT_TRUE(starved.err.find("memory") != std::string::npos && starved.err.find('\n') == starved.err.size() - 1)
         << starved.err;
@@ -239,7 +251,7 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
            {{"polar", "--threads", "1", scratch / "side.png", scratch / "o.png"}, "a PNG side longer than 1000000"},
            {{"polar", "--threads", "1", "--max-pixels", "2000000000", scratch / "huge.png", scratch / "o.png"}, "the host cannot make"},
            {{"info", scratch / "zeros.png"}, "not a PNG, JPEG, TIFF or WebP image"}}) {
-    const ToolResult refused = RunTool(words, scratch, base);
+    const ToolResult refused = RunLimited(words, scratch, base);
     EXPECT_EQ(refused.status, 2);
     EXPECT_NE(refused.err.find(message), std::string::npos) << refused.err;
   }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,18 +84,11 @@ struct ToolResult {
 };
 
 // The built tool started as a child process, its output going to files in scratch.
-// A non-zero addressSpace limits the child's address space (RLIMIT_AS) to that many
-// bytes, with one malloc arena, whose reservations would otherwise count as used.
 class ToolProcess {
  public:
-  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch, rlim_t addressSpace = 0)
+  ToolProcess(std::vector<std::string> arguments, const ScratchDir& scratch)
       : out_(scratch / ".tool-stdout"), err_(scratch / ".tool-stderr") {
     if ((pid_ = fork()) != 0) return;
-    if (addressSpace != 0) {
-      const rlimit limit{addressSpace, addressSpace};
-      setrlimit(RLIMIT_AS, &limit);
-      setenv("MALLOC_ARENA_MAX", "1", 1);
-    }
     dup2(open("/dev/null", O_RDONLY), 0);
     dup2(open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
@@ -123,9 +115,8 @@ class ToolProcess {
   std::string out_, err_;
 };
 
-inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch,
-                          rlim_t addressSpace = 0) {
-  return ToolProcess(arguments, scratch, addressSpace).wait();
+inline ToolResult RunTool(const std::vector<std::string>& arguments, const ScratchDir& scratch) {
+  return ToolProcess(arguments, scratch).wait();
 }
 
 }  // namespace rawfx::tool::test
