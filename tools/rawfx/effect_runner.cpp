@@ -94,14 +94,6 @@ REALobject ApplyInPlace(host::Host& host, REALobject effect, REALobject source) 
   return source;
 }
 
-// Whether the host can make another bitmap like this one now: a run that gave no
-// result and stored no error may have been refused the memory for its result.
-bool HostCanMake(host::Host& host, const host::BitmapView& like) {
-  REALobject probe = host.NewBitmap(like.width, like.height, like.format, like.bitsPerChannel);
-  if (probe) host.Unlock(probe);
-  return probe != nullptr;
-}
-
 [[noreturn]] void ThrowCancelled() { throw ToolError(kExitCancelled, "interrupted; nothing was written"); }
 
 }  // namespace

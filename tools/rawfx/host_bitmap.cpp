@@ -222,6 +222,12 @@ REALobject Orient(host::Host& host, REALobject bitmap, const Orientation& orient
   return turned;
 }
 
+bool HostCanMake(host::Host& host, const host::BitmapView& like) {
+  REALobject probe = host.NewBitmap(like.width, like.height, like.format, like.bitsPerChannel);
+  if (probe) host.Unlock(probe);
+  return probe != nullptr;
+}
+
 ImageShape BitmapShape(const host::Host& host, REALobject bitmap) {
   const host::BitmapView view = host.Bitmap(bitmap);
   const host::FormatInfo* format = host::FindFormat(view.format);

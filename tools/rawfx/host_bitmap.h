@@ -69,6 +69,10 @@ REALobject Orient(host::Host& host, REALobject bitmap, const Orientation& orient
 // where the layouts agree, else converted one row at a time. The bitmap must
 // outlive the rows.
 RowSource BitmapRows(const host::Host& host, REALobject bitmap, FileType type);
-ImageShape BitmapShape(const host::Host& host, REALobject bitmap);  // in the layout of its format's family
+ImageShape BitmapShape(const host::Host& host, REALobject bitmap);
+
+// Whether the host can make another bitmap like this one now: a run that gave no
+// result and stored no error may have been refused the memory for its result.
+bool HostCanMake(host::Host& host, const host::BitmapView& like);  // in the layout of its format's family
 
 }  // namespace rawfx::tool
