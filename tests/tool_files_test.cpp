@@ -8,6 +8,8 @@
 
 #include <exiv2/exiv2.hpp>
 
+#include <functional>
+
 #include "tool_test_support.h"
 
 namespace rawfx::tool {
@@ -68,22 +70,52 @@ std::string Carried(const std::string& path) {
   return carried + std::to_string(image->iccProfileDefined() ? image->iccProfile()->size_ : 0);
 }
 
-// The stored picture as it is viewed: upright pixel (x, y) is stored at (y, height - 1 - x).
-Image TurnedClockwise(const Image& stored) {
-  Image upright = Image::Blank(stored.height, stored.width, stored.layout, stored.depth);
+// The stored picture as it is viewed, by the EXIF definition of each orientation:
+// where upright pixel (x, y) is stored, in a stored picture w x h.
+Image Upright(const Image& stored, int orientation) {
+  const int64_t w = stored.width, h = stored.height;
+  const std::function<std::pair<int64_t, int64_t>(int64_t, int64_t)> where[] = {
+      [](int64_t x, int64_t y) { return std::pair{x, y}; },
+      [&](int64_t x, int64_t y) { return std::pair{w - 1 - x, y}; },
+      [&](int64_t x, int64_t y) { return std::pair{w - 1 - x, h - 1 - y}; },
+      [&](int64_t x, int64_t y) { return std::pair{x, h - 1 - y}; },
+      [](int64_t x, int64_t y) { return std::pair{y, x}; },
+      [&](int64_t x, int64_t y) { return std::pair{y, h - 1 - x}; },
+      [&](int64_t x, int64_t y) { return std::pair{w - 1 - y, h - 1 - x}; },
+      [&](int64_t x, int64_t y) { return std::pair{w - 1 - y, x}; },
+  };
+  const bool turned = orientation >= 5;
+  Image upright = Image::Blank(turned ? h : w, turned ? w : h, stored.layout, stored.depth);
   const int channels = stored.channels();
   for (int64_t y = 0; y < upright.height; ++y)
-    for (int64_t x = 0; x < upright.width; ++x)
-      for (int c = 0; c < channels; ++c)
-        upright.row(y)[x * channels + c] = stored.row(stored.height - 1 - x)[y * channels + c];
+    for (int64_t x = 0; x < upright.width; ++x) {
+      const auto [sx, sy] = where[orientation - 1](x, y);
+      std::copy_n(stored.row(sy) + sx * channels, channels, upright.row(y) + x * channels);
+    }
   return upright;
+}
+
+// Every orientation is undone exactly (interlace with its defaults changes no pixel).
+TEST(ToolMetadata, EveryOrientationIsTurnedUpright) {
+  ScratchDir scratch;
+  const Image stored = test::NoiseImage(7, 4, Layout::RGB, 8);
+  for (int orientation = 1; orientation <= 8; ++orientation) {
+    SaveImage(stored, scratch / "in.png");
+    Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(scratch / "in.png");
+    Exiv2::ExifData exif;
+    exif["Exif.Image.Orientation"] = uint16_t(orientation);
+    image->setExifData(exif);
+    image->writeMetadata();
+    ASSERT_EQ(RunTool({"interlace", scratch / "in.png", scratch / "out.png"}, scratch).status, 0);
+    EXPECT_TRUE(ReadImage(scratch / "out.png").image == Upright(stored, orientation)) << orientation;
+  }
 }
 
 TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
   ScratchDir scratch;
   const std::string in = scratch / "phone.jpg";
   MakePhonePhoto(in, test::RampImage(30, 20, Layout::RGB));
-  const Image upright = TurnedClockwise(ReadImage(in).image);
+  const Image upright = Upright(ReadImage(in).image, 6);
   const std::string all = "1;A. Photographer;N;lang=\"x-default\" CC0;coffee;256", noIptc = "1;A. Photographer;N;lang=\"x-default\" CC0;-;256";
   // Interlace with its defaults changes no pixel, so the output is the upright input.
   for (const auto& [name, carried, error] : {std::tuple{"out.jpg", all, 3.0}, {"out.png", all, 0.0},
