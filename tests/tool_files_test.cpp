@@ -276,13 +276,15 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   test::WriteBytes(scratch / "wide.png", PngHeader(2147483647, 1, 6));
   test::WriteBytes(scratch / "side.png", PngHeader(1000001, 1, 0));
   test::WriteBytes(scratch / "huge.png", PngHeader(40000, 40000, 6));
+  SaveImage(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
   test::WriteBytes(scratch / "zeros.png", "");
   std::filesystem::resize_file(scratch / "zeros.png", 1 << 30);  // sparse: 1 GiB of zeros on no disk
   for (const auto& [words, message] : std::initializer_list<std::pair<std::vector<std::string>, std::string>>{
            {{"info", scratch / "wide.png"}, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused"},
            {{"polar", "--threads", "1", scratch / "side.png", scratch / "o.png"}, "a PNG side longer than 1000000"},
            {{"polar", "--threads", "1", "--max-pixels", "2000000000", scratch / "huge.png", scratch / "o.png"}, "the host cannot make"},
-           {{"info", scratch / "zeros.png"}, "not a PNG, JPEG, TIFF or WebP image"}}) {
+           {{"info", scratch / "zeros.png"}, "not a PNG, JPEG, TIFF or WebP image"},
+           {{"polar", "--threads", "1", scratch / "tall.tif", scratch / "o.png"}, "PNG holds at most 1000000 pixels a side"}}) {
     const ToolResult refused = RunLimited(words, scratch, base);
     EXPECT_EQ(refused.status, 2);
     EXPECT_NE(refused.err.find(message), std::string::npos) << refused.err;

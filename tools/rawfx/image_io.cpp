@@ -93,7 +93,7 @@ struct FileTypeInfo {
 
 const std::vector<FileTypeInfo>& FileTypes() {
   static const std::vector<FileTypeInfo> types = {
-      {FileType::PNG, "png", "PNG", {"png"}, {{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}}, INT32_MAX, OpenPng, EncodePng},
+      {FileType::PNG, "png", "PNG", {"png"}, {{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}}, kMaxPngSide, OpenPng, EncodePng},
       {FileType::JPEG, "jpeg", "JPEG", {"jpeg", "jpg"}, {{0xFF, 0xD8, 0xFF}}, 65500, OpenJpeg, EncodeJpeg},
       {FileType::TIFF, "tiff", "TIFF", {"tiff", "tif"},
        {{'I', 'I', 42, 0}, {'M', 'M', 0, 42}, {'I', 'I', 43, 0}, {'M', 'M', 0, 43}}, UINT32_MAX, OpenTiff, EncodeTiff},

@@ -89,7 +89,8 @@ using RowProgress = std::function<bool(int64_t done, int64_t total)>;
 
 // Files with more pixels than this are refused before any pixel memory is taken.
 inline constexpr uint64_t kDefaultMaxPixels = 100'000'000;
-// No PNG side may be longer than this (libpng's own limit, checked before libpng starts).
+// No PNG side may be longer than this, read or written (libpng's own limit, checked
+// before libpng starts).
 inline constexpr uint64_t kMaxPngSide = 1'000'000;
 
 struct ReadOptions {
