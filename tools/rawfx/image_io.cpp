@@ -82,7 +82,6 @@ namespace {
 // Everything the tool knows of a file type, in one row per type.
 struct FileTypeInfo {
   FileType type;
-  const char* option;
   const char* name;
   std::vector<std::string> extensions;  // the first is the one --format names
   std::vector<std::vector<int>> signatures;  // first bytes; -1 matches any byte
@@ -93,11 +92,11 @@ struct FileTypeInfo {
 
 const std::vector<FileTypeInfo>& FileTypes() {
   static const std::vector<FileTypeInfo> types = {
-      {FileType::PNG, "png", "PNG", {"png"}, {{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}}, kMaxPngSide, OpenPng, EncodePng},
-      {FileType::JPEG, "jpeg", "JPEG", {"jpeg", "jpg"}, {{0xFF, 0xD8, 0xFF}}, 65500, OpenJpeg, EncodeJpeg},
-      {FileType::TIFF, "tiff", "TIFF", {"tiff", "tif"},
+      {FileType::PNG, "PNG", {"png"}, {{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}}, kMaxPngSide, OpenPng, EncodePng},
+      {FileType::JPEG, "JPEG", {"jpeg", "jpg"}, {{0xFF, 0xD8, 0xFF}}, 65500, OpenJpeg, EncodeJpeg},
+      {FileType::TIFF, "TIFF", {"tiff", "tif"},
        {{'I', 'I', 42, 0}, {'M', 'M', 0, 42}, {'I', 'I', 43, 0}, {'M', 'M', 0, 43}}, UINT32_MAX, OpenTiff, EncodeTiff},
-      {FileType::WebP, "webp", "WebP", {"webp"}, {{'R', 'I', 'F', 'F', -1, -1, -1, -1, 'W', 'E', 'B', 'P'}},
+      {FileType::WebP, "WebP", {"webp"}, {{'R', 'I', 'F', 'F', -1, -1, -1, -1, 'W', 'E', 'B', 'P'}},
        16383, OpenWebP, EncodeWebP},
   };
   return types;
@@ -139,7 +138,7 @@ std::optional<FileType> FileTypeOfContent(const uint8_t* head, size_t size) {
   const FileTypeInfo* info = SniffType(head, size);
   return info ? std::optional(info->type) : std::nullopt;
 }
-const char* FileTypeOption(FileType type) { return InfoOf(type).option; }
+const char* FileTypeOption(FileType type) { return InfoOf(type).extensions.front().c_str(); }
 
 std::optional<FileType> FileTypeNamed(const std::string& name) {
   const std::string lower = Lower(name);
