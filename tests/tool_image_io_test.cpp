@@ -139,7 +139,8 @@ TEST(ToolReadErrors, EveryTruncationOfAFileIsRefused) {
   SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 16), scratch / "whole.png");
   SaveImage(test::RampImage(20, 12, Layout::CMYK), scratch / "whole.jpg");
   SaveImage(test::NoiseImage(20, 12, Layout::RGB, 16), scratch / "whole.tif");
-  for (const char* name : {"whole.png", "whole.jpg", "whole.tif"}) {
+  SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 8), scratch / "whole.webp");
+  for (const char* name : {"whole.png", "whole.jpg", "whole.tif", "whole.webp"}) {
     const std::string bytes = test::ReadText(scratch / name);
     for (size_t length = 1; length < bytes.size(); length += 7) {
       test::WriteBytes(scratch / "cut", bytes.substr(0, length));
