@@ -1,6 +1,6 @@
 // Fuzz target: the rawfx tool's image readers on arbitrary bytes. The bytes are
-// handed to ReadImage as a file (an in-memory one), which tells PNG, JPEG and
-// TIFF apart by their content as it does for any input file. A file is either
+// handed to ReadImage as a file (an in-memory one), which tells PNG, JPEG, TIFF
+// and WebP apart by their content as it does for any input file. A file is either
 // refused with an ImageError or read into an image whose size, depth and pixel
 // buffer agree; anything else (a crash, a sanitizer report, another exception)
 // is a finding.

@@ -56,8 +56,8 @@ TEST(ToolErrors, EveryFailureIsOneLineWithItsStatusAndLeavesNoFile) {
       // Files that cannot be read or written: status 2, the file named (the readers' own
       // reasons are checked in tool_image_io_test).
       {{"polar", missing, out}, 2, "cannot read " + missing + ": No such file or directory"},
-      {{"oilpaint", notes, out}, 2, "not a PNG, JPEG or TIFF image"},
-      {{"info", notes}, 2, "not a PNG, JPEG or TIFF image"},
+      {{"oilpaint", notes, out}, 2, "not a PNG, JPEG, TIFF or WebP image"},
+      {{"info", notes}, 2, "not a PNG, JPEG, TIFF or WebP image"},
       {{"polar", in, locked + "/out.png"}, 2, "cannot write " + locked + "/out.png: cannot create a file in " + locked},
       {{"polar", in, scratch / "no/such/dir/out.png"}, 2, "No such file or directory"},
       {{"polar", in, scratch / "out.bmp"}, 2, "the name must end in .png"},
@@ -70,6 +70,12 @@ TEST(ToolErrors, EveryFailureIsOneLineWithItsStatusAndLeavesNoFile) {
       {{"polar", "--format", "bmp", in, out}, 2, "--format: 'bmp' is not a type rawfx writes"},
       {{"oilpaint", "--mask", scratch / "mask.png", in, out}, 2, "is 10 x 10 but the input is 24 x 16"},
       {{"polar", in}, 2, "OUTPUT"},
+      // Output types and encodings that do not fit.
+      {{"polar", in, "-"}, 2, "the output - is standard output: give its type with --format"},
+      {{"polar", "--format", "webp", in, out}, 2, "does not match the output name"},
+      {{"polar", "--lossless", in, scratch / "out.jpg"}, 2, "JPEG is always lossy"},
+      {{"polar", "--page", "2", in, out}, 2, "a PNG file has one page"},
+      {{"polar", "--compress", "jpeg", in, scratch / "out.tif"}, 2, "--compress"},
       // The effect refusing the bitmap: status 1.
       {{"oilpaint", in16, out}, 1, "oil paint works on 8-bit images; use --depth 8"},
       {{"oilpaint", "--depth", "16", in, out}, 1, "oil paint works on 8-bit images"},

@@ -36,6 +36,7 @@ std::vector<RoundTrip> EveryLayoutEachTypeHolds() {
       cases.emplace_back(FileType::TIFF, layout, depth);
     }
     if (!HasAlpha(layout)) cases.emplace_back(FileType::JPEG, layout, 8);
+    if (layout == Layout::RGB || layout == Layout::RGBA) cases.emplace_back(FileType::WebP, layout, 8);
   }
   return cases;
 }
@@ -48,8 +49,11 @@ TEST_P(ToolRoundTrip, GivesThePixelsBackInTheSameLayout) {
   const bool jpeg = type == FileType::JPEG;
   ScratchDir scratch;
   const Image original = jpeg ? test::RampImage(32, 24, layout) : test::NoiseImage(13, 7, layout, depth);
-  const std::string path = scratch / (jpeg ? "image.jpeg" : type == FileType::PNG ? "image.png" : "image.tif");
-  SaveImage(original, path, WriteOptions{95});
+  const std::string path = scratch / (std::string("image.") + FileTypeOption(type));
+  WriteOptions options;
+  options.quality = 95;
+  options.lossless = true;  // WebP
+  SaveImage(original, path, options);
   const ImageFile read = ReadImage(path);
   ASSERT_EQ(std::make_tuple(read.type, read.image.layout, read.image.depth, read.image.width, read.image.height),
             std::make_tuple(type, layout, depth, original.width, original.height));
@@ -135,7 +139,8 @@ TEST(ToolReadErrors, EveryTruncationOfAFileIsRefused) {
   SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 16), scratch / "whole.png");
   SaveImage(test::RampImage(20, 12, Layout::CMYK), scratch / "whole.jpg");
   SaveImage(test::NoiseImage(20, 12, Layout::RGB, 16), scratch / "whole.tif");
-  for (const char* name : {"whole.png", "whole.jpg", "whole.tif"}) {
+  SaveImage(test::NoiseImage(20, 12, Layout::RGBA, 8), scratch / "whole.webp");
+  for (const char* name : {"whole.png", "whole.jpg", "whole.tif", "whole.webp"}) {
     const std::string bytes = test::ReadText(scratch / name);
     for (size_t length = 1; length < bytes.size(); length += 7) {
       test::WriteBytes(scratch / "cut", bytes.substr(0, length));
@@ -154,6 +159,16 @@ TEST(ToolReadErrors, PixelCountsOverTheLimitAreRefusedBeforeDecoding) {
   }
 }
 
+// A failed write names the system's reason, as a full disk gives it.
+TEST(ToolWriteErrors, GiveTheSystemsReason) {
+  const Image image = test::NoiseImage(64, 64, Layout::RGB, 8);
+  for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP}) {
+    EXPECT_EQ(ErrorOf([&] { WriteImage(image, "/dev/full", type, {}, "full.img"); }),
+              "cannot write full.img: No space left on device")
+        << FileTypeName(type);
+  }
+}
+
 TEST(ToolSafeOutput, ReplacesTheTargetOnlyWhenComplete) {
   ScratchDir scratch;
   const Image first = test::NoiseImage(8, 8, Layout::RGB, 8);
@@ -167,7 +182,8 @@ TEST(ToolSafeOutput, ReplacesTheTargetOnlyWhenComplete) {
 TEST(ToolFileTypes, AreToldByExtensionInAnyCase) {
   for (const auto& [path, type] : std::initializer_list<std::pair<const char*, std::optional<FileType>>>{
            {"a/b.PNG", FileType::PNG}, {"b.Jpeg", FileType::JPEG}, {"b.jpg", FileType::JPEG},
-           {"b.tiff", FileType::TIFF}, {"b.tif", FileType::TIFF}, {"dir.png/b", std::nullopt}, {"b.gif", std::nullopt}})
+           {"b.tiff", FileType::TIFF}, {"b.tif", FileType::TIFF}, {"b.WebP", FileType::WebP}, {"dir.png/b", std::nullopt},
+           {"b.gif", std::nullopt}})
     EXPECT_EQ(FileTypeFromExtension(path), type) << path;
 }
 

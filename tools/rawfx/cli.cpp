@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <new>
+#include <system_error>
 #include <sstream>
 
 #include "tools/rawfx/colour_option.h"
@@ -99,6 +101,33 @@ void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
       ->capture_default_str();
 }
 
+// How files are read and written: output type and encoding, metadata, pages.
+void AddFileOptions(CLI::App& app, CommonOptions& c) {
+  const std::string group = "File options";
+  app.add_option("--format", c.format, "Output type: png, jpeg, tiff or webp (needed when OUTPUT is -)")
+      ->check(CLI::Validator(
+          [](std::string& name) {
+            return FileTypeNamed(name) ? std::string()
+                                       : "'" + name + "' is not a type rawfx writes (png, jpeg, tiff or webp)";
+          },
+          "TYPE"))
+      ->group(group);
+  app.add_option("--quality", c.quality, "JPEG and lossy WebP quality (default: JPEG 92, WebP 90)")
+      ->check(WholeRange(1, 100))
+      ->group(group);
+  app.add_flag("--lossless", c.lossless, "Lossless WebP")->group(group);
+  app.add_option("--level", c.level, "PNG and deflate TIFF compression level, 0 (none) to 9 (smallest)")
+      ->check(WholeRange(0, 9))
+      ->group(group);
+  app.add_option("--compress", c.compress, "TIFF compression (default: deflate)")
+      ->check(CLI::IsMember(TiffCompressionNames()))
+      ->group(group);
+  app.add_flag("--strip", c.strip, "Write no metadata (EXIF, XMP, IPTC, ICC profile)")->group(group);
+  app.add_option("--page", c.page, "The page of a multi-page TIFF to read, from 1 (default: the first)")
+      ->check(WholeRange(1, 1e9))
+      ->group(group);
+}
+
 void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c) {
   const std::string group = "Common options";
   if (effect.backColour) {
@@ -124,13 +153,7 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   app.add_option("--model", c.model, "Convert the working bitmap to rgb, cmyk or gray")
       ->check(CLI::IsMember({"rgb", "cmyk", "gray", "grey"}))
       ->group(group);
-  app.add_option("--format", c.format, "Type of the output: png, jpeg or tiff (default: the output name's extension)")
-      ->group(group);
   app.add_flag("-f,--force", c.force, "Replace an output file even when it is write-protected")->group(group);
-  app.add_option("--quality", c.jpegQuality, "JPEG output quality")
-      ->check(WholeRange(1, 100))
-      ->capture_default_str()
-      ->group(group);
   app.add_option("--max-pixels", c.maxPixels, "Refuse images with more pixels than this")
       ->check(WholeRange(1, 1e15))
       ->capture_default_str()
@@ -139,6 +162,7 @@ void AddCommonOptions(CLI::App& app, const EffectInfo& effect, CommonOptions& c)
   app.add_flag("-v,--verbose", c.verbose,
                "Report size, threads, megapixels per second and the time of each phase (reading, effect, writing)")
       ->group(group);
+  AddFileOptions(app, c);
 }
 
 void AddBatchOptions(CLI::App& app, BatchOptions& b) {
@@ -168,8 +192,9 @@ CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectComma
   AddBatchOptions(*app, command.batch);
   AddModuleOption(*app, modulePath);
   app->add_option("FILES", command.files,
-                  "INPUT OUTPUT: the image to read (PNG, JPEG or TIFF) and the one to write (.png, .jpg or .tif "
-                  "names its type); or, with --out-dir, every image to read")
+                  "INPUT OUTPUT: the image to read (PNG, JPEG, TIFF or WebP; - reads standard input) and the one to "
+                  "write (.png, .jpg, .tif or .webp names its type; - writes standard output, with --format); or, "
+                  "with --out-dir, every image to read")
       ->required();
   app->footer(kExitStatusFooter);
   return app;
@@ -269,7 +294,7 @@ EffectCommand ParseEffectWords(const std::vector<std::string>& words) {
 
 int RunCommandLine(int argc, char** argv) {
   InstallInterruptHandler();
-  CLI::App root{"Image effects from the rawfx plug-in, run on PNG, JPEG and TIFF files.", "rawfx"};
+  CLI::App root{"Image effects from the rawfx plug-in, run on PNG, JPEG, TIFF and WebP files.", "rawfx"};
   root.set_version_flag("--version", kVersion);
   root.set_help_all_flag("--help-all", "Print this help and every command's options, then exit");
   root.footer(kExitStatusFooter);
@@ -286,8 +311,8 @@ int RunCommandLine(int argc, char** argv) {
   CLI::App* demoApp = AddDemoCommand(root, demo, modulePath);
   std::string infoPath;
   uint64_t infoMaxPixels = kDefaultMaxPixels;
-  CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha and the bitmap format a file loads as");
-  infoApp->add_option("INPUT", infoPath, "Image to describe")->required();
+  CLI::App* infoApp = root.add_subcommand("info", "Size, channels, depth, alpha, pages, resolution, metadata and the bitmap format a file loads as");
+  infoApp->add_option("INPUT", infoPath, "Image to describe; - reads standard input")->required();
   infoApp->add_option("--max-pixels", infoMaxPixels, "Refuse images with more pixels than this")
       ->check(WholeRange(1, 1e15));
 
@@ -324,6 +349,17 @@ int RunCommandLine(int argc, char** argv) {
   } catch (const host::HostError& error) {
     std::cerr << "rawfx: " << error.what() << '\n';
     return kExitEffectRefused;
+  } catch (const std::bad_alloc&) {
+    // Unwinding has removed any temporary file by now.
+    std::cerr << "rawfx: out of memory; nothing was written\n";
+    return kExitBadInput;
+  } catch (const std::length_error&) {
+    std::cerr << "rawfx: out of memory; nothing was written\n";
+    return kExitBadInput;
+  } catch (const std::system_error& error) {
+    // The system refused a resource, such as a thread for the engine.
+    std::cerr << "rawfx: " << error.what() << "; nothing was written\n";
+    return kExitBadInput;
   }
   return 0;
 }

@@ -24,9 +24,16 @@ struct CommonOptions {
   bool quiet = false;
   bool verbose = false;
   uint64_t maxPixels = kDefaultMaxPixels;
-  int jpegQuality = 92;
   bool force = false;  // replace an output file even when it is write-protected
-  std::string format;  // png, jpeg or tiff: the output's type; empty: its extension
+
+  // Files: output type and encoding, metadata, pages.
+  std::string format;    // png, jpeg, tiff or webp: the output's type (needed when the output is "-")
+  int quality = 0;       // JPEG and lossy WebP, 1..100; 0: the type's default
+  bool lossless = false; // WebP
+  int level = -1;        // PNG and deflate TIFF compression level 0..9; -1: the library's default
+  std::string compress;  // TIFF: none, deflate, lzw or zstd; empty: deflate
+  bool strip = false;    // write no metadata
+  int page = 0;          // the TIFF page to read, from 1; 0: the first
 };
 
 // Many inputs in one run: each result is written as outDir/<input's name>, with
@@ -64,10 +71,8 @@ void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostre
 // written, else the highest status of a failed file. A signal stops the batch.
 int RunBatchCommand(host::Host& host, const EffectCommand& command, std::ostream& log);
 
-// The output type a command asks for: --format, else the output name's extension.
-FileType OutputType(const CommonOptions& common, const std::string& output);
-
-// Size, channels, depth, alpha and the host format the file loads as.
+// Size, channels, depth, alpha, pages, resolution, metadata and the host format the
+// file loads as, from its header and metadata alone (no pixel is decoded).
 void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& out);
 
 }  // namespace rawfx::tool

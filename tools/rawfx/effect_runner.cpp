@@ -6,6 +6,7 @@
 #include <mutex>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 #include "tools/rawfx/host_bitmap.h"
 #include "tools/rawfx/interrupt.h"
@@ -13,22 +14,6 @@
 
 namespace rawfx::tool {
 namespace {
-
-// One reference to a host object, released when it goes out of scope.
-class HostRef {
- public:
-  HostRef(host::Host& host, REALobject object) : host_(host), object_(object) {}
-  ~HostRef() {
-    if (object_) host_.Unlock(object_);
-  }
-  HostRef(const HostRef&) = delete;
-  HostRef& operator=(const HostRef&) = delete;
-  REALobject get() const { return object_; }
-
- private:
-  host::Host& host_;
-  REALobject object_;
-};
 
 // Leaves no observer behind that points into a finished run.
 struct ObserverScope {
@@ -118,14 +103,13 @@ bool IsRegistered(const host::Host& host, const EffectInfo& effect) {
   return std::find(names.begin(), names.end(), effect.className) != names.end();
 }
 
-Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, ProgressBar& progress,
-                RunReport* report) {
+REALobject RunEffect(host::Host& host, const EffectJob& job, REALobject source, ProgressBar& progress,
+                     RunReport* report) {
   const EffectInfo& info = *job.effect;
   if (!IsRegistered(host, info)) {
     throw ToolError(kExitEffectRefused, "the " + std::string(info.title) + " effect (" + std::string(info.className) +
                                             ") is not in this build of the plug-in");
   }
-  HostRef source(host, NewBitmapFromImage(host, input));
   HostRef effect(host, host.New(info.className));
   if (!effect.get()) throw ToolError(kExitEffectRefused, "cannot create " + std::string(info.className));
   ApplySettings(host, effect.get(), job);
@@ -149,19 +133,24 @@ Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, Prog
     EngineCancelScope cancelThroughEngine;
     if (Interrupted()) ThrowCancelled();
     const auto start = std::chrono::steady_clock::now();
-    result = inPlace ? ApplyInPlace(host, effect.get(), source.get())
-             : async ? RunAsync(host, effect.get(), source.get())
-                     : host.Call<REALobject, REALobject>(effect.get(), kApply, source.get());
+    result = inPlace ? ApplyInPlace(host, effect.get(), source)
+             : async ? RunAsync(host, effect.get(), source)
+                     : host.Call<REALobject, REALobject>(effect.get(), kApply, source);
     seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   }
   HostRef resultRef(host, result);
 
   if (Interrupted()) ThrowCancelled();
+  const host::BitmapView view = host.Bitmap(source);
   if (!result) {
-    throw ToolError(kExitEffectRefused, ExplainEffectError(info, host.LastError(effect.get()), input.depth));
+    const int64_t code = host.LastError(effect.get());
+    if (code == 0 && !HostCanMake(host, view)) {
+      throw ToolError(kExitBadInput, "not enough memory for the " + std::string(info.title) + " result; nothing was written");
+    }
+    throw ToolError(kExitEffectRefused, ExplainEffectError(info, code, view.bitsPerChannel));
   }
   if (report) *report = {seconds, host.threads(), async, inPlace};
-  return ImageFromBitmap(host, result);
+  return resultRef.release();
 }
 
 }  // namespace rawfx::tool

@@ -32,9 +32,10 @@ struct RunReport {
 
 bool IsRegistered(const host::Host& host, const EffectInfo& effect);
 
-// The result image. ToolError with status 1 when the class is missing or refuses
-// the bitmap or its settings, 128 + the signal when a signal cancelled the run.
-Image RunEffect(host::Host& host, const EffectJob& job, const Image& input, ProgressBar& progress,
-                RunReport* report = nullptr);
+// The result bitmap (a reference of the caller's; the source itself after an
+// in-place run). ToolError with status 1 when the class is missing or refuses the
+// bitmap or its settings, 128 + the signal when a signal cancelled the run.
+REALobject RunEffect(host::Host& host, const EffectJob& job, REALobject source, ProgressBar& progress,
+                     RunReport* report = nullptr);
 
 }  // namespace rawfx::tool

@@ -119,20 +119,45 @@ Layout LayoutForModel(Layout current, ColourModel model) {
   return current;
 }
 
-Fitted FitForFileType(const Image& image, FileType type) {
-  if (FitsFileType(image, type)) return {image, {}};
-  std::string note = std::string(FileTypeName(type)) + " cannot hold " + std::to_string(image.depth) + "-bit " +
-                     LayoutName(image.layout) + ": written as ";
-  Image fitted = image;
-  if (type == FileType::PNG) {
-    fitted = ConvertLayout(image, Layout::RGB);
-  } else if (type == FileType::JPEG) {
-    fitted = ConvertLayout(ConvertDepth(image, 8), image.layout == Layout::GrayAlpha ? Layout::Gray
-                                                   : image.layout == Layout::RGBA    ? Layout::RGB
-                                                                                     : image.layout);
+Image ConvertTo(const Image& image, const ImageShape& shape) {
+  return ConvertLayout(ConvertDepth(image, shape.depth), shape.layout);
+}
+
+namespace {
+
+// The layout each file type stores each layout in, where it differs.
+struct Refit {
+  FileType type;
+  Layout from, to;
+};
+constexpr Refit kRefits[] = {
+    {FileType::PNG, Layout::CMYK, Layout::RGB},        {FileType::JPEG, Layout::GrayAlpha, Layout::Gray},
+    {FileType::JPEG, Layout::RGBA, Layout::RGB},       {FileType::WebP, Layout::Gray, Layout::RGB},
+    {FileType::WebP, Layout::GrayAlpha, Layout::RGBA}, {FileType::WebP, Layout::CMYK, Layout::RGB},
+};
+
+}  // namespace
+
+ImageShape ShapeForFileType(const ImageShape& shape, FileType type) {
+  ImageShape fitted = shape;
+  for (const Refit& refit : kRefits) {
+    if (refit.type == type && refit.from == shape.layout) fitted.layout = refit.to;
   }
-  note += std::to_string(fitted.depth) + "-bit " + LayoutName(fitted.layout);
-  return {std::move(fitted), note};
+  if (type == FileType::JPEG || type == FileType::WebP) fitted.depth = 8;
+  return fitted;
+}
+
+std::string FitNote(const ImageShape& from, FileType type) {
+  const ImageShape to = ShapeForFileType(from, type);
+  if (to.layout == from.layout && to.depth == from.depth) return {};
+  return std::string(FileTypeName(type)) + " cannot hold " + std::to_string(from.depth) + "-bit " +
+         LayoutName(from.layout) + ": written as " + std::to_string(to.depth) + "-bit " + LayoutName(to.layout);
+}
+
+Fitted FitForFileType(const Image& image, FileType type) {
+  const std::string note = FitNote(image.shape(), type);
+  if (note.empty()) return {image, {}};
+  return {ConvertTo(image, ShapeForFileType(image.shape(), type)), note};
 }
 
 }  // namespace rawfx::tool

@@ -20,8 +20,16 @@ Image ConvertLayout(const Image& image, Layout layout);
 // The layout of the model that keeps the image's alpha where the model has room for it.
 Layout LayoutForModel(Layout current, ColourModel model);
 
-// What the image becomes to fit a file type (PNG: CMYK made RGB; JPEG: 8 bits, no
-// alpha), and a note of what changed, empty when nothing did.
+// Both conversions: the image in the shape's layout and depth.
+Image ConvertTo(const Image& image, const ImageShape& shape);
+
+// The layout and depth a file of the type stores a picture in (PNG: CMYK made RGB;
+// JPEG: 8 bits, no alpha; WebP: 8-bit RGB or RGBA), and a note of what changes,
+// empty when nothing does.
+ImageShape ShapeForFileType(const ImageShape& shape, FileType type);
+std::string FitNote(const ImageShape& from, FileType type);
+
+// What the image becomes to fit a file type, and the note.
 struct Fitted {
   Image image;
   std::string note;

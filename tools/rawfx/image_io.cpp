@@ -1,12 +1,14 @@
 #include "tools/rawfx/image_io.h"
 
+#include <tiffio.h>
+
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <limits>
 #include <new>
 
 #include "tools/rawfx/pending_file.h"
@@ -35,6 +37,13 @@ const char* LayoutName(Layout layout) {
     case Layout::CMYK: return "CMYK";
   }
   return "?";
+}
+
+size_t ImageShape::byteCount() const {
+  const size_t row = rowBytes();
+  if (height <= 0 || row == 0) return 0;
+  if (row > std::numeric_limits<size_t>::max() / static_cast<size_t>(height)) return std::numeric_limits<size_t>::max();
+  return row * static_cast<size_t>(height);
 }
 
 Image Image::Blank(int64_t width, int64_t height, Layout layout, int depth) {
@@ -68,25 +77,81 @@ bool operator==(const Image& a, const Image& b) {
          a.data == b.data;
 }
 
-const char* FileTypeName(FileType type) {
-  switch (type) {
-    case FileType::PNG: return "PNG";
-    case FileType::JPEG: return "JPEG";
-    case FileType::TIFF: return "TIFF";
+namespace {
+
+// Everything the tool knows of a file type, in one row per type.
+struct FileTypeInfo {
+  FileType type;
+  const char* name;
+  std::vector<std::string> extensions;  // the first is the one --format names
+  std::vector<std::vector<int>> signatures;  // first bytes; -1 matches any byte
+  int64_t maxSide;                           // the longest side the format can store
+  std::unique_ptr<ImageReader> (*open)(FilePointer, const std::string&, const ReadOptions&);
+  Encoder encode;
+};
+
+const std::vector<FileTypeInfo>& FileTypes() {
+  static const std::vector<FileTypeInfo> types = {
+      {FileType::PNG, "PNG", {"png"}, {{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}}, kMaxPngSide, OpenPng, EncodePng},
+      {FileType::JPEG, "JPEG", {"jpeg", "jpg"}, {{0xFF, 0xD8, 0xFF}}, 65500, OpenJpeg, EncodeJpeg},
+      {FileType::TIFF, "TIFF", {"tiff", "tif"},
+       {{'I', 'I', 42, 0}, {'M', 'M', 0, 42}, {'I', 'I', 43, 0}, {'M', 'M', 0, 43}}, UINT32_MAX, OpenTiff, EncodeTiff},
+      {FileType::WebP, "WebP", {"webp"}, {{'R', 'I', 'F', 'F', -1, -1, -1, -1, 'W', 'E', 'B', 'P'}},
+       16383, OpenWebP, EncodeWebP},
+  };
+  return types;
+}
+
+const FileTypeInfo& InfoOf(FileType type) {
+  return *std::find_if(FileTypes().begin(), FileTypes().end(), [type](const FileTypeInfo& info) { return info.type == type; });
+}
+
+std::string Lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+constexpr size_t kSniffBytes = 16;
+
+bool Matches(const std::vector<int>& signature, const uint8_t* head, size_t size) {
+  if (size < signature.size()) return false;
+  for (size_t i = 0; i < signature.size(); ++i) {
+    if (signature[i] >= 0 && signature[i] != head[i]) return false;
   }
-  return "?";
+  return true;
+}
+
+const FileTypeInfo* SniffType(const uint8_t* head, size_t size) {
+  for (const FileTypeInfo& info : FileTypes()) {
+    for (const std::vector<int>& signature : info.signatures) {
+      if (Matches(signature, head, size)) return &info;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+const char* FileTypeName(FileType type) { return InfoOf(type).name; }
+
+std::optional<FileType> FileTypeOfContent(const uint8_t* head, size_t size) {
+  const FileTypeInfo* info = SniffType(head, size);
+  return info ? std::optional(info->type) : std::nullopt;
+}
+const char* FileTypeOption(FileType type) { return InfoOf(type).extensions.front().c_str(); }
+
+std::optional<FileType> FileTypeNamed(const std::string& name) {
+  const std::string lower = Lower(name);
+  for (const FileTypeInfo& info : FileTypes()) {
+    if (std::find(info.extensions.begin(), info.extensions.end(), lower) != info.extensions.end()) return info.type;
+  }
+  return std::nullopt;
 }
 
 std::optional<FileType> FileTypeFromExtension(const std::string& path) {
   const size_t dot = path.find_last_of('.');
   if (dot == std::string::npos || path.find('/', dot) != std::string::npos) return std::nullopt;
-  std::string extension = path.substr(dot + 1);
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (extension == "png") return FileType::PNG;
-  if (extension == "jpg" || extension == "jpeg") return FileType::JPEG;
-  if (extension == "tif" || extension == "tiff") return FileType::TIFF;
-  return std::nullopt;
+  return FileTypeNamed(path.substr(dot + 1));
 }
 
 std::string CheckPixelCount(uint64_t width, uint64_t height, const ReadOptions& options) {
@@ -98,79 +163,141 @@ std::string CheckPixelCount(uint64_t width, uint64_t height, const ReadOptions& 
   return {};
 }
 
-namespace {
+ImageError WriteFailure(const std::string& name, int error) {
+  return ImageError("cannot write " + name + ": " + std::strerror(error));
+}
 
-std::vector<uint8_t> ReadWholeFile(const std::string& path) {
+void ReportRow(const RowProgress& progress, int64_t done, int64_t total, const std::string& name, const char* verb) {
+  if (progress && !progress(done, total)) throw ImageError(std::string("cannot ") + verb + " " + name + ": stopped");
+}
+
+FilePointer OpenFile(const std::string& path, const char* mode, const std::string& name, const char* verb) {
+  FilePointer file(std::fopen(path.c_str(), mode), std::fclose);
+  if (!file) throw ImageError(std::string("cannot ") + verb + " " + name + ": " + std::strerror(errno));
+  return file;
+}
+
+std::unique_ptr<ImageReader> OpenImage(const std::string& path, const ReadOptions& options,
+                                       const std::string& displayName) {
+  const std::string& name = displayName.empty() ? path : displayName;
   std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) throw ImageError("cannot read " + path + ": it is a directory");
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw ImageError("cannot read " + path + ": " + std::strerror(errno));
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) throw ImageError("cannot read " + path + ": " + std::strerror(errno));
-  return bytes;
-}
-
-bool StartsWith(const std::vector<uint8_t>& bytes, std::initializer_list<uint8_t> signature) {
-  return bytes.size() >= signature.size() && std::equal(signature.begin(), signature.end(), bytes.begin());
-}
-
-std::optional<FileType> FileTypeFromContent(const std::vector<uint8_t>& bytes) {
-  if (StartsWith(bytes, {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'})) return FileType::PNG;
-  if (StartsWith(bytes, {0xFF, 0xD8, 0xFF})) return FileType::JPEG;
-  if (StartsWith(bytes, {'I', 'I', 42, 0}) || StartsWith(bytes, {'M', 'M', 0, 42}) ||
-      StartsWith(bytes, {'I', 'I', 43, 0}) || StartsWith(bytes, {'M', 'M', 0, 43})) {
-    return FileType::TIFF;
+  if (std::filesystem::is_directory(path, ignored)) throw ImageError("cannot read " + name + ": it is a directory");
+  FilePointer file = OpenFile(path, "rb", name, "read");
+  std::array<uint8_t, kSniffBytes> head{};
+  const size_t got = std::fread(head.data(), 1, head.size(), file.get());
+  if (std::ferror(file.get())) throw ImageError("cannot read " + name + ": " + std::strerror(errno));
+  if (got == 0) throw ImageError("cannot read " + name + ": the file is empty");
+  const FileTypeInfo* info = SniffType(head.data(), got);
+  if (!info) throw ImageError("cannot read " + name + ": not a PNG, JPEG, TIFF or WebP image");
+  if (std::fseek(file.get(), 0, SEEK_SET) != 0) throw ImageError("cannot read " + name + ": " + std::strerror(errno));
+  if (options.page > 1 && info->type != FileType::TIFF) {
+    throw ImageError("cannot read " + name + ": --page " + std::to_string(options.page) + ": a " + info->name +
+                     " file has one page");
   }
-  return std::nullopt;
+  std::unique_ptr<ImageReader> reader = info->open(std::move(file), name, options);
+  reader->type = info->type;
+  return reader;
 }
-
-}  // namespace
 
 ImageFile ReadImage(const std::string& path, const ReadOptions& options) {
-  const std::vector<uint8_t> bytes = ReadWholeFile(path);
-  if (bytes.empty()) throw ImageError("cannot read " + path + ": the file is empty");
-  const std::optional<FileType> type = FileTypeFromContent(bytes);
-  if (!type) throw ImageError("cannot read " + path + ": not a PNG, JPEG or TIFF image");
   try {
-    switch (*type) {
-      case FileType::PNG: return {DecodePng(bytes, path, options), *type};
-      case FileType::JPEG: return {DecodeJpeg(bytes, path, options), *type};
-      case FileType::TIFF: return {ReadTiff(path, options), *type};
-    }
+    std::unique_ptr<ImageReader> reader = OpenImage(path, options);
+    Image image = Image::Blank(reader->shape);
+    reader->read(image.data.data(), image.rowBytes(), {});
+    return {std::move(image), reader->type};
   } catch (const std::bad_alloc&) {
     throw ImageError("cannot read " + path + ": not enough memory for its pixels");
   } catch (const std::length_error&) {
     throw ImageError("cannot read " + path + ": not enough memory for its pixels");
   }
-  throw ImageError("cannot read " + path);
 }
 
-bool FitsFileType(const Image& image, FileType type) {
+RowSource RowsOf(const Image& image) {
+  return {image.shape(), [&image](int64_t y) { return image.row(y); }};
+}
+
+namespace {
+
+struct TiffCompressionRow {
+  const char* name;
+  TiffCompression compression;
+  uint16_t codec;
+};
+constexpr TiffCompressionRow kTiffCompressions[] = {
+    {"none", TiffCompression::None, COMPRESSION_NONE},
+    {"deflate", TiffCompression::Deflate, COMPRESSION_ADOBE_DEFLATE},
+    {"lzw", TiffCompression::LZW, COMPRESSION_LZW},
+    {"zstd", TiffCompression::Zstd, COMPRESSION_ZSTD},
+};
+
+}  // namespace
+
+std::vector<std::string> TiffCompressionNames() {
+  std::vector<std::string> names;
+  for (const TiffCompressionRow& row : kTiffCompressions) {
+    if (TIFFIsCODECConfigured(row.codec)) names.emplace_back(row.name);
+  }
+  return names;
+}
+
+std::optional<TiffCompression> TiffCompressionNamed(const std::string& name) {
+  for (const TiffCompressionRow& row : kTiffCompressions) {
+    if (name == row.name) return row.compression;
+  }
+  return std::nullopt;
+}
+
+uint16_t TiffCodecOf(TiffCompression compression) {
+  for (const TiffCompressionRow& row : kTiffCompressions) {
+    if (row.compression == compression) return row.codec;
+  }
+  return COMPRESSION_NONE;
+}
+
+bool FitsFileType(const ImageShape& shape, FileType type) {
   switch (type) {
-    case FileType::PNG: return image.layout != Layout::CMYK;
-    case FileType::JPEG: return image.depth == 8 && !HasAlpha(image.layout);
+    case FileType::PNG: return shape.layout != Layout::CMYK;
+    case FileType::JPEG: return shape.depth == 8 && !HasAlpha(shape.layout);
     case FileType::TIFF: return true;
+    case FileType::WebP: return shape.depth == 8 && (shape.layout == Layout::RGB || shape.layout == Layout::RGBA);
   }
   return false;
 }
 
+std::string SizeRefusedBy(const ImageShape& shape, FileType type) {
+  const FileTypeInfo& info = InfoOf(type);
+  if (shape.width <= info.maxSide && shape.height <= info.maxSide) return {};
+  return std::string(info.name) + " holds at most " + std::to_string(info.maxSide) + " pixels a side, not " +
+         std::to_string(shape.width) + " x " + std::to_string(shape.height);
+}
+
+void WriteRows(const RowSource& rows, const std::string& path, FileType type, const WriteOptions& options,
+               const std::string& displayName, const RowProgress& progress) {
+  const std::string& name = displayName.empty() ? path : displayName;
+  const ImageShape& shape = rows.shape;
+  if (!FitsFileType(shape, type)) {
+    throw ImageError("cannot write " + name + ": " + FileTypeName(type) + " cannot hold " +
+                     std::to_string(shape.depth) + "-bit " + LayoutName(shape.layout) + " pixels");
+  }
+  if (const std::string refused = SizeRefusedBy(shape, type); !refused.empty()) {
+    throw ImageError("cannot write " + name + ": " + refused);
+  }
+  FilePointer file = OpenFile(path, "w+b", name, "write");
+  InfoOf(type).encode(rows, file.get(), options, name, progress);
+  if (std::fflush(file.get()) != 0 || std::ferror(file.get())) throw WriteFailure(name, errno);
+  if (std::fclose(file.release()) != 0) throw WriteFailure(name, errno);
+}
+
 void WriteImage(const Image& image, const std::string& path, FileType type, const WriteOptions& options,
                 const std::string& displayName) {
-  const std::string& name = displayName.empty() ? path : displayName;
-  if (!FitsFileType(image, type)) {
-    throw ImageError("cannot write " + name + ": " + FileTypeName(type) + " cannot hold " +
-                     std::to_string(image.depth) + "-bit " + LayoutName(image.layout) + " pixels");
-  }
-  switch (type) {
-    case FileType::PNG: EncodePng(image, path, name); return;
-    case FileType::JPEG: EncodeJpeg(image, path, name, options.jpegQuality); return;
-    case FileType::TIFF: WriteTiff(image, path, name); return;
-  }
+  WriteRows(RowsOf(image), path, type, options, displayName);
 }
 
 void SaveImage(const Image& image, const std::string& target, const WriteOptions& options) {
   const std::optional<FileType> type = FileTypeFromExtension(target);
-  if (!type) throw ImageError("cannot write " + target + ": the name must end in .png, .jpg, .jpeg, .tif or .tiff");
+  if (!type) {
+    throw ImageError("cannot write " + target + ": the name must end in .png, .jpg, .jpeg, .tif, .tiff or .webp");
+  }
   PendingFile file(target);
   WriteImage(image, file.temporaryPath(), *type, options, target);
   file.commit();

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <iomanip>
+#include <memory>
 #include <sstream>
 
 #include "tools/rawfx/command.h"
@@ -10,6 +11,8 @@
 #include "tools/rawfx/image_convert.h"
 #include "tools/rawfx/interrupt.h"
 #include "tools/rawfx/pending_file.h"
+#include "tools/rawfx/run_files.h"
+#include "tools/rawfx/standard_streams.h"
 #include "tools/rawfx/tool_error.h"
 
 namespace rawfx::tool {
@@ -17,9 +20,9 @@ namespace {
 
 std::string Threads(int count) { return std::to_string(count) + (count == 1 ? " thread" : " threads"); }
 
-std::string Describe(const Image& image) {
-  return std::to_string(image.width) + " x " + std::to_string(image.height) + " " + LayoutName(image.layout) + ", " +
-         std::to_string(image.depth) + " bits";
+std::string Describe(const ImageShape& shape) {
+  return std::to_string(shape.width) + " x " + std::to_string(shape.height) + " " + LayoutName(shape.layout) + ", " +
+         std::to_string(shape.depth) + " bits";
 }
 
 // Image files that cannot be read are bad input (status 2).
@@ -31,6 +34,8 @@ Image Load(const std::string& path, uint64_t maxPixels) {
   }
 }
 
+[[noreturn]] void ThrowCancelled() { throw ToolError(InterruptedStatus(), InterruptedMessage()); }
+
 // The output may be none of the files the run reads: writing it would destroy
 // an input before, or while, it is read.
 void CheckNotAnInput(const EffectCommand& command) {
@@ -38,13 +43,14 @@ void CheckNotAnInput(const EffectCommand& command) {
                                                                {&command.common.mask, "the mask file"}};
   for (const auto& [input, role] : inputs) {
     std::error_code ignored;
-    if (!input->empty() && std::filesystem::equivalent(*input, command.output, ignored)) {
+    if (!input->empty() && *input != kStandardStream && command.output != kStandardStream &&
+        std::filesystem::equivalent(*input, command.output, ignored)) {
       throw ToolError(kExitBadInput, command.output + " is " + role + "; rawfx never overwrites what it reads");
     }
   }
 }
 
-std::optional<Image> LoadMask(const EffectCommand& command, const Image& input) {
+std::optional<Image> LoadMask(const EffectCommand& command, const ImageShape& input) {
   if (command.common.mask.empty() || !command.effect->mask) return std::nullopt;
   Image mask = Load(command.common.mask, command.common.maxPixels);
   if (mask.width != input.width || mask.height != input.height) {
@@ -53,19 +59,6 @@ std::optional<Image> LoadMask(const EffectCommand& command, const Image& input) 
                                        std::to_string(input.width) + " x " + std::to_string(input.height));
   }
   return ConvertLayout(mask, Layout::Gray);
-}
-
-ColourModel ModelNamed(const std::string& name) {
-  if (name == "cmyk") return ColourModel::CMYK;
-  if (name == "gray" || name == "grey") return ColourModel::Gray;
-  return ColourModel::RGB;
-}
-
-Image WorkingImage(const Image& input, const CommonOptions& common) {
-  Image working = input;
-  if (!common.model.empty()) working = ConvertLayout(working, LayoutForModel(working.layout, ModelNamed(common.model)));
-  if (common.depth != 0) working = ConvertDepth(working, common.depth);
-  return working;
 }
 
 std::optional<ColourOption> BackColour(const EffectCommand& command) {
@@ -97,13 +90,13 @@ EffectJob MakeJob(const EffectCommand& command, const std::optional<Image>& mask
   return job;
 }
 
-std::string StartLine(const EffectCommand& command, const Image& working, const host::Host& host) {
+std::string StartLine(const EffectCommand& command, const ImageShape& working, const host::Host& host) {
   const BitmapPlan plan = PlanBitmap(working.layout);
   return std::string(command.effect->title) + ": " + command.input + ", " + Describe(working) + ", bitmap format " +
          plan.format->name + ", " + Threads(host.threads());
 }
 
-void ReportEnd(std::ostream& log, const EffectCommand& command, const Image& working, const RunReport& report,
+void ReportEnd(std::ostream& log, const EffectCommand& command, const ImageShape& working, const RunReport& report,
                const ProgressBar& progress) {
   const double megapixels = static_cast<double>(working.width * working.height) / 1e6;
   std::ostringstream line;
@@ -130,76 +123,90 @@ std::vector<PropertySetting> EffectCommand::properties() const {
   return PropertiesOf(oilPaint);
 }
 
-FileType OutputType(const CommonOptions& common, const std::string& output) {
-  if (!common.format.empty()) {
-    if (const std::optional<FileType> type = FileTypeFromExtension("output." + common.format)) return *type;
-    throw ToolError(kExitBadInput, "--format: '" + common.format + "' is not a type rawfx writes (png, jpeg, tiff)");
-  }
-  if (const std::optional<FileType> type = FileTypeFromExtension(output)) return *type;
-  throw ToolError(kExitBadInput, "cannot write " + output +
-                                     ": the name must end in .png, .jpg, .jpeg, .tif or .tiff, or give --format");
-}
-
 // Every check that needs no pixels comes first, so that a mistake costs no work;
 // the temporary output file is created only when writing starts.
 void RunEffectCommand(host::Host& host, const EffectCommand& command, std::ostream& log,
                       const std::string& progressLabel) {
   const CommonOptions& common = command.common;
+  ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), progressLabel);
+  const NoteSink note = [&](const std::string& text) { Note(log, progress, common, text); };
+  const RowProgress rows = [&](int64_t done, int64_t total) {
+    progress.update(done, total);
+    return !Interrupted();
+  };
+  const OutputPlan output = PlanOutput(command);
+  CheckNotAnInput(command);
+  const WriteOptions encoding = EncodingFor(output.type, common, note);
   try {
-    const FileType outputType = OutputType(common, command.output);
-    CheckNotAnInput(command);
-    PendingFile output(command.output, common.force);
-    ProgressBar progress(!common.quiet && isatty(STDERR_FILENO), progressLabel);
+    std::optional<PendingFile> file;
+    std::unique_ptr<MemoryFile> piped;
+    if (output.toStandardOutput) {
+      piped = std::make_unique<MemoryFile>("standard output");
+    } else {
+      file.emplace(command.output, common.force);
+    }
 
     if (common.verbose) Say(log, progress, "reading " + command.input);
     progress.phase("reading", 0);
-    const Image input = Load(command.input, common.maxPixels);
-    const std::optional<Image> mask = LoadMask(command, input);
-    const Image working = WorkingImage(input, common);
+    InputFile input = OpenInput(command.input, ReadOptions{common.maxPixels, common.page});
+    CheckInput(input, output, common, note);
     host.SetThreads(common.threads);
     if (common.async && !command.effect->async) {
-      Note(log, progress, common,
-           std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
+      note(std::string(command.effect->title) + " has no asynchronous apply; it runs synchronously");
     }
+    HostRef source(host, LoadSource(host, input, common, rows));
+    const ImageShape upright = BitmapShape(host, source.get());
+    const std::optional<Image> mask = LoadMask(command, upright);
 
-    if (common.verbose) Say(log, progress, StartLine(command, working, host));
-    progress.phase(std::string(command.effect->title), working.height);
+    if (common.verbose) Say(log, progress, StartLine(command, upright, host));
+    progress.phase(std::string(command.effect->title), upright.height);
     RunReport report;
-    const Image result = RunEffect(host, MakeJob(command, mask), working, progress, &report);
+    HostRef result(host, RunEffect(host, MakeJob(command, mask), source.get(), progress, &report));
+    source.reset(nullptr);  // the result alone is needed from here on
 
-    if (common.verbose) Say(log, progress, "writing " + command.output);
+    if (common.verbose) Say(log, progress, "writing " + output.name);
     progress.phase("writing", 0);
-    const Fitted fitted = FitForFileType(result, outputType);
-    if (!fitted.note.empty()) Note(log, progress, common, command.output + ": " + fitted.note);
-    WriteImage(fitted.image, output.temporaryPath(), outputType, WriteOptions{common.jpegQuality}, command.output);
-    output.commit();
+    WriteResult(host, result, input, output, encoding, common, piped ? piped->path() : file->temporaryPath(), rows,
+                note);
+    if (Interrupted()) ThrowCancelled();
+    if (piped) {
+      CopyToStandardOutput(*piped);
+    } else {
+      file->commit();
+    }
     progress.finish();
-    if (common.verbose) ReportEnd(log, command, working, report, progress);
+    if (common.verbose) ReportEnd(log, command, upright, report, progress);
   } catch (const ImageError& error) {
+    if (Interrupted()) ThrowCancelled();
     throw ToolError(kExitBadInput, error.what());
   }
 }
 
 void RunInfoCommand(const std::string& path, uint64_t maxPixels, std::ostream& out) {
-  ImageFile file;
-  try {
-    file = ReadImage(path, ReadOptions{maxPixels});
-  } catch (const ImageError& error) {
-    throw ToolError(kExitBadInput, error.what());
-  }
-  const Image& image = file.image;
-  const BitmapPlan plan = PlanBitmap(image.layout);
+  const InputFile input = OpenInput(path, ReadOptions{maxPixels});
+  const ImageShape& shape = input.reader->shape;
+  const BitmapPlan plan = PlanBitmap(shape.layout);
   std::ostringstream text;
-  text << path << ": " << FileTypeName(file.type) << '\n'
-       << "  size:      " << image.width << " x " << image.height << " (" << std::fixed << std::setprecision(2)
-       << static_cast<double>(image.width * image.height) / 1e6 << " megapixels)\n"
-       << "  channels:  " << image.channels() << " (" << LayoutName(image.layout) << ")\n"
-       << "  depth:     " << image.depth << " bits per channel\n"
-       << "  alpha:     " << (HasAlpha(image.layout) ? "yes" : "no") << '\n'
-       << "  loads as:  " << plan.format->name << " bitmap (format " << plan.format->code << "), " << image.depth
+  text << input.name << ": " << FileTypeName(input.reader->type) << '\n'
+       << "  size:      " << shape.width << " x " << shape.height << " (" << std::fixed << std::setprecision(2)
+       << static_cast<double>(shape.width * shape.height) / 1e6 << " megapixels)\n"
+       << "  channels:  " << shape.channels() << " (" << LayoutName(shape.layout) << ")\n"
+       << "  depth:     " << shape.depth << " bits per channel\n"
+       << "  alpha:     " << (HasAlpha(shape.layout) ? "yes" : "no") << '\n'
+       << "  loads as:  " << plan.format->name << " bitmap (format " << plan.format->code << "), " << shape.depth
        << " bits per channel";
-  if (plan.layout != image.layout) text << ", " << LayoutName(image.layout) << " widened to " << LayoutName(plan.layout);
-  out << text.str() << '\n';
+  if (plan.layout != shape.layout) text << ", " << LayoutName(shape.layout) << " widened to " << LayoutName(plan.layout);
+  text << '\n';
+  if (input.reader->pages > 1) text << "  pages:     " << input.reader->pages << '\n';
+  const Resolution resolution =
+      input.reader->resolution.known() ? input.reader->resolution : input.metadata.resolution();
+  if (resolution.known()) {
+    text << std::setprecision(0) << "  resolution: " << resolution.x << " x " << resolution.y
+         << (resolution.perCentimetre ? " pixels per cm\n" : " dpi\n");
+  }
+  for (const auto& [label, value] : input.metadata.describe()) text << "  " << label << ": " << value << '\n';
+  if (!input.metadataProblem.empty()) text << "  metadata:  unreadable: " << input.metadataProblem << '\n';
+  out << text.str();
 }
 
 }  // namespace rawfx::tool
