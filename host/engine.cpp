@@ -26,6 +26,19 @@ namespace {
 // Result rows get padding of their own, so that a kernel that steps through
 // the destination with the source's stride is caught.
 constexpr int64_t kResultRowPadding = 24;
+
+// The row stride of a run's result: the source's pixels plus the padding, or
+// as much of it as the companion's size cap leaves room for, so that every
+// source the companion holds has a result it holds too. Padding stays a
+// whole number of samples. A size the companion cannot hold gives -1.
+int64_t ResultRowBytes(const RawBitmap& source, int64_t maxBytes) {
+  int64_t pixelBytes;
+  if (source.height <= 0 || __builtin_mul_overflow(source.width, source.bytesPerPixel, &pixelBytes)) return -1;
+  const int64_t sampleBytes = source.bitsPerChannel == 16 ? 2 : 1;
+  const int64_t room = maxBytes / source.height - pixelBytes;
+  return pixelBytes + std::clamp<int64_t>(room / sampleBytes * sampleBytes, 0, kResultRowPadding);
+}
+
 constexpr auto kProgressInterval = std::chrono::milliseconds(2);
 
 // Bit values of formatFlags that name the source depth.
@@ -183,7 +196,8 @@ bool Prepare(Host::Impl& host, const Request& request, Run& run) {
   if (request.operation != EngineCall::PartsInPlace) {
     if (host.TakeResultFailure()) return false;
     run.result = host.MakeBitmap(source->width, source->height, source->format, source->bitsPerChannel,
-                                 source->width * source->bytesPerPixel + kResultRowPadding, PixelClearing::ByCaller);
+                                 ResultRowBytes(*source, host.options.maxBitmapBytes),
+                                 PixelClearing::ByCaller);
     if (!run.result) return false;
     destination = static_cast<RawBitmap*>(DataOf(run.result, host.bitmapClass));
     run.uncleared = BitmapPixels(destination);
@@ -268,8 +282,7 @@ void RunPartsInOrder(Run& run) {
 void Start(Run& run) {
   {
     std::lock_guard lock(run.state->mutex);
-    if (run.state->cancelNextRun) SetCancel(run.head);
-    run.state->cancelNextRun = false;
+    if (std::exchange(run.state->cancelNextRun, false)) SetCancel(run.head);
     run.state->running.push_back(run.head);
   }
   // Once the last part is handed over, run may end at any moment: read nothing
@@ -351,11 +364,30 @@ void Inspect(Host::Impl& host, const Request& request, const Run& run) {
               run.result ? run.result : BitmapObjectOf(host, request.source));
 }
 
-REALobject RunSync(const Request& request) {
+// A cancel requested for the next run is meant for a run that starts; a
+// refused one drops it, so that it cannot stop a later, unrelated run.
+void DropArmedCancel(EngineState& state) {
+  std::lock_guard lock(state.mutex);
+  state.cancelNextRun = false;
+}
+
+void Refused(Host::Impl& host, const Request& request) {
+  RecordCall(host, request, 0);
+  DropArmedCancel(*request.state);
+}
+
+// A block that a run still holds is not touched: no run starts, nothing is
+// disposed of or completed, and lastError tells the caller why.
+void RefuseHeldBlock(MPImageFilterData* engine, const Request& request) {
+  engine->lastError = rawfx::kErrorInvalidArgument;
+  Refused(*request.state->host, request);
+}
+
+REALobject RunClaimed(const Request& request) {
   Host::Impl& host = *request.state->host;
   Run run;
   if (!Prepare(host, request, run)) {
-    RecordCall(host, request, 0);
+    Refused(host, request);
     return nullptr;
   }
   RecordCall(host, request, static_cast<int>(run.blocks.size()));
@@ -371,6 +403,17 @@ REALobject RunSync(const Request& request) {
   return run.result ? run.result : BitmapObjectOf(host, request.source);
 }
 
+REALobject RunSync(MPImageFilterData* engine, const Request& request) {
+  Host::Impl& host = *request.state->host;
+  if (!host.ClaimBlock(request.params)) {
+    RefuseHeldBlock(engine, request);
+    return nullptr;
+  }
+  REALobject result = RunClaimed(request);
+  host.ReleaseBlock(request.params);
+  return result;
+}
+
 struct AsyncRun {
   Request request;
   REALobject self;
@@ -381,9 +424,26 @@ struct AsyncRun {
   bool prepared = false;
 };
 
-// The end of an asynchronous run, on the worker that finished it: one call of
-// the completion method (the result lent for the call), one disposal of the
-// parameter block, then the locks taken for the run are given back.
+// Gives the block back once no part reads it: to the effect's delete
+// callback, or to the global operator delete when there is none.
+void DisposeOfBlock(Host::Impl& host, const AsyncRun& async) {
+  void* params = async.request.params;
+  if (!params) return;
+  host.ReleaseBlock(params);
+  if (async.request.deleteCallback) {
+    host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
+    async.request.deleteCallback(async.self, static_cast<GenericMPParams*>(params));
+  } else {
+    host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
+    ::operator delete(params);
+  }
+}
+
+// The end of an asynchronous run, on the worker that finished it: one
+// disposal of the parameter block, then one call of the completion method
+// (the result lent for the call), then the locks taken for the run are given
+// back. The block goes first so that a completion method may start the
+// effect's next run with it.
 void CompleteAsync(AsyncRun* async) {
   Host::Impl& host = *async->request.state->host;
   Run& run = async->run;
@@ -393,20 +453,12 @@ void CompleteAsync(AsyncRun* async) {
   }
   REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
   if (!result) host.Unlock(run.result);
+  DisposeOfBlock(host, *async);
   if (async->completeMethod) {
     host.completionCalls.fetch_add(1, std::memory_order_relaxed);
     reinterpret_cast<CompletionMethod>(async->completeMethod)(async->completeTarget, result);
   }
   host.Unlock(result);
-  if (void* params = async->request.params) {
-    if (async->request.deleteCallback) {
-      host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
-      async->request.deleteCallback(async->self, static_cast<GenericMPParams*>(params));
-    } else {
-      host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
-      ::operator delete(params);
-    }
-  }
   for (REALobject held : {async->request.mask, async->completeTarget, async->sourceObject, async->self})
     host.Unlock(held);
   delete async;
@@ -427,7 +479,10 @@ void RunAsync(AsyncRun* async) {
   }
   host.asyncStarted.fetch_add(1, std::memory_order_relaxed);
   async->prepared = Prepare(host, async->request, async->run);
-  RecordCall(host, async->request, async->prepared ? static_cast<int>(async->run.blocks.size()) : 0);
+  if (async->prepared)
+    RecordCall(host, async->request, static_cast<int>(async->run.blocks.size()));
+  else
+    Refused(host, async->request);
   async->run.whenDone = [async] { CompleteAsync(async); };
   if (async->prepared)
     Start(async->run);
@@ -442,8 +497,8 @@ REALobject ProcessParts(MPImageFilterData* engine, void* params, PartFunction pa
                         int32_t formatFlags, int32_t resultFlag) {
   EngineState* state = StateOf(engine);
   if (!state) return nullptr;
-  return RunSync({EngineCall::Parts, state, params, partFunction, maskPartFunction, source, mask, modeCode,
-                  formatFlags, resultFlag, nullptr});
+  return RunSync(engine, {EngineCall::Parts, state, params, partFunction, maskPartFunction, source, mask, modeCode,
+                          formatFlags, resultFlag, nullptr});
 }
 
 REALobject ProcessPartsInPlace(MPImageFilterData* engine, void* params, PartFunction partFunction,
@@ -451,8 +506,8 @@ REALobject ProcessPartsInPlace(MPImageFilterData* engine, void* params, PartFunc
                                int32_t formatFlags) {
   EngineState* state = StateOf(engine);
   if (!state) return nullptr;
-  return RunSync({EngineCall::PartsInPlace, state, params, partFunction, maskPartFunction, source, mask, modeCode,
-                  formatFlags, 0, nullptr});
+  return RunSync(engine, {EngineCall::PartsInPlace, state, params, partFunction, maskPartFunction, source, mask,
+                          modeCode, formatFlags, 0, nullptr});
 }
 
 void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject sourceObject, void* params,
@@ -461,8 +516,13 @@ void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject so
                        void* completeMethod, ParamBlockDeleter deleteCallback) {
   EngineState* state = StateOf(engine);
   if (!state) return;
-  RunAsync(new AsyncRun{{EngineCall::PartsAsync, state, params, partFunction, maskPartFunction, source, mask,
-                         modeCode, formatFlags, resultFlag, deleteCallback},
+  const Request request{EngineCall::PartsAsync, state, params, partFunction, maskPartFunction, source, mask,
+                        modeCode, formatFlags, resultFlag, deleteCallback};
+  if (!state->host->ClaimBlock(params)) {
+    RefuseHeldBlock(engine, request);
+    return;
+  }
+  RunAsync(new AsyncRun{request,
                         self,
                         sourceObject,
                         completeTarget,
@@ -506,6 +566,23 @@ void Host::Impl::RequestCancel(REALobject effect) {
   for (GenericMPParams* head : state->running) SetCancel(head);
 }
 
+bool Host::Impl::ClaimBlock(const void* params) {
+  if (!params) return true;  // nothing to hold; the run's checks refuse it
+  std::lock_guard lock(mutex);
+  return blocksInFlight.insert(params).second;
+}
+
+void Host::Impl::ReleaseBlock(const void* params) {
+  std::lock_guard lock(mutex);
+  blocksInFlight.erase(params);
+}
+
+void Host::Impl::EndCall(REALobject object) {
+  const ClassInfo* cls = LiveClass(object);
+  while (cls && cls != filterClass) cls = cls->super;
+  if (EngineState* state = cls ? StateOf(EngineDataOf(object)) : nullptr) DropArmedCancel(*state);
+}
+
 void Host::Impl::WaitForAsync() {
   {
     std::unique_lock lock(asyncMutex);
@@ -541,6 +618,8 @@ void Host::SetProgressObserver(std::function<bool(int64_t done, int64_t total)> 
 }
 
 void Host::RequestCancel(REALobject effect) { impl_->RequestCancel(effect); }
+
+void Host::EndCall(REALobject self) noexcept { impl_->EndCall(self); }
 
 void Host::WaitForAsync() { impl_->WaitForAsync(); }
 

@@ -31,7 +31,7 @@ class BarrelEffect : public EffectTest {
 };
 
 TEST_F(BarrelEffect, RecordDefaultsAndProperties) {
-  ExpectRecord(kClass, "IRawBitmapProcessor, IRawBitmapProcessorAsync", 240, 5, 2, 0);
+  ExpectRecord(kClass, "IRawBitmapProcessor, IRawBitmapProcessorAsync", 256, 5, 2, 0);
   REALobject effect = Keep(host.New(kClass));
   EXPECT_TRUE(host.Get<bool>(effect, "Interpolate"));
   for (const char* property : {"Distortion", "VerticalKeystone", "HorizontalKeystone"})

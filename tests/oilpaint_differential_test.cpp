@@ -178,7 +178,7 @@ TEST(OilPaintDifferential, RandomPhotographsInFourBytePixels) {
 }
 
 // Scratch that cannot be had, in any part and at any of its four blocks:
-// the same rows stay unwritten, every block taken is given back.
+// every row is still painted, every block taken is given back.
 TEST(OilPaintDifferential, RandomScratchFailures) {
   CheckRandomCases(0xFA11ED5ull, 400, [](Rng& rng, int i) {
     return RandomCase(rng, i, [](Rng& r, OilPaintCase& c, Picture&) { c.grantedBlocks = Uniform(r, 0, 13); });

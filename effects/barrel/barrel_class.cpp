@@ -62,8 +62,6 @@ BarrelDistortionData* DataOf(REALobject self) {
   return static_cast<BarrelDistortionData*>(REALGetClassData(self, &BarrelDistortionEfffectRaw));
 }
 
-double& KeystoneCell(REALobject self, Cell cell) { return DataOf(self)->params.keystone[cell]; }
-
 // ---- construction -----------------------------------------------------------
 
 void Constructor(REALobject self) {
@@ -71,6 +69,8 @@ void Constructor(REALobject self) {
   double* k = data->params.keystone;
   for (int cell = k00; cell <= k22; ++cell) k[cell] = 0.0;
   k[k00] = k[k11] = k[k22] = 1.0;
+  data->horizontalKeystone = data->verticalKeystone = 0.0;
+  data->running.store(0, std::memory_order_relaxed);
   data->interpolate = 1;
   data->distortion = 0.0;
   // The reference that comes with the new colour is the effect's lock.
@@ -96,20 +96,16 @@ double BarrelDistortion_getDistortion(REALobject self, long long) { return DataO
 
 void BarrelDistortion_setDistortion(REALobject self, long long, double value) { DataOf(self)->distortion = value; }
 
-// The keystones live in the matrix the kernels read; the matrix stays
-// symmetric, (1 0 H / 0 1 V / H V 1).
-double BarrelDistortio_getVKeystone(REALobject self, long long) { return KeystoneCell(self, k21); }
+// The keystones are kept apart from the block, so that a run going on reads
+// the matrix it started with; the next run takes the new values.
+double BarrelDistortio_getVKeystone(REALobject self, long long) { return DataOf(self)->verticalKeystone; }
 
-void BarrelDistortio_setVKeystone(REALobject self, long long, double value) {
-  KeystoneCell(self, k12) = value;
-  KeystoneCell(self, k21) = value;
-}
+void BarrelDistortio_setVKeystone(REALobject self, long long, double value) { DataOf(self)->verticalKeystone = value; }
 
-double BarrelDistortio_getHKeystone(REALobject self, long long) { return KeystoneCell(self, k20); }
+double BarrelDistortio_getHKeystone(REALobject self, long long) { return DataOf(self)->horizontalKeystone; }
 
 void BarrelDistortio_setHKeystone(REALobject self, long long, double value) {
-  KeystoneCell(self, k02) = value;
-  KeystoneCell(self, k20) = value;
+  DataOf(self)->horizontalKeystone = value;
 }
 
 // ---- Apply ------------------------------------------------------------------
@@ -120,8 +116,12 @@ struct PreparedRun {
   int32_t formatFlags;
 };
 
+// The matrix stays symmetric, (1 0 H / 0 1 V / H V 1); the other cells keep
+// what the constructor set.
 void FillGeometry(BarrelDistortionData* data, const RawBitmap& bitmap) {
   BarrelDistortionParams& params = data->params;
+  params.keystone[k02] = params.keystone[k20] = data->horizontalKeystone;
+  params.keystone[k12] = params.keystone[k21] = data->verticalKeystone;
   params.centerX = static_cast<double>(bitmap.width) * 0.5;
   params.centerY = static_cast<double>(bitmap.height) * 0.5;
   params.distortion = data->distortion;
@@ -164,25 +164,52 @@ bool PrepareRun(BarrelDistortionData* data, REALobject sourceObject, PreparedRun
   }
 }
 
-REALobject ApplyEffect(REALobject self, REALobject source) {
-  BarrelDistortionData* data = DataOf(self);
-  PreparedRun run;
-  if (!PrepareRun(data, source, run)) return nullptr;
-  MPImageFilterData* engine = rawfx::EngineOf(data);
-  return engine->ops->ProcessParts(engine, &data->params, run.part, run.part, run.source, nullptr, kModeCode,
-                                   run.formatFlags, rawfx::kResultFlag);
+// Takes params for one run; false, with lastError 4, while an earlier run
+// still holds it: the block is then left untouched.
+bool ClaimBlock(BarrelDistortionData* data) {
+  if (data->running.exchange(1, std::memory_order_acquire) == 0) return true;
+  rawfx::StoreError(data, rawfx::kErrorInvalidArgument);
+  return false;
 }
 
-// The block stays in the instance data for the run, so the engine is given the
-// no-op delete callback instead of freeing it.
+void ReleaseBlock(BarrelDistortionData* data) { data->running.store(0, std::memory_order_release); }
+
+// The delete callback of an asynchronous run: the engine is done with the
+// block, which lives on in the instance data and is free for the next run.
+int BarrelBlockReturned(REALobject, GenericMPParams* params) {
+  auto* block = reinterpret_cast<uint8_t*>(params) - offsetof(BarrelDistortionData, params);
+  ReleaseBlock(reinterpret_cast<BarrelDistortionData*>(block));
+  return 0;
+}
+
+REALobject ApplyEffect(REALobject self, REALobject source) {
+  BarrelDistortionData* data = DataOf(self);
+  if (!ClaimBlock(data)) return nullptr;
+  PreparedRun run;
+  REALobject result = nullptr;
+  if (PrepareRun(data, source, run)) {
+    MPImageFilterData* engine = rawfx::EngineOf(data);
+    result = engine->ops->ProcessParts(engine, &data->params, run.part, run.part, run.source, nullptr, kModeCode,
+                                       run.formatFlags, rawfx::kResultFlag);
+  }
+  ReleaseBlock(data);
+  return result;
+}
+
+// The block stays in the instance data for the run; the engine hands it back
+// through the delete callback instead of freeing it.
 void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
   BarrelDistortionData* data = DataOf(self);
+  if (!ClaimBlock(data)) return;
   PreparedRun run;
-  if (!PrepareRun(data, source, run)) return;
+  if (!PrepareRun(data, source, run)) {
+    ReleaseBlock(data);
+    return;
+  }
   MPImageFilterData* engine = rawfx::EngineOf(data);
   engine->ops->ProcessPartsAsync(self, engine, source, &data->params, run.part, run.part, run.source, nullptr,
                                  kModeCode, run.formatFlags, rawfx::kResultFlag, completeTarget, completeMethod,
-                                 ParamBlockDeleteCallback);
+                                 BarrelBlockReturned);
 }
 
 }  // namespace

@@ -33,24 +33,33 @@ struct Histogram {
   uint32_t* blueSums = nullptr;
 };
 
-// Takes the four blocks, once per call; false when any of them could not be had.
-bool TakeScratch(Histogram& h, int32_t bins) {
-  const int64_t sumBytes = int64_t{bins} * static_cast<int64_t>(sizeof(uint32_t));
-  h.counts = static_cast<uint8_t*>(NewPtr(bins));
-  h.redSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  h.greenSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  h.blueSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  if (!h.counts || !h.redSums || !h.greenSums || !h.blueSums) return false;
-  std::memset(h.counts, 0, static_cast<size_t>(bins));
-  return true;
-}
+// The histogram for the most bins a byte can name, on the part's stack.
+struct StackHistogram {
+  uint8_t counts[256];
+  uint32_t redSums[256], greenSums[256], blueSums[256];
+};
 
-// Gives back whatever TakeScratch got, in the order it was taken.
+// Gives back the heap blocks of h, in the order they were taken.
 void GiveBackScratch(Histogram& h) {
   DisposePtr(h.counts);
   DisposePtr(h.redSums);
   DisposePtr(h.greenSums);
   DisposePtr(h.blueSums);
+}
+
+// The histogram of one call, with its counts cleared: four heap blocks, or,
+// when any of them cannot be had, the stack's (onHeap then false).
+Histogram TakeScratch(int32_t bins, StackHistogram& stack, bool& onHeap) {
+  const int64_t sumBytes = int64_t{bins} * static_cast<int64_t>(sizeof(uint32_t));
+  Histogram h{static_cast<uint8_t*>(NewPtr(bins)), static_cast<uint32_t*>(NewPtr(sumBytes)),
+              static_cast<uint32_t*>(NewPtr(sumBytes)), static_cast<uint32_t*>(NewPtr(sumBytes))};
+  onHeap = h.counts && h.redSums && h.greenSums && h.blueSums;
+  if (!onHeap) {
+    GiveBackScratch(h);
+    h = {stack.counts, stack.redSums, stack.greenSums, stack.blueSums};
+  }
+  std::memset(h.counts, 0, static_cast<size_t>(bins));
+  return h;
 }
 
 struct BestBin {
@@ -154,25 +163,22 @@ class OilPaintRows {
 };
 
 // One part: its rows in increasing order, each counted as progress, stopping
-// after the row during which a cancel was requested.
-//
-// When the scratch cannot be had, the part gives back what it got, leaves its
-// rows unwritten and uncounted and returns as usual: a part function has no way
-// to report an error, and stopping cleanly beats writing a partial histogram.
+// after the row during which a cancel was requested. The scratch comes from
+// the heap, or from the stack when the heap has none.
 template <bool Masked>
 void* OilPaintPart(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
   if (part.firstRow < part.endRow) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
-    Histogram histogram;
-    if (TakeScratch(histogram, int32_t{p.maxLevel} + 1)) {
-      OilPaintRows<Masked> rows(p, histogram);
-      for (int32_t y = part.firstRow; y < part.endRow; ++y) {
-        rows.Paint(y);
-        if (!rawfx::FinishRow(p.head)) break;
-      }
+    StackHistogram stack;
+    bool onHeap = false;
+    Histogram histogram = TakeScratch(int32_t{p.maxLevel} + 1, stack, onHeap);
+    OilPaintRows<Masked> rows(p, histogram);
+    for (int32_t y = part.firstRow; y < part.endRow; ++y) {
+      rows.Paint(y);
+      if (!rawfx::FinishRow(p.head)) break;
     }
-    GiveBackScratch(histogram);
+    if (onHeap) GiveBackScratch(histogram);
   }
   if constexpr (!Masked) part.done = 1;
   return nullptr;
