@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "host/host_internal.h"
@@ -330,14 +331,22 @@ bool Report(Run& run, const std::function<bool(int64_t, int64_t)>& observer, voi
   return cancel;
 }
 
-// The calling thread waits for the parts, reporting progress as it changes.
-void WaitReporting(Run& run) {
+// Whom a synchronous run reports its progress to, found before it starts.
+struct Listeners {
   std::function<bool(int64_t, int64_t)> observer;
-  {
-    std::lock_guard lock(run.host->mutex);
-    observer = run.host->observer;
-  }
-  void* onProgress = run.host->FindMethod(run.state->self, kOnProgressDecl);
+  void* onProgress;
+};
+
+Listeners ListenersOf(const Run& run) {
+  Listeners listeners{{}, run.host->FindMethod(run.state->self, kOnProgressDecl)};
+  std::lock_guard lock(run.host->mutex);
+  listeners.observer = run.host->observer;
+  return listeners;
+}
+
+// The calling thread waits for the parts, reporting progress as it changes.
+void WaitReporting(Run& run, const Listeners& listeners) {
+  const auto& [observer, onProgress] = listeners;
   int32_t reported = -1;
   std::unique_lock lock(run.mutex);
   while (!run.finished.wait_for(lock, kProgressInterval, [&] { return run.done; })) {
@@ -383,16 +392,35 @@ void RefuseHeldBlock(MPImageFilterData* engine, const Request& request) {
   Refused(*request.state->host, request);
 }
 
+// Prepare, with a shortage of memory taken as a refusal: the engine is called
+// from the plug-in, through which no exception may pass. What Prepare made is
+// given back, and the caller learns of the refusal from the nil result.
+bool PrepareOrRefuse(Host::Impl& host, const Request& request, Run& run) {
+  try {
+    if (Prepare(host, request, run)) {
+      RecordCall(host, request, static_cast<int>(run.blocks.size()));
+      return true;
+    }
+  } catch (const std::bad_alloc&) {
+    host.Unlock(std::exchange(run.result, nullptr));
+  }
+  Refused(host, request);
+  return false;
+}
+
 REALobject RunClaimed(const Request& request) {
   Host::Impl& host = *request.state->host;
   Run run;
-  if (!Prepare(host, request, run)) {
-    Refused(host, request);
+  Listeners listeners;
+  if (!PrepareOrRefuse(host, request, run)) return nullptr;
+  try {
+    listeners = ListenersOf(run);
+  } catch (const std::bad_alloc&) {
+    host.Unlock(run.result);
     return nullptr;
   }
-  RecordCall(host, request, static_cast<int>(run.blocks.size()));
   Start(run);
-  WaitReporting(run);
+  WaitReporting(run, listeners);
   Unregister(run);
   Inspect(host, request, run);
   if (Cancelled(run.head)) {
@@ -426,13 +454,13 @@ struct AsyncRun {
 
 // Gives the block back once no part reads it: to the effect's delete
 // callback, or to the global operator delete when there is none.
-void DisposeOfBlock(Host::Impl& host, const AsyncRun& async) {
-  void* params = async.request.params;
+void DisposeOfBlock(Host::Impl& host, const Request& request, REALobject self) {
+  void* params = request.params;
   if (!params) return;
   host.ReleaseBlock(params);
-  if (async.request.deleteCallback) {
+  if (request.deleteCallback) {
     host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
-    async.request.deleteCallback(async.self, static_cast<GenericMPParams*>(params));
+    request.deleteCallback(self, static_cast<GenericMPParams*>(params));
   } else {
     host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
     ::operator delete(params);
@@ -453,7 +481,7 @@ void CompleteAsync(AsyncRun* async) {
   }
   REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
   if (!result) host.Unlock(run.result);
-  DisposeOfBlock(host, *async);
+  DisposeOfBlock(host, async->request, async->self);
   if (async->completeMethod) {
     host.completionCalls.fetch_add(1, std::memory_order_relaxed);
     reinterpret_cast<CompletionMethod>(async->completeMethod)(async->completeTarget, result);
@@ -478,16 +506,17 @@ void RunAsync(AsyncRun* async) {
     ++host.asyncRuns;
   }
   host.asyncStarted.fetch_add(1, std::memory_order_relaxed);
-  async->prepared = Prepare(host, async->request, async->run);
-  if (async->prepared)
-    RecordCall(host, async->request, static_cast<int>(async->run.blocks.size()));
-  else
-    Refused(host, async->request);
+  async->prepared = PrepareOrRefuse(host, async->request, async->run);
   async->run.whenDone = [async] { CompleteAsync(async); };
-  if (async->prepared)
+  if (async->prepared) {
     Start(async->run);
-  else
+    return;
+  }
+  try {
     host.pool->Submit([async] { CompleteAsync(async); });
+  } catch (const std::bad_alloc&) {
+    CompleteAsync(async);  // on this thread, as no worker can be asked
+  }
 }
 
 // ---- the operation table ------------------------------------------------------------------
@@ -522,13 +551,14 @@ void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject so
     RefuseHeldBlock(engine, request);
     return;
   }
-  RunAsync(new AsyncRun{request,
-                        self,
-                        sourceObject,
-                        completeTarget,
-                        completeMethod,
-                        {},
-                        false});
+  auto* async = new (std::nothrow) AsyncRun{request, self, sourceObject, completeTarget, completeMethod, {}, false};
+  if (!async) {  // nothing runs: the block goes back at once and lastError says why
+    engine->lastError = rawfx::kErrorOutOfMemory;
+    Refused(*state->host, request);
+    DisposeOfBlock(*state->host, request, self);
+    return;
+  }
+  RunAsync(async);
 }
 
 const MPEngineOps kEngineOps = {nullptr, nullptr, &ProcessParts, &ProcessPartsInPlace, nullptr, &ProcessPartsAsync};
@@ -566,10 +596,16 @@ void Host::Impl::RequestCancel(REALobject effect) {
   for (GenericMPParams* head : state->running) SetCancel(head);
 }
 
+// Without memory to record the claim the run goes ahead unguarded rather
+// than being refused as if the block were held.
 bool Host::Impl::ClaimBlock(const void* params) {
   if (!params) return true;  // nothing to hold; the run's checks refuse it
   std::lock_guard lock(mutex);
-  return blocksInFlight.insert(params).second;
+  try {
+    return blocksInFlight.insert(params).second;
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
 }
 
 void Host::Impl::ReleaseBlock(const void* params) {
