@@ -1,8 +1,8 @@
 // The fast oil paint kernels against the literal reference kernels on
 // thousands of random cases: every byte of the destination memory (padding
 // and the bytes around it included), the source, progress, done, the exact
-// sequence of mask queries and the scratch taken and given back must be the
-// same, on the AVX2 path and on the portable one.
+// sequence of mask queries must be the same and no scratch may be left, on
+// the AVX2 path and on the portable one.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,9 +1,6 @@
 #include "support/oilpaint_kernel_reference.h"
 
 #include <algorithm>
-#include <cstring>
-
-#include "imaging/memory.h"
 
 namespace rawfx::reference {
 namespace {
@@ -23,44 +20,14 @@ uint8_t BinOf(uint8_t intensity, float smoothness) {
   return static_cast<uint8_t>(static_cast<int32_t>(scaled));
 }
 
-// The histogram of one part call: a count and three colour sums per bin.
-// Counts start cleared and every scan clears them again as it reads them.
-// Sums are never cleared: a bin's sums restart when its count goes 0 -> 1.
+// The histogram of one part call, on its stack, for the most bins a byte can
+// name: a count and three colour sums per bin. Counts start cleared and every
+// scan clears them again as it reads them. Sums are never cleared: a bin's
+// sums restart when its count goes 0 -> 1.
 struct Histogram {
-  uint8_t* counts = nullptr;  // at most 121 pixels per neighbourhood: never wraps
-  uint32_t* redSums = nullptr;
-  uint32_t* greenSums = nullptr;
-  uint32_t* blueSums = nullptr;
-};
-
-// The histogram for the most bins a byte can name, on the part's stack.
-struct StackHistogram {
-  uint8_t counts[256];
+  uint8_t counts[256] = {};  // at most 121 pixels per neighbourhood: never wraps
   uint32_t redSums[256], greenSums[256], blueSums[256];
 };
-
-// Gives back the heap blocks of h, in the order they were taken.
-void GiveBackScratch(Histogram& h) {
-  DisposePtr(h.counts);
-  DisposePtr(h.redSums);
-  DisposePtr(h.greenSums);
-  DisposePtr(h.blueSums);
-}
-
-// The histogram of one call, with its counts cleared: four heap blocks, or,
-// when any of them cannot be had, the stack's (onHeap then false).
-Histogram TakeScratch(int32_t bins, StackHistogram& stack, bool& onHeap) {
-  const int64_t sumBytes = int64_t{bins} * static_cast<int64_t>(sizeof(uint32_t));
-  Histogram h{static_cast<uint8_t*>(NewPtr(bins)), static_cast<uint32_t*>(NewPtr(sumBytes)),
-              static_cast<uint32_t*>(NewPtr(sumBytes)), static_cast<uint32_t*>(NewPtr(sumBytes))};
-  onHeap = h.counts && h.redSums && h.greenSums && h.blueSums;
-  if (!onHeap) {
-    GiveBackScratch(h);
-    h = {stack.counts, stack.redSums, stack.greenSums, stack.blueSums};
-  }
-  std::memset(h.counts, 0, static_cast<size_t>(bins));
-  return h;
-}
 
 struct BestBin {
   int32_t bin;
@@ -163,22 +130,18 @@ class OilPaintRows {
 };
 
 // One part: its rows in increasing order, each counted as progress, stopping
-// after the row during which a cancel was requested. The scratch comes from
-// the heap, or from the stack when the heap has none.
+// after the row during which a cancel was requested.
 template <bool Masked>
 void* OilPaintPart(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
   if (part.firstRow < part.endRow) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
-    StackHistogram stack;
-    bool onHeap = false;
-    Histogram histogram = TakeScratch(int32_t{p.maxLevel} + 1, stack, onHeap);
+    Histogram histogram;
     OilPaintRows<Masked> rows(p, histogram);
     for (int32_t y = part.firstRow; y < part.endRow; ++y) {
       rows.Paint(y);
       if (!rawfx::FinishRow(p.head)) break;
     }
-    if (onHeap) GiveBackScratch(histogram);
   }
   if constexpr (!Masked) part.done = 1;
   return nullptr;
