@@ -115,9 +115,12 @@ inline void StoreError(void* effectData, int64_t code) { EngineOf(effectData)->l
 
 // Called by every kernel once per finished row: counts the row and tells
 // whether the part should go on (false once a cancel has been requested).
+// The two fields are plain members of a binary layout, so they are reached
+// with the compiler's atomic operations (the libc++ the module is also built
+// against has no std::atomic_ref).
 inline bool FinishRow(GenericMPParams& head) {
-  std::atomic_ref<int32_t>(head.progress).fetch_add(1, std::memory_order_relaxed);
-  return std::atomic_ref<uint8_t>(head.cancel).load(std::memory_order_acquire) == 0;
+  __atomic_fetch_add(&head.progress, 1, __ATOMIC_RELAXED);
+  return __atomic_load_n(&head.cancel, __ATOMIC_ACQUIRE) == 0;
 }
 
 }  // namespace rawfx
