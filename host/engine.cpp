@@ -392,12 +392,14 @@ void RefuseHeldBlock(MPImageFilterData* engine, const Request& request) {
   Refused(*request.state->host, request);
 }
 
-// Prepare, with a shortage of memory taken as a refusal: the engine is called
-// from the plug-in, through which no exception may pass. What Prepare made is
-// given back, and the caller learns of the refusal from the nil result.
-bool PrepareOrRefuse(Host::Impl& host, const Request& request, Run& run) {
+// Prepare (and, for a synchronous run, finding its listeners), with a
+// shortage of memory taken as a refusal: the engine is called from the
+// plug-in, through which no exception may pass. What Prepare made is given
+// back, and the caller learns of the refusal from the nil result.
+bool PrepareOrRefuse(Host::Impl& host, const Request& request, Run& run, Listeners* listeners = nullptr) {
   try {
     if (Prepare(host, request, run)) {
+      if (listeners) *listeners = ListenersOf(run);
       RecordCall(host, request, static_cast<int>(run.blocks.size()));
       return true;
     }
@@ -412,13 +414,7 @@ REALobject RunClaimed(const Request& request) {
   Host::Impl& host = *request.state->host;
   Run run;
   Listeners listeners;
-  if (!PrepareOrRefuse(host, request, run)) return nullptr;
-  try {
-    listeners = ListenersOf(run);
-  } catch (const std::bad_alloc&) {
-    host.Unlock(run.result);
-    return nullptr;
-  }
+  if (!PrepareOrRefuse(host, request, run, &listeners)) return nullptr;
   Start(run);
   WaitReporting(run, listeners);
   Unregister(run);
