@@ -70,6 +70,7 @@ struct Run {
   uint8_t* uncleared = nullptr;  // its pixels, zeroed part by part
   size_t unclearedRowBytes = 0;
   std::vector<MPParamBlock> blocks;
+  ThreadPool::Tasks tasks;  // the parts as the workers take them; none when they run on the starting thread
   bool cancelBetweenParts = false;  // CancelAtRow: two parts in order, cancel set between them
   std::atomic<size_t> remaining{0};
   std::mutex mutex;
@@ -277,36 +278,46 @@ void RunPartsInOrder(Run& run) {
   }
 }
 
-// Registers the run with its engine (where a cancel can reach it) and hands
-// its parts to the workers. On a worker thread the parts run right there, as
-// that thread may be the only worker there is.
-void Start(Run& run) {
-  {
-    std::lock_guard lock(run.state->mutex);
-    if (std::exchange(run.state->cancelNextRun, false)) SetCancel(run.head);
-    run.state->running.push_back(run.head);
-  }
-  // Once the last part is handed over, run may end at any moment: read nothing
-  // of it after that.
-  const size_t parts = run.blocks.size();
-  ThreadPool& pool = *run.host->pool;
-  run.remaining.store(parts, std::memory_order_relaxed);
-  if (parts == 0) {
-    Finish(run);
-  } else if (ThreadPool::OnWorkerThread()) {
-    RunPartsInOrder(run);
-    Finish(run);
-  } else if (run.cancelBetweenParts) {
-    pool.Submit([&run] {
+// The tasks in which the workers will run the parts, made before the run
+// starts. None on a worker thread: the parts run right there, as that thread
+// may be the only worker there is.
+void MakeTasks(Run& run) {
+  if (run.blocks.empty() || ThreadPool::OnWorkerThread()) return;
+  if (run.cancelBetweenParts) {
+    run.tasks.emplace_back([&run] {
       RunPartsInOrder(run);
       Finish(run);
     });
+    return;
+  }
+  for (size_t i = 0; i < run.blocks.size(); ++i)
+    run.tasks.emplace_back([&run, i] {
+      RunPart(run, i);
+      if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
+    });
+}
+
+// Registers the run with its engine, where a cancel can reach it; a cancel
+// armed for the engine's next run is this run's.
+void Register(Run& run) {
+  std::lock_guard lock(run.state->mutex);
+  run.state->running.push_back(run.head);
+  if (std::exchange(run.state->cancelNextRun, false)) SetCancel(run.head);
+}
+
+// Hands the parts to the workers, or runs them here; nothing here allocates.
+// Once the last part is handed over, run may end at any moment: read nothing
+// of it after that.
+void Start(Run& run) {
+  const size_t parts = run.blocks.size();
+  run.remaining.store(parts, std::memory_order_relaxed);
+  if (parts == 0) {
+    Finish(run);
+  } else if (run.tasks.empty()) {
+    RunPartsInOrder(run);
+    Finish(run);
   } else {
-    for (size_t i = 0; i < parts; ++i)
-      pool.Submit([&run, i] {
-        RunPart(run, i);
-        if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
-      });
+    run.host->pool->Submit(std::move(run.tasks));
   }
 }
 
@@ -392,14 +403,17 @@ void RefuseHeldBlock(MPImageFilterData* engine, const Request& request) {
   Refused(*request.state->host, request);
 }
 
-// Prepare (and, for a synchronous run, finding its listeners), with a
-// shortage of memory taken as a refusal: the engine is called from the
-// plug-in, through which no exception may pass. What Prepare made is given
-// back, and the caller learns of the refusal from the nil result.
+// Everything a run needs before it starts, made while nothing runs (and,
+// for a synchronous run, its listeners found), with a shortage of memory taken
+// as a refusal: the engine is called from the plug-in, through which no
+// exception may pass. What was made is given back, and the caller learns of
+// the refusal from the nil result.
 bool PrepareOrRefuse(Host::Impl& host, const Request& request, Run& run, Listeners* listeners = nullptr) {
   try {
     if (Prepare(host, request, run)) {
       if (listeners) *listeners = ListenersOf(run);
+      MakeTasks(run);
+      Register(run);
       RecordCall(host, request, static_cast<int>(run.blocks.size()));
       return true;
     }
