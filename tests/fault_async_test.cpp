@@ -10,8 +10,8 @@
 #include <atomic>
 #include <functional>
 #include <random>
-#include <thread>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 

@@ -29,6 +29,7 @@ void* operator new(std::size_t bytes) {
   if (void* memory = std::malloc(bytes ? bytes : 1)) return memory;
   throw std::bad_alloc();
 }
+// The engine also allocates with the nothrow form, which must pair with the delete below.
 void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept { return std::malloc(bytes ? bytes : 1); }
 void operator delete(void* memory) noexcept {
   if (memory && memory == gWatchedBlock.load()) ++gWatchedBlockDeletes;
