@@ -17,8 +17,6 @@ constexpr size_t kPixelsAt = 16;
 constexpr size_t kRowBytesAt = 24;
 static_assert(kPixelsAt >= offsetof(RawBitmap, companion16) && kRowBytesAt + 8 <= offsetof(RawBitmap, channelCount));
 
-// Pixel memory is capped so that a wild size is refused instead of attempted.
-constexpr int64_t kMaxPixelBytes = int64_t{1} << 30;
 constexpr int64_t kMaxDimension = INT32_MAX;
 
 void SetPixels(RawBitmap* record, uint8_t* pixels) {
@@ -48,12 +46,13 @@ void BitmapInit(REALobject self) { RecordOf(self)->bitsPerChannel = 8; }
 void BitmapDestroy(REALobject self) { ReleasePixels(RecordOf(self)); }
 
 // Sizes the constructor accepts; rowBytes 0 asks for rows without padding.
-int64_t AcceptedRowBytes(int64_t width, int64_t height, int64_t rowBytes, int64_t pixelBytes, int bytesPerSample) {
+int64_t AcceptedRowBytes(int64_t width, int64_t height, int64_t rowBytes, int64_t pixelBytes, int bytesPerSample,
+                         int64_t maxBytes) {
   if (width <= 0 || height <= 0 || width > kMaxDimension || height > kMaxDimension) return 0;
   const int64_t minimum = width * pixelBytes;
   const int64_t stride = rowBytes == 0 ? minimum : rowBytes;
   if (stride < minimum || stride > kMaxDimension || stride % bytesPerSample != 0) return 0;
-  if (stride > kMaxPixelBytes / height) return 0;
+  if (stride > maxBytes / height) return 0;
   return stride;
 }
 
@@ -61,7 +60,7 @@ int64_t AcceptedRowBytes(int64_t width, int64_t height, int64_t rowBytes, int64_
 // record is left invalid when the size, stride or format is refused. Memory
 // is zero-filled unless clearing says the caller clears it.
 void ConstructPixels(RawBitmap* record, int64_t width, int64_t height, int64_t rowBytes, int64_t format,
-                     PixelClearing clearing) {
+                     PixelClearing clearing, int64_t maxBytes) {
   const uint8_t depth = record->bitsPerChannel;
   ReleasePixels(record);
   std::memset(record, 0, sizeof *record);
@@ -71,7 +70,7 @@ void ConstructPixels(RawBitmap* record, int64_t width, int64_t height, int64_t r
   if (!info || (depth != 8 && depth != 16)) return;
   const int bytesPerSample = depth / 8;
   const int64_t pixelBytes = int64_t{info->channels} * bytesPerSample;
-  const int64_t stride = AcceptedRowBytes(width, height, rowBytes, pixelBytes, bytesPerSample);
+  const int64_t stride = AcceptedRowBytes(width, height, rowBytes, pixelBytes, bytesPerSample, maxBytes);
   if (stride == 0) return;
   const size_t rows = static_cast<size_t>(height), bytesPerRow = static_cast<size_t>(stride);
   auto* pixels = static_cast<uint8_t*>(clearing == PixelClearing::Now ? std::calloc(rows, bytesPerRow)
@@ -100,7 +99,7 @@ void BitmapConstruct(REALobject self, REALobject srcBlock, int64_t width, int64_
                      int64_t format) {
   RawBitmap* record = RecordOf(self);
   const int64_t accepted = srcBlock ? 0 : width;  // refused like a bad size
-  ConstructPixels(record, accepted, height, rowBytes, format, PixelClearing::Now);
+  ConstructPixels(record, accepted, height, rowBytes, format, PixelClearing::Now, HostOf(self)->options.maxBitmapBytes);
 }
 
 // ---- RawBitmapMask ------------------------------------------------------------------
@@ -258,7 +257,7 @@ REALobject Host::Impl::MakeBitmap(int64_t width, int64_t height, int64_t format,
   REALobject bitmap = NewObject(bitmapClass);
   if (!bitmap) return nullptr;
   RecordOf(bitmap)->bitsPerChannel = static_cast<uint8_t>(bitsPerChannel == 8 || bitsPerChannel == 16 ? bitsPerChannel : 0);
-  ConstructPixels(RecordOf(bitmap), width, height, rowBytes, format, clearing);
+  ConstructPixels(RecordOf(bitmap), width, height, rowBytes, format, clearing, options.maxBitmapBytes);
   if (RecordOf(bitmap)->isValid) return bitmap;
   Unlock(bitmap);
   return nullptr;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "host/host_internal.h"
@@ -26,6 +27,19 @@ namespace {
 // Result rows get padding of their own, so that a kernel that steps through
 // the destination with the source's stride is caught.
 constexpr int64_t kResultRowPadding = 24;
+
+// The row stride of a run's result: the source's pixels plus the padding, or
+// as much of it as the companion's size cap leaves room for, so that every
+// source the companion holds has a result it holds too. Padding stays a
+// whole number of samples. A size the companion cannot hold gives -1.
+int64_t ResultRowBytes(const RawBitmap& source, int64_t maxBytes) {
+  int64_t pixelBytes;
+  if (source.height <= 0 || __builtin_mul_overflow(source.width, source.bytesPerPixel, &pixelBytes)) return -1;
+  const int64_t sampleBytes = source.bitsPerChannel == 16 ? 2 : 1;
+  const int64_t room = maxBytes / source.height - pixelBytes;
+  return pixelBytes + std::clamp<int64_t>(room / sampleBytes * sampleBytes, 0, kResultRowPadding);
+}
+
 constexpr auto kProgressInterval = std::chrono::milliseconds(2);
 
 // Bit values of formatFlags that name the source depth.
@@ -56,6 +70,7 @@ struct Run {
   uint8_t* uncleared = nullptr;  // its pixels, zeroed part by part
   size_t unclearedRowBytes = 0;
   std::vector<MPParamBlock> blocks;
+  ThreadPool::Tasks tasks;  // the parts as the workers take them; none when they run on the starting thread
   bool cancelBetweenParts = false;  // CancelAtRow: two parts in order, cancel set between them
   std::atomic<size_t> remaining{0};
   std::mutex mutex;
@@ -176,7 +191,8 @@ bool Prepare(Host::Impl& host, const Request& request, Run& run) {
   if (request.operation != EngineCall::PartsInPlace) {
     if (host.TakeResultFailure()) return false;
     run.result = host.MakeBitmap(source->width, source->height, source->format, source->bitsPerChannel,
-                                 source->width * source->bytesPerPixel + kResultRowPadding, PixelClearing::ByCaller);
+                                 ResultRowBytes(*source, host.options.maxBitmapBytes),
+                                 PixelClearing::ByCaller);
     if (!run.result) return false;
     destination = static_cast<RawBitmap*>(DataOf(run.result, host.bitmapClass));
     run.uncleared = BitmapPixels(destination);
@@ -255,37 +271,46 @@ void RunPartsInOrder(Run& run) {
   }
 }
 
-// Registers the run with its engine (where a cancel can reach it) and hands
-// its parts to the workers. On a worker thread the parts run right there, as
-// that thread may be the only worker there is.
-void Start(Run& run) {
-  {
-    std::lock_guard lock(run.state->mutex);
-    if (run.state->cancelNextRun) rawfx::RequestCancel(*run.head);
-    run.state->cancelNextRun = false;
-    run.state->running.push_back(run.head);
-  }
-  // Once the last part is handed over, run may end at any moment: read nothing
-  // of it after that.
-  const size_t parts = run.blocks.size();
-  ThreadPool& pool = *run.host->pool;
-  run.remaining.store(parts, std::memory_order_relaxed);
-  if (parts == 0) {
-    Finish(run);
-  } else if (ThreadPool::OnWorkerThread()) {
-    RunPartsInOrder(run);
-    Finish(run);
-  } else if (run.cancelBetweenParts) {
-    pool.Submit([&run] {
+// The tasks in which the workers will run the parts, made before the run
+// starts. None on a worker thread: the parts run right there, as that thread
+// may be the only worker there is.
+void MakeTasks(Run& run) {
+  if (run.blocks.empty() || ThreadPool::OnWorkerThread()) return;
+  if (run.cancelBetweenParts) {
+    run.tasks.emplace_back([&run] {
       RunPartsInOrder(run);
       Finish(run);
     });
+    return;
+  }
+  for (size_t i = 0; i < run.blocks.size(); ++i)
+    run.tasks.emplace_back([&run, i] {
+      RunPart(run, i);
+      if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
+    });
+}
+
+// Registers the run with its engine, where a cancel can reach it; a cancel
+// armed for the engine's next run is this run's.
+void Register(Run& run) {
+  std::lock_guard lock(run.state->mutex);
+  run.state->running.push_back(run.head);
+  if (std::exchange(run.state->cancelNextRun, false)) rawfx::RequestCancel(*run.head);
+}
+
+// Hands the parts to the workers, or runs them here; nothing here allocates.
+// Once the last part is handed over, run may end at any moment: read nothing
+// of it after that.
+void Start(Run& run) {
+  const size_t parts = run.blocks.size();
+  run.remaining.store(parts, std::memory_order_relaxed);
+  if (parts == 0) {
+    Finish(run);
+  } else if (run.tasks.empty()) {
+    RunPartsInOrder(run);
+    Finish(run);
   } else {
-    for (size_t i = 0; i < parts; ++i)
-      pool.Submit([&run, i] {
-        RunPart(run, i);
-        if (run.remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) Finish(run);
-      });
+    run.host->pool->Submit(std::move(run.tasks));
   }
 }
 
@@ -310,14 +335,22 @@ bool Report(Run& run, const std::function<bool(int64_t, int64_t)>& observer, voi
   return cancel;
 }
 
-// The calling thread waits for the parts, reporting progress as it changes.
-void WaitReporting(Run& run) {
+// Whom a synchronous run reports its progress to, found before it starts.
+struct Listeners {
   std::function<bool(int64_t, int64_t)> observer;
-  {
-    std::lock_guard lock(run.host->mutex);
-    observer = run.host->observer;
-  }
-  void* onProgress = run.host->FindMethod(run.state->self, kOnProgressDecl);
+  void* onProgress;
+};
+
+Listeners ListenersOf(const Run& run) {
+  Listeners listeners{{}, run.host->FindMethod(run.state->self, kOnProgressDecl)};
+  std::lock_guard lock(run.host->mutex);
+  listeners.observer = run.host->observer;
+  return listeners;
+}
+
+// The calling thread waits for the parts, reporting progress as it changes.
+void WaitReporting(Run& run, const Listeners& listeners) {
+  const auto& [observer, onProgress] = listeners;
   int32_t reported = -1;
   std::unique_lock lock(run.mutex);
   while (!run.finished.wait_for(lock, kProgressInterval, [&] { return run.done; })) {
@@ -344,16 +377,53 @@ void Inspect(Host::Impl& host, const Request& request, const Run& run) {
               run.result ? run.result : BitmapObjectOf(host, request.source));
 }
 
-REALobject RunSync(const Request& request) {
+// A cancel requested for the next run is meant for a run that starts; a
+// refused one drops it, so that it cannot stop a later, unrelated run.
+void DropArmedCancel(EngineState& state) {
+  std::lock_guard lock(state.mutex);
+  state.cancelNextRun = false;
+}
+
+void Refused(Host::Impl& host, const Request& request) {
+  RecordCall(host, request, 0);
+  DropArmedCancel(*request.state);
+}
+
+// A block that a run still holds is not touched: no run starts, nothing is
+// disposed of or completed, and lastError tells the caller why.
+void RefuseHeldBlock(MPImageFilterData* engine, const Request& request) {
+  engine->lastError = rawfx::kErrorInvalidArgument;
+  Refused(*request.state->host, request);
+}
+
+// Everything a run needs before it starts, made while nothing runs (and,
+// for a synchronous run, its listeners found), with a shortage of memory taken
+// as a refusal: the engine is called from the plug-in, through which no
+// exception may pass. What was made is given back, and the caller learns of
+// the refusal from the nil result.
+bool PrepareOrRefuse(Host::Impl& host, const Request& request, Run& run, Listeners* listeners = nullptr) {
+  try {
+    if (Prepare(host, request, run)) {
+      if (listeners) *listeners = ListenersOf(run);
+      MakeTasks(run);
+      Register(run);
+      RecordCall(host, request, static_cast<int>(run.blocks.size()));
+      return true;
+    }
+  } catch (const std::bad_alloc&) {
+    host.Unlock(std::exchange(run.result, nullptr));
+  }
+  Refused(host, request);
+  return false;
+}
+
+REALobject RunClaimed(const Request& request) {
   Host::Impl& host = *request.state->host;
   Run run;
-  if (!Prepare(host, request, run)) {
-    RecordCall(host, request, 0);
-    return nullptr;
-  }
-  RecordCall(host, request, static_cast<int>(run.blocks.size()));
+  Listeners listeners;
+  if (!PrepareOrRefuse(host, request, run, &listeners)) return nullptr;
   Start(run);
-  WaitReporting(run);
+  WaitReporting(run, listeners);
   Unregister(run);
   Inspect(host, request, run);
   if (Cancelled(run.head)) {
@@ -362,6 +432,17 @@ REALobject RunSync(const Request& request) {
   }
   // In place there is no new bitmap; the source is named, not handed over.
   return run.result ? run.result : BitmapObjectOf(host, request.source);
+}
+
+REALobject RunSync(MPImageFilterData* engine, const Request& request) {
+  Host::Impl& host = *request.state->host;
+  if (!host.ClaimBlock(request.params)) {
+    RefuseHeldBlock(engine, request);
+    return nullptr;
+  }
+  REALobject result = RunClaimed(request);
+  host.ReleaseBlock(request.params);
+  return result;
 }
 
 struct AsyncRun {
@@ -374,9 +455,26 @@ struct AsyncRun {
   bool prepared = false;
 };
 
-// The end of an asynchronous run, on the worker that finished it: one call of
-// the completion method (the result lent for the call), one disposal of the
-// parameter block, then the locks taken for the run are given back.
+// Gives the block back once no part reads it: to the effect's delete
+// callback, or to the global operator delete when there is none.
+void DisposeOfBlock(Host::Impl& host, const Request& request, REALobject self) {
+  void* params = request.params;
+  if (!params) return;
+  host.ReleaseBlock(params);
+  if (request.deleteCallback) {
+    host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
+    request.deleteCallback(self, static_cast<GenericMPParams*>(params));
+  } else {
+    host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
+    ::operator delete(params);
+  }
+}
+
+// The end of an asynchronous run, on the worker that finished it: one
+// disposal of the parameter block, then one call of the completion method
+// (the result lent for the call), then the locks taken for the run are given
+// back. The block goes first so that a completion method may start the
+// effect's next run with it.
 void CompleteAsync(AsyncRun* async) {
   Host::Impl& host = *async->request.state->host;
   Run& run = async->run;
@@ -386,20 +484,12 @@ void CompleteAsync(AsyncRun* async) {
   }
   REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
   if (!result) host.Unlock(run.result);
+  DisposeOfBlock(host, async->request, async->self);
   if (async->completeMethod) {
     host.completionCalls.fetch_add(1, std::memory_order_relaxed);
     reinterpret_cast<CompletionMethod>(async->completeMethod)(async->completeTarget, result);
   }
   host.Unlock(result);
-  if (void* params = async->request.params) {
-    if (async->request.deleteCallback) {
-      host.deleteCallbacks.fetch_add(1, std::memory_order_relaxed);
-      async->request.deleteCallback(async->self, static_cast<GenericMPParams*>(params));
-    } else {
-      host.blocksDeleted.fetch_add(1, std::memory_order_relaxed);
-      ::operator delete(params);
-    }
-  }
   for (REALobject held : {async->request.mask, async->completeTarget, async->sourceObject, async->self})
     host.Unlock(held);
   delete async;
@@ -419,13 +509,17 @@ void RunAsync(AsyncRun* async) {
     ++host.asyncRuns;
   }
   host.asyncStarted.fetch_add(1, std::memory_order_relaxed);
-  async->prepared = Prepare(host, async->request, async->run);
-  RecordCall(host, async->request, async->prepared ? static_cast<int>(async->run.blocks.size()) : 0);
+  async->prepared = PrepareOrRefuse(host, async->request, async->run);
   async->run.whenDone = [async] { CompleteAsync(async); };
-  if (async->prepared)
+  if (async->prepared) {
     Start(async->run);
-  else
+    return;
+  }
+  try {
     host.pool->Submit([async] { CompleteAsync(async); });
+  } catch (const std::bad_alloc&) {
+    CompleteAsync(async);  // on this thread, as no worker can be asked
+  }
 }
 
 // ---- the operation table ------------------------------------------------------------------
@@ -435,8 +529,8 @@ REALobject ProcessParts(MPImageFilterData* engine, void* params, PartFunction pa
                         int32_t formatFlags, int32_t resultFlag) {
   EngineState* state = StateOf(engine);
   if (!state) return nullptr;
-  return RunSync({EngineCall::Parts, state, params, partFunction, maskPartFunction, source, mask, modeCode,
-                  formatFlags, resultFlag, nullptr});
+  return RunSync(engine, {EngineCall::Parts, state, params, partFunction, maskPartFunction, source, mask, modeCode,
+                          formatFlags, resultFlag, nullptr});
 }
 
 REALobject ProcessPartsInPlace(MPImageFilterData* engine, void* params, PartFunction partFunction,
@@ -444,8 +538,8 @@ REALobject ProcessPartsInPlace(MPImageFilterData* engine, void* params, PartFunc
                                int32_t formatFlags) {
   EngineState* state = StateOf(engine);
   if (!state) return nullptr;
-  return RunSync({EngineCall::PartsInPlace, state, params, partFunction, maskPartFunction, source, mask, modeCode,
-                  formatFlags, 0, nullptr});
+  return RunSync(engine, {EngineCall::PartsInPlace, state, params, partFunction, maskPartFunction, source, mask,
+                          modeCode, formatFlags, 0, nullptr});
 }
 
 void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject sourceObject, void* params,
@@ -454,14 +548,20 @@ void ProcessPartsAsync(REALobject self, MPImageFilterData* engine, REALobject so
                        void* completeMethod, ParamBlockDeleter deleteCallback) {
   EngineState* state = StateOf(engine);
   if (!state) return;
-  RunAsync(new AsyncRun{{EngineCall::PartsAsync, state, params, partFunction, maskPartFunction, source, mask,
-                         modeCode, formatFlags, resultFlag, deleteCallback},
-                        self,
-                        sourceObject,
-                        completeTarget,
-                        completeMethod,
-                        {},
-                        false});
+  const Request request{EngineCall::PartsAsync, state, params, partFunction, maskPartFunction, source, mask,
+                        modeCode, formatFlags, resultFlag, deleteCallback};
+  if (!state->host->ClaimBlock(params)) {
+    RefuseHeldBlock(engine, request);
+    return;
+  }
+  auto* async = new (std::nothrow) AsyncRun{request, self, sourceObject, completeTarget, completeMethod, {}, false};
+  if (!async) {  // nothing runs: the block goes back at once and lastError says why
+    engine->lastError = rawfx::kErrorOutOfMemory;
+    Refused(*state->host, request);
+    DisposeOfBlock(*state->host, request, self);
+    return;
+  }
+  RunAsync(async);
 }
 
 const MPEngineOps kEngineOps = {nullptr, nullptr, &ProcessParts, &ProcessPartsInPlace, nullptr, &ProcessPartsAsync};
@@ -499,6 +599,29 @@ void Host::Impl::RequestCancel(REALobject effect) {
   for (GenericMPParams* head : state->running) rawfx::RequestCancel(*head);
 }
 
+// Without memory to record the claim the run goes ahead unguarded rather
+// than being refused as if the block were held.
+bool Host::Impl::ClaimBlock(const void* params) {
+  if (!params) return true;  // nothing to hold; the run's checks refuse it
+  std::lock_guard lock(mutex);
+  try {
+    return blocksInFlight.insert(params).second;
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
+}
+
+void Host::Impl::ReleaseBlock(const void* params) {
+  std::lock_guard lock(mutex);
+  blocksInFlight.erase(params);
+}
+
+void Host::Impl::EndCall(REALobject object) {
+  const ClassInfo* cls = LiveClass(object);
+  while (cls && cls != filterClass) cls = cls->super;
+  if (EngineState* state = cls ? StateOf(EngineDataOf(object)) : nullptr) DropArmedCancel(*state);
+}
+
 void Host::Impl::WaitForAsync() {
   {
     std::unique_lock lock(asyncMutex);
@@ -534,6 +657,8 @@ void Host::SetProgressObserver(std::function<bool(int64_t done, int64_t total)> 
 }
 
 void Host::RequestCancel(REALobject effect) { impl_->RequestCancel(effect); }
+
+void Host::EndCall(REALobject self) noexcept { impl_->EndCall(self); }
 
 void Host::WaitForAsync() { impl_->WaitForAsync(); }
 

@@ -33,6 +33,12 @@ enum class SplitPolicy {
   WithEmptyParts,  // Balanced parts with empty parts between them
 };
 
+// The companion's cap on a bitmap's pixel memory, rows with their padding: a
+// wild size is refused instead of attempted. Every source within it has a
+// run result within it too (the engine pads result rows only as far as the
+// cap allows).
+inline constexpr int64_t kMaxBitmapBytes = int64_t{1} << 30;
+
 struct HostOptions {
   std::string modulePath;                 // empty: the module built with this project
   // By default each Host loads a private copy of the module from the temporary
@@ -44,6 +50,7 @@ struct HostOptions {
   std::set<std::string> missingServices;  // host names the resolver answers null for
   int threads = 0;                        // engine workers; 0: the machine's cores
   SplitPolicy split = SplitPolicy::Balanced;
+  int64_t maxBitmapBytes = kMaxBitmapBytes;  // the companion's cap; tests lower it
 };
 
 // One RawBitmap format the companion knows. Codes 0, 1, 2, 22 and 23 are grey
@@ -162,6 +169,7 @@ class Host {
   R Call(REALobject self, std::string_view declaration, A... args) {
     void* fn = FindMethod(self, declaration);
     if (!fn) throw HostError("no method " + std::string(declaration) + " on " + ClassName(self));
+    const CallScope scope{*this, self};
     return reinterpret_cast<R (*)(REALobject, A...)>(fn)(self, args...);
   }
 
@@ -189,6 +197,10 @@ class Host {
   // formatFlags depth bit that does not match the source, a mask smaller than
   // the source) and when a cancel stops them before every row is done. An
   // in-place run that succeeds returns the source, without a new reference.
+  // A run whose parameter block another run still holds is refused before
+  // anything starts, with lastError 4: nil, and for ApplyAsync no completion
+  // and no disposal (the block belongs to the run that holds it). An
+  // asynchronous run disposes of its block before it calls its completion.
   // LastError and RequestCancel throw HostError for an object without an engine.
   int64_t LastError(REALobject effect) const;
   // 0: the machine's cores. Work already queued finishes on the old workers;
@@ -201,6 +213,8 @@ class Host {
   void SetProgressObserver(std::function<bool(int64_t done, int64_t total)> observer);
   // Stops the effect's current run between rows; with no run going, its next run
   // starts with cancel already set (each part then does exactly its first row).
+  // Such a cancel is dropped by a run the engine refuses and by the end of a
+  // Call that started no run, so it never stops a later, unrelated run.
   void RequestCancel(REALobject effect);
   void WaitForAsync();                    // until every asynchronous run has completed
   EngineCall lastEngineCall() const;
@@ -234,6 +248,15 @@ class Host {
   struct Impl;
 
  private:
+  // Ends a Call: a cancel armed for the effect's next run that no run of the
+  // call took is dropped.
+  struct CallScope {
+    Host& host;
+    REALobject self;
+    ~CallScope() { host.EndCall(self); }
+  };
+  void EndCall(REALobject self) noexcept;
+
   std::unique_ptr<Impl> impl_;
 };
 

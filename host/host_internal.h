@@ -132,7 +132,13 @@ struct Host::Impl {
                         PixelClearing clearing = PixelClearing::Now);
   REALobject MakeColour(const ClassInfo* cls, const void* data, size_t bytes);
   void RequestCancel(REALobject effect);
+  void EndCall(REALobject object);  // drops a cancel armed for the effect's next run
   void WaitForAsync();
+  // Parameter blocks held by runs: a block is claimed as its run is asked for
+  // and released when the engine has done with it (disposed of it, for an
+  // asynchronous run). False when a run already holds it.
+  bool ClaimBlock(const void* params);
+  void ReleaseBlock(const void* params);
 
   Host& owner;
   HostOptions options;
@@ -164,6 +170,7 @@ struct Host::Impl {
   SplitPolicy split = SplitPolicy::Balanced;
   std::function<bool(int64_t, int64_t)> observer;
   EngineCall lastCall;
+  std::set<const void*> blocksInFlight;  // guarded by mutex
   std::mutex asyncMutex;
   std::condition_variable asyncFinished;
   int asyncRuns = 0;

@@ -23,12 +23,18 @@ ThreadPool::~ThreadPool() {
   for (std::thread& worker : workers_) worker.join();
 }
 
-void ThreadPool::Submit(std::function<void()> task) {
+void ThreadPool::Submit(Tasks tasks) noexcept {
   {
     std::lock_guard lock(mutex_);
-    queue_.push_back(std::move(task));
+    queue_.splice(queue_.end(), tasks);
   }
-  wake_.notify_one();
+  wake_.notify_all();
+}
+
+void ThreadPool::Submit(std::function<void()> task) {
+  Tasks one;
+  one.push_back(std::move(task));
+  Submit(std::move(one));
 }
 
 bool ThreadPool::OnWorkerThread() { return tOnWorker; }

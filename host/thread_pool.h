@@ -3,8 +3,8 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -18,6 +18,10 @@ class ThreadPool {
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
 
+  // Tasks whose nodes the caller has made: queuing them allocates nothing, so
+  // work whose tasks could be made cannot fail to be handed over.
+  using Tasks = std::list<std::function<void()>>;
+  void Submit(Tasks tasks) noexcept;
   void Submit(std::function<void()> task);
   int size() const { return static_cast<int>(workers_.size()); }
 
@@ -30,7 +34,7 @@ class ThreadPool {
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::deque<std::function<void()>> queue_;
+  Tasks queue_;
   bool stopping_ = false;
   std::vector<std::thread> workers_;
 };

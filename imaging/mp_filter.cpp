@@ -6,5 +6,3 @@ void* GetProgressProc(REALobject target) {
   if (!target) return nullptr;
   return REALLoadObjectMethod(target, kOnProgressDecl);
 }
-
-int ParamBlockDeleteCallback(REALobject, GenericMPParams*) { return 0; }

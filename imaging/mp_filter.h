@@ -56,7 +56,8 @@ static_assert(sizeof(GenericMPParams) == 88);
 
 struct MPImageFilterData;
 
-// The delete callback of an asynchronous run; called instead of deleting the block.
+// The delete callback of an asynchronous run, called instead of deleting the
+// block once no part reads it any more: from then on the block is free.
 using ParamBlockDeleter = int (*)(REALobject self, GenericMPParams* params);
 
 using ProcessPartsFn = REALobject (*)(MPImageFilterData* engine, void* params, PartFunction partFunction,
@@ -97,6 +98,7 @@ static_assert(sizeof(MPImageFilterData) == 72);
 namespace rawfx {
 
 inline constexpr int64_t kErrorInvalidArgument = 4;
+inline constexpr int64_t kErrorOutOfMemory = 5;  // a run's own memory could not be had; nothing ran
 inline constexpr int64_t kErrorUnsupportedDepth = 6;
 
 inline constexpr int32_t kResultFlag = 1;
@@ -132,6 +134,3 @@ inline constexpr const char* kOnProgressDecl =
 
 // The program's progress handler on target, or nil.
 void* GetProgressProc(REALobject target);
-
-// The delete callback of blocks that live inside an effect's instance data.
-int ParamBlockDeleteCallback(REALobject self, GenericMPParams* params);

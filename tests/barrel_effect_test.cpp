@@ -34,6 +34,7 @@ TEST_F(BarrelEffect, RecordDefaultsAndProperties) {
   ExpectRecord(kClass, "IRawBitmapProcessor, IRawBitmapProcessorAsync", 240, 5, 2, 0);
   REALobject effect = Keep(host.New(kClass));  // defaults: docs_classes_test
   REALobject colour = Keep(host.Get<REALobject>(effect, "BackColor"));
+  EXPECT_TRUE(host.IsA(colour, "ZandoriaColors.RGBColor"));
   EXPECT_EQ(host.RefCount(colour), 2) << "the effect's reference and the getter's";
   ExpectHoldsOneLock(effect, "BackColor", Keep(host.NewRGBColor(1, 2, 3)), Keep(host.NewCMYKColor(1, 2, 3, 4)), false);
 

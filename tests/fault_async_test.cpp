@@ -1,13 +1,17 @@
 // Asynchronous runs under load and at the edges of their objects' lives: a
 // thousand back-to-back runs with random cancel requests, and objects released
-// while their runs are under way or from the completion itself. Every run
-// completes exactly once, every parameter block is disposed of exactly once,
-// and nothing is left alive. (A result that cannot be made is among the
-// resource faults; runs the effect refuses are its class test's.)
+// while their runs are under way or from the completion itself, and a barrel
+// effect used again while its run is under way. Every run completes exactly
+// once, every parameter block is disposed of exactly once, and nothing is
+// left alive. (A result that cannot be made is among the resource faults;
+// runs the effect refuses are its class test's.)
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -25,6 +29,21 @@ class FaultAsync : public AsyncHostTest {
   }
   int64_t BlocksDisposed() { return host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks; }
 };
+
+// A block whose part holds the engine's worker until released, so that the
+// runs started meanwhile stay queued behind it.
+struct WorkerHold {
+  GenericMPParams head{};
+  std::atomic<bool> released{false};
+};
+
+void* HoldWorker(void* block) {
+  auto& hold = *static_cast<WorkerHold*>(static_cast<MPParamBlock*>(block)->params);
+  while (!hold.released) std::this_thread::yield();
+  return nullptr;
+}
+
+int KeepBlock(REALobject, GenericMPParams*) { return 0; }
 
 // Polar runs share two effects and overlap freely (each has its own block on
 // the heap); a barrel effect's block lives in the effect, so every barrel run
@@ -120,6 +139,53 @@ TEST_F(FaultAsync, ObjectsReleasedWhileTheirRunIsUnderWayOrByItsCompletion) {
     EXPECT_EQ(host.LiveObjectCount(), 0u) << "the effect is gone";
     log.releaseTarget = false;
   }
+}
+
+// A barrel effect's block lives in the effect. While its run waits behind a
+// held worker, a second ApplyAsync (of another size) and an Apply on the same
+// effect are refused with lastError 4 before they touch the block, and a
+// keystone set meanwhile is not stored (the run is reading the matrix). The
+// run under way completes once, with the result of its own settings.
+TEST_F(FaultAsync, ABarrelRunUnderWayKeepsItsBlockAndItsSettings) {
+  host.SetThreads(1);
+  host.DefineClass({"WorkerHolder", "MPImageFilterRaw", {}});
+  REALobject holder = host.New("WorkerHolder");
+  REALobject big = NewPattern(host, 600, 600, kRGBA, 8, 5), small = NewPattern(host, 16, 16, kRGBA, 8, 6);
+  REALobject effect = NewEffect(host, kBarrel), twin = NewEffect(host, kBarrel);
+  REALobject expected = host.Call<REALobject>(twin, kApply, big);
+  REALobject expectedNext = host.Call<REALobject>(twin, kApply, small);
+
+  WorkerHold hold;
+  auto* engine = static_cast<MPImageFilterData*>(host.ClassData(holder, "MPImageFilterRaw"));
+  engine->ops->ProcessPartsAsync(holder, engine, small, &hold, &HoldWorker, &HoldWorker, host.Bitmap(small).record,
+                                 nullptr, 2, 13, 1, nullptr, nullptr, &KeepBlock);
+  REALobject target = host.NewRGBColor(1, 2, 3), refusedTarget = host.NewRGBColor(4, 5, 6);
+  Start(effect, big, target);
+  const std::function<REALobject()> misuses[] = {
+      [&] { return Start(effect, small, refusedTarget), nullptr; },
+      [&] { return host.Call<REALobject>(effect, kApply, small); },
+  };
+  auto& lastError = static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"))->lastError;
+  for (const auto& misuse : misuses) {
+    lastError = 0;
+    EXPECT_EQ(misuse(), nullptr);
+    EXPECT_EQ(lastError, 4);
+  }
+  const double keystone = host.Get<double>(effect, "HorizontalKeystone");
+  host.Set<double>(effect, "HorizontalKeystone", -0.2);
+  EXPECT_EQ(host.Get<double>(effect, "HorizontalKeystone"), keystone);
+  hold.released = true;
+  host.WaitForAsync();
+
+  EXPECT_EQ(log.Calls(refusedTarget), 0);
+  REALobject result = log.Take(target);
+  ASSERT_NE(result, nullptr);
+  EXPECT_TRUE(SamePixels(host, result, expected)) << "the run kept the settings it started with";
+  REALobject next = host.Call<REALobject>(effect, kApply, small);
+  ASSERT_NE(next, nullptr) << "the block is free again";
+  EXPECT_TRUE(SamePixels(host, next, expectedNext)) << "the keystone set during the run was not stored";
+  for (REALobject object : {next, result, target, refusedTarget, expectedNext, expected, twin, effect, small, big, holder})
+    host.Unlock(object);
 }
 
 }  // namespace

@@ -2,11 +2,13 @@
 // before a run starts: a stopped run gives nil (or, in place, leaves the rows
 // after the stop as they were), the rows before the stop are the full run's,
 // and nothing is leaked. A cancel from the progress observer, landing wherever
-// a run is, gives nil or the whole result.
+// a run is, gives nil or the whole result. A cancel requested before a call
+// that the effect refuses does not stop the run after it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -163,6 +165,26 @@ TEST_F(FaultCancel, ObserverCancelGivesNilOrTheWholeResult) {
   }
   host.SetProgressObserver(nullptr);
   for (REALobject object : {expected, source, effect}) host.Unlock(object);
+}
+
+// A cancel requested with no run going is for the effect's next run; a call
+// that the effect refuses (nil source, lastError 4) takes it away, so the
+// run after that is whole.
+TEST_F(FaultCancel, ACancelBeforeARefusedCallDoesNotStopTheNextRun) {
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(std::string(c.className) + "." + kMethodNames[int(c.method)] + " at " + std::to_string(c.bits));
+    REALobject effect = NewEffect(host, c.className);
+    REALobject source = NewPattern(host, kWidth, kHeight, kRGBA, c.bits, kSeed, 6);
+    host.RequestCancel(effect);
+    EXPECT_EQ(RunEffect(host, effect, c.method, nullptr, log), nullptr);
+    auto& lastError = static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"))->lastError;
+    EXPECT_EQ(lastError, 4);
+    lastError = 0;
+    seen = {};
+    REALobject result = RunEffect(host, effect, c.method, source, log);
+    EXPECT_EQ(std::make_tuple(seen.runs, seen.cancel, seen.progress), std::make_tuple(1, false, kHeight));
+    for (REALobject object : {result, source, effect}) host.Unlock(object);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // The engine of MPImageFilterRaw, driven through its operation table with
 // test part functions that copy rows and record what they were given: the
-// split of rows into parts, the head, the result's clearing, progress and
-// cancel, and asynchronous runs with their completion and disposal.
+// split of rows into parts, the head, the result's clearing and size cap,
+// progress and cancel, asynchronous runs with their completion and disposal,
+// and blocks that a run still holds.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -27,6 +29,8 @@ void* operator new(std::size_t bytes) {
   if (void* memory = std::malloc(bytes ? bytes : 1)) return memory;
   throw std::bad_alloc();
 }
+// The engine also allocates with the nothrow form, which must pair with the delete below.
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept { return std::malloc(bytes ? bytes : 1); }
 void operator delete(void* memory) noexcept {
   if (memory && memory == gWatchedBlock.load()) ++gWatchedBlockDeletes;
   std::free(memory);
@@ -384,6 +388,64 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndDisposesOfItsBlock) {
   result = log.Take(target);
   EXPECT_NE(result, nullptr);
   for (REALobject object : {result, target, source}) host.Unlock(object);
+}
+
+// A block that a run holds is not handed out again: a run of any kind with it
+// is refused before anything starts (nil, lastError 4, no part, and for
+// ProcessPartsAsync no completion and no disposal). Once the first run has
+// disposed of it the block runs again; a cancel armed for the next run goes
+// with a refused run instead of stopping that later one.
+TEST_F(EngineTest, ABlockThatARunHoldsIsRefusedUntilItIsGivenBack) {
+  REALobject source = NewSource(8), target = host.NewRGBColor(0, 0, 0);
+  CopyParams params(8);
+  params.released = false;
+  StartAsync(&params, source, target, &RecordingDelete);
+  const std::function<REALobject()> reuses[] = {
+      [&] { return Process(&params, source); },
+      [&] {
+        return engine->ops->ProcessPartsInPlace(engine, &params, &CopyRows, &CopyRows, host.Bitmap(source).record,
+                                                nullptr, 2, 13);
+      },
+      [&] { return StartAsync(&params, source, target, &RecordingDelete), nullptr; },
+  };
+  for (const auto& reuse : reuses) {
+    engine->lastError = 0;
+    EXPECT_EQ(reuse(), nullptr);
+    EXPECT_EQ(std::make_tuple(engine->lastError, host.lastEngineCall().parts), std::make_tuple(4, 0));
+  }
+  params.released = true;
+  host.WaitForAsync();
+  EXPECT_EQ(std::make_tuple(log.Calls(target), handlers.deletes.load(), params.RowsDone()), std::make_tuple(1, 1, 8));
+  host.Unlock(log.Take(target));
+
+  host.RequestCancel(effect);
+  EXPECT_EQ(Process(&params, source, nullptr, 14), nullptr) << "refused: the depth bit is wrong";
+  REALobject result = Process(&params, source);
+  EXPECT_NE(result, nullptr);
+  for (REALobject object : {result, target, source}) host.Unlock(object);
+}
+
+// Every source the companion holds has a result it holds: result rows are
+// padded only as far as the cap leaves room. Shown under a cap of 4096 bytes
+// with sources that reach it (as 16384 x 16384 RGBA reaches the real one).
+TEST(EngineSizeCap, EverySourceWithinTheCapHasAResult) {
+  rawfx::host::HostOptions options;
+  options.maxBitmapBytes = 4096;
+  rawfx::host::Host capped(options);
+  REALobject effect = capped.New(kPolar);
+  for (const auto& [width, height, format, bits] :
+       {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8}, {3, 1365, kGray, 8}}) {
+    SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height) + " at " + std::to_string(bits) + " bits");
+    EXPECT_EQ(capped.NewBitmap(width, height + 1, format, bits), nullptr) << "a row more is past the cap";
+    REALobject source = NewPattern(capped, width, height, format, bits, 7);
+    REALobject result = capped.Call<REALobject>(effect, kApply, source);
+    ASSERT_NE(result, nullptr);
+    EXPECT_LE(capped.Bitmap(result).rowBytes * height, 4096);
+    capped.Unlock(result);
+    capped.Unlock(source);
+  }
+  capped.Unlock(effect);
+  EXPECT_EQ(capped.LiveObjectCount(), 0u);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The fast oil paint kernels against the literal reference kernels on
 // thousands of random cases: every byte of the destination memory (padding
 // and the bytes around it included), the source, progress, done, the exact
-// sequence of mask queries and the scratch taken and given back must be the
-// same, on the AVX2 path and on the portable one.
+// sequence of mask queries must be the same and no scratch may be left, on
+// the AVX2 path and on the portable one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -178,7 +178,7 @@ TEST(OilPaintDifferential, RandomPhotographsInFourBytePixels) {
 }
 
 // Scratch that cannot be had, in any part and at any of its four blocks:
-// the same rows stay unwritten, every block taken is given back.
+// every row is still painted, every block taken is given back.
 TEST(OilPaintDifferential, RandomScratchFailures) {
   CheckRandomCases(0xFA11ED5ull, 400, [](Rng& rng, int i) {
     return RandomCase(rng, i, [](Rng& r, OilPaintCase& c, Picture&) { c.grantedBlocks = Uniform(r, 0, 13); });

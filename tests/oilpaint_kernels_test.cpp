@@ -214,23 +214,26 @@ TEST_P(OilPaintKernels, MaskIsAskedOncePerRowThenOncePerColumn) {
   EXPECT_EQ(f.mask.bits, 8);
 }
 
-// A part whose scratch cannot be had, at any of its four blocks, leaves its
-// rows unwritten and uncounted and gives back the blocks it got.
-TEST_P(OilPaintKernels, MissingScratchLeavesRowsUnwritten) {
+// A part whose scratch cannot be had, at any of its four blocks, still paints
+// every row exactly as with scratch (the widest brush and all 256 bins), and
+// gives back the blocks it got.
+TEST_P(OilPaintKernels, MissingScratchStillPaintsTheExactResult) {
   for (int granted = 0; granted < 4; ++granted)
     for (bool masked : {false, true}) {
       SCOPED_TRACE(Describe(granted, " blocks", masked ? ", masked" : ""));
-      Frame f(GetParam().Part(masked), masked, 4, 4, kRGB);
+      Frame f(GetParam().Part(masked), masked, 9, 7, kRGB, 1.0f, 5);
+      for (int i = 0; i < 9 * 7; ++i) f.SetRgb(i % 9, i / 9, Grey(i * 37 % 256));
       const int64_t live = rawfx::memory::LiveBlockCount();
       rawfx::memory::FailAllocationsAfter(granted);
       const MPParamBlock part = f.RunAll();
       rawfx::memory::FailAllocationsAfter(-1);
       EXPECT_EQ(rawfx::memory::LiveBlockCount(), live);
-      EXPECT_EQ(f.params.head.progress, 0);
-      EXPECT_EQ(f.dst.bytes, std::vector<uint8_t>(f.dst.bytes.size(), kUnwritten));
+      EXPECT_EQ(f.params.head.progress, 7);
       EXPECT_EQ(part.done, masked ? 0 : 1);
-      f.RunAll();  // with scratch to be had again, the same part paints
-      EXPECT_EQ(f.Out(0, 0), masked ? UnderClearMask(kBlack) : kBlack);
+      const std::vector<uint8_t> painted = f.dst.bytes;
+      f.RunAll();
+      EXPECT_EQ(f.dst.bytes, painted);
+      EXPECT_NE(f.Out(4, 3), Grey(kUnwritten));
     }
 }
 

@@ -20,17 +20,20 @@
 // The module takes an asynchronous block (followed by its column table when
 // unrolling) and a synchronous run's column table with the global operator new.
 // These replacements count the allocations of one watched size and keep those
-// still live, so that a test can tell that what a run took was given back.
+// still live, so that a test can tell that what a run took was given back; on
+// request the nothrow form refuses that size, as an exhausted heap would.
 namespace {
 
 std::mutex gWatchMutex;
 size_t gWatchedSize = 0;
+bool gWatchedFails = false;
 int gWatchedMade = 0;
 std::array<void*, 64> gWatchedLive{};
 
-void* Allocate(size_t size) noexcept {
-  void* p = std::malloc(size ? size : 1);
+void* Allocate(size_t size, bool nothrow = false) noexcept {
   std::lock_guard lock(gWatchMutex);
+  if (nothrow && gWatchedFails && size == gWatchedSize) return nullptr;
+  void* p = std::malloc(size ? size : 1);
   if (p && size == gWatchedSize) {
     ++gWatchedMade;
     for (void*& slot : gWatchedLive)
@@ -51,9 +54,10 @@ void Release(void* p) noexcept {
   std::free(p);
 }
 
-void Watch(size_t size) {
+void Watch(size_t size, bool fails = false) {
   std::lock_guard lock(gWatchMutex);
   gWatchedSize = size;
+  gWatchedFails = fails;
   gWatchedMade = 0;
   gWatchedLive.fill(nullptr);
 }
@@ -73,8 +77,8 @@ void* operator new(size_t size) {
   throw std::bad_alloc();
 }
 void* operator new[](size_t size) { return operator new(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
 void operator delete(void* p) noexcept { Release(p); }
 void operator delete[](void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
@@ -107,8 +111,10 @@ TEST_F(PolarEffect, RecordDefaultsAndBackColor) {
   ExpectHoldsOneLock(effect, "BackColor", Keep(host.NewRGBColor(1, 2, 3)), Keep(host.NewCMYKColor(1, 2, 3, 4)), false);
 }
 
-// Every form refuses a nil source or colour with 4 and a depth other than 8 or
-// 16 with 6; a refused ApplyAsync frees its block (and column table) itself.
+// Every form refuses a nil source or colour with 4, a source too large for
+// 32-bit offsets with 4 and a depth other than 8 or 16 with 6; a refused
+// ApplyAsync frees its block (and column table) itself, and one without
+// memory for its block stores 5.
 TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
   REALobject effect = Keep(host.New(kClass));
   REALobject source = NewSource(9, 6, kRGB);
@@ -117,22 +123,31 @@ TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
   struct Row {
     bool toPolar, nilSource;
     uint8_t bits;
+    int64_t height;  // patched into the record: 2^27 rows of 27 bytes reach past 2^31
   };
-  for (const Row& row : {Row{true, true, 8}, Row{false, true, 8}, Row{true, false, 32}, Row{false, false, 12}}) {
+  for (const Row& row : {Row{true, true, 8, 6}, Row{false, true, 8, 6}, Row{true, false, 32, 6},
+                         Row{false, false, 12, 6}, Row{true, false, 8, 1 << 27}, Row{false, false, 16, 1 << 27}}) {
     SCOPED_TRACE(std::string(row.toPolar ? "wrapping" : "unrolling") + (row.nilSource ? ", nil source" : ", depth ") +
-                 std::to_string(row.bits));
+                 std::to_string(row.bits) + ", height " + std::to_string(row.height));
     host.Set<bool>(effect, "RectangularToPolar", row.toPolar);
     host.Bitmap(source).record->bitsPerChannel = row.bits;
+    host.Bitmap(source).record->height = row.height;
     REALobject run = row.nilSource ? nullptr : source;
-    const int64_t code = row.nilSource ? 4 : 6;
-    ExpectRefused(effect, run, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
-    ExpectRefused(effect, run, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
+    REALobject compared = row.height == 6 ? run : nullptr;  // the patched record's pixels are not all there
+    const int64_t code = row.bits == 8 || row.bits == 16 ? 4 : 6;
+    ExpectRefused(effect, compared, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
+    ExpectRefused(effect, compared, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
     const bool withTable = !row.toPolar && !row.nilSource;
     Watch(kBlockSize + (withTable ? PolarColumnTableBytes(9, 6) : 0));
-    ExpectRefused(effect, run, code, [&] { return ApplyAsync(effect, run, effect); });
+    ExpectRefused(effect, compared, code, [&] { return ApplyAsync(effect, run, effect); });
     EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
   }
   host.Bitmap(source).record->bitsPerChannel = 8;
+  host.Bitmap(source).record->height = 6;
+  host.Set<bool>(effect, "RectangularToPolar", true);
+  Watch(kBlockSize, true);
+  ExpectRefused(effect, source, 5, [&] { return ApplyAsync(effect, source, effect); });
+  Watch(0);
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
 

@@ -62,8 +62,6 @@ BarrelDistortionData* DataOf(REALobject self) {
   return static_cast<BarrelDistortionData*>(REALGetClassData(self, &BarrelDistortionEfffectRaw));
 }
 
-double& KeystoneCell(REALobject self, Cell cell) { return DataOf(self)->params.keystone[cell]; }
-
 // ---- construction -----------------------------------------------------------
 
 void Constructor(REALobject self) {
@@ -71,6 +69,7 @@ void Constructor(REALobject self) {
   double* k = data->params.keystone;
   for (int cell = k00; cell <= k22; ++cell) k[cell] = 0.0;
   k[k00] = k[k11] = k[k22] = 1.0;
+  data->running.store(0, std::memory_order_relaxed);
   data->interpolate = 1;
   data->distortion = 0.0;
   // The reference that comes with the new colour is the effect's lock.
@@ -96,20 +95,24 @@ double BarrelDistortion_getDistortion(REALobject self, long long) { return DataO
 
 void BarrelDistortion_setDistortion(REALobject self, long long, double value) { DataOf(self)->distortion = value; }
 
-// The keystones live in the matrix the kernels read; the matrix stays
-// symmetric, (1 0 H / 0 1 V / H V 1).
-double BarrelDistortio_getVKeystone(REALobject self, long long) { return KeystoneCell(self, k21); }
-
-void BarrelDistortio_setVKeystone(REALobject self, long long, double value) {
-  KeystoneCell(self, k12) = value;
-  KeystoneCell(self, k21) = value;
+// The keystones live in the block's matrix, which stays symmetric:
+// (1 0 H / 0 1 V / H V 1). While a run reads the matrix a new value is not
+// stored, so no run ever sees half of a change.
+void SetKeystone(BarrelDistortionData* data, Cell row, Cell column, double value) {
+  if (data->running.load(std::memory_order_acquire) != 0) return;
+  data->params.keystone[row] = data->params.keystone[column] = value;
 }
 
-double BarrelDistortio_getHKeystone(REALobject self, long long) { return KeystoneCell(self, k20); }
+double BarrelDistortio_getVKeystone(REALobject self, long long) { return DataOf(self)->params.keystone[k12]; }
+
+void BarrelDistortio_setVKeystone(REALobject self, long long, double value) {
+  SetKeystone(DataOf(self), k12, k21, value);
+}
+
+double BarrelDistortio_getHKeystone(REALobject self, long long) { return DataOf(self)->params.keystone[k02]; }
 
 void BarrelDistortio_setHKeystone(REALobject self, long long, double value) {
-  KeystoneCell(self, k02) = value;
-  KeystoneCell(self, k20) = value;
+  SetKeystone(DataOf(self), k02, k20, value);
 }
 
 // ---- Apply ------------------------------------------------------------------
@@ -120,6 +123,7 @@ struct PreparedRun {
   int32_t formatFlags;
 };
 
+// The keystone matrix is already in the block; the rest follows the source.
 void FillGeometry(BarrelDistortionData* data, const RawBitmap& bitmap) {
   BarrelDistortionParams& params = data->params;
   params.centerX = static_cast<double>(bitmap.width) * 0.5;
@@ -164,25 +168,52 @@ bool PrepareRun(BarrelDistortionData* data, REALobject sourceObject, PreparedRun
   }
 }
 
-REALobject ApplyEffect(REALobject self, REALobject source) {
-  BarrelDistortionData* data = DataOf(self);
-  PreparedRun run;
-  if (!PrepareRun(data, source, run)) return nullptr;
-  MPImageFilterData* engine = rawfx::EngineOf(data);
-  return engine->ops->ProcessParts(engine, &data->params, run.part, run.part, run.source, nullptr, kModeCode,
-                                   run.formatFlags, rawfx::kResultFlag);
+// Takes params for one run; false, with lastError 4, while an earlier run
+// still holds it: the block is then left untouched.
+bool ClaimBlock(BarrelDistortionData* data) {
+  if (data->running.exchange(1, std::memory_order_acquire) == 0) return true;
+  rawfx::StoreError(data, rawfx::kErrorInvalidArgument);
+  return false;
 }
 
-// The block stays in the instance data for the run, so the engine is given the
-// no-op delete callback instead of freeing it.
+void ReleaseBlock(BarrelDistortionData* data) { data->running.store(0, std::memory_order_release); }
+
+// The delete callback of an asynchronous run: the engine is done with the
+// block, which lives on in the instance data and is free for the next run.
+int BarrelBlockReturned(REALobject, GenericMPParams* params) {
+  auto* block = reinterpret_cast<uint8_t*>(params) - offsetof(BarrelDistortionData, params);
+  ReleaseBlock(reinterpret_cast<BarrelDistortionData*>(block));
+  return 0;
+}
+
+REALobject ApplyEffect(REALobject self, REALobject source) {
+  BarrelDistortionData* data = DataOf(self);
+  if (!ClaimBlock(data)) return nullptr;
+  PreparedRun run;
+  REALobject result = nullptr;
+  if (PrepareRun(data, source, run)) {
+    MPImageFilterData* engine = rawfx::EngineOf(data);
+    result = engine->ops->ProcessParts(engine, &data->params, run.part, run.part, run.source, nullptr, kModeCode,
+                                       run.formatFlags, rawfx::kResultFlag);
+  }
+  ReleaseBlock(data);
+  return result;
+}
+
+// The block stays in the instance data for the run; the engine hands it back
+// through the delete callback instead of freeing it.
 void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
   BarrelDistortionData* data = DataOf(self);
+  if (!ClaimBlock(data)) return;
   PreparedRun run;
-  if (!PrepareRun(data, source, run)) return;
+  if (!PrepareRun(data, source, run)) {
+    ReleaseBlock(data);
+    return;
+  }
   MPImageFilterData* engine = rawfx::EngineOf(data);
   engine->ops->ProcessPartsAsync(self, engine, source, &data->params, run.part, run.part, run.source, nullptr,
                                  kModeCode, run.formatFlags, rawfx::kResultFlag, completeTarget, completeMethod,
-                                 ParamBlockDeleteCallback);
+                                 BarrelBlockReturned);
 }
 
 }  // namespace

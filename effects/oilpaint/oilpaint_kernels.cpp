@@ -80,7 +80,7 @@ static_assert(kChunkColumns % 8 == 0 && (kRingColumns & (kRingColumns - 1)) == 0
 int32_t RingSlot(int32_t column) { return column & (kRingColumns - 1); }
 
 // Bins rounded up to whole vectors: the counts block is read a vector at a time.
-int32_t PaddedBins(int32_t bins) { return (bins + kVectorBytes - 1) / kVectorBytes * kVectorBytes; }
+constexpr int32_t PaddedBins(int32_t bins) { return (bins + kVectorBytes - 1) / kVectorBytes * kVectorBytes; }
 
 // The histogram of one part call and the ring of binned columns, taken once
 // per call in four blocks, sized by the bins and the brush only.
@@ -89,24 +89,40 @@ struct Scratch {
   PackedColour* sums = nullptr;         // per bin; exact while the bin's count is above 0
   uint8_t* ringBins = nullptr;          // square row x ring slot: a pixel's bin
   PackedColour* ringColours = nullptr;  // the same pixel's colour
+  bool onHeap = false;                  // the blocks came from NewPtr and go back with DisposePtr
 };
 
-// Takes the four blocks; false when any of them could not be had.
-bool TakeScratch(Scratch& s, int32_t bins, int32_t diameter) {
-  const int64_t ringPixels = int64_t{diameter} * kRingColumns;
-  s.counts = static_cast<uint8_t*>(NewPtr(PaddedBins(bins)));
-  s.sums = static_cast<PackedColour*>(NewPtr(int64_t{bins} * int64_t{sizeof(PackedColour)}));
-  s.ringBins = static_cast<uint8_t*>(NewPtr(ringPixels));
-  s.ringColours = static_cast<PackedColour*>(NewPtr(ringPixels * int64_t{sizeof(PackedColour)}));
-  return s.counts && s.sums && s.ringBins && s.ringColours;
-}
+// Scratch for the most bins (256: a bin is a byte) and the widest brush, on
+// the part's stack: when the heap has none, the part still paints every row,
+// with the same result, instead of leaving a blank.
+struct FallbackScratch {
+  alignas(kVectorBytes) uint8_t counts[PaddedBins(256)];
+  PackedColour sums[256];
+  uint8_t ringBins[kMaxDiameter * kRingColumns];
+  PackedColour ringColours[kMaxDiameter * kRingColumns];
+};
 
-// Gives back whatever TakeScratch got, in the order it was taken.
+// Gives back the heap blocks that s holds, in the order they were taken.
 void GiveBackScratch(Scratch& s) {
+  if (!s.onHeap) return;
   DisposePtr(s.counts);
   DisposePtr(s.sums);
   DisposePtr(s.ringBins);
   DisposePtr(s.ringColours);
+}
+
+// Takes the four blocks from the heap, or, when any of them cannot be had,
+// gives back the others and uses the fallback. The class admits at most 256
+// bins and a diameter of kMaxDiameter, which the fallback holds.
+Scratch TakeScratch(int32_t bins, int32_t diameter, FallbackScratch& fallback) {
+  const int64_t ringPixels = int64_t{diameter} * kRingColumns;
+  Scratch s{static_cast<uint8_t*>(NewPtr(PaddedBins(bins))),
+            static_cast<PackedColour*>(NewPtr(int64_t{bins} * int64_t{sizeof(PackedColour)})),
+            static_cast<uint8_t*>(NewPtr(ringPixels)),
+            static_cast<PackedColour*>(NewPtr(ringPixels * int64_t{sizeof(PackedColour)})), true};
+  if (s.counts && s.sums && s.ringBins && s.ringColours) return s;
+  GiveBackScratch(s);
+  return {fallback.counts, fallback.sums, fallback.ringBins, fallback.ringColours, false};
 }
 
 // Everything that turns source pixels into bins, read once per call.
@@ -482,18 +498,16 @@ void PaintRowsOnBestPath(OilPaintParams& p, const Scratch& s, int32_t firstRow, 
   PaintRows<Masked, PortablePath>(p, s, firstRow, endRow);
 }
 
-// One part. When the scratch cannot be had, the part gives back what it got,
-// leaves its rows unwritten and uncounted and returns as usual: a part
-// function has no way to report an error, and stopping cleanly beats writing
-// a partial histogram.
+// One part. Its scratch comes from the heap, or from the stack when the heap
+// has none; either way every row of the part is painted exactly.
 template <bool Masked>
 void* OilPaintPart(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
   if (part.firstRow < part.endRow) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
-    Scratch scratch;
-    if (TakeScratch(scratch, int32_t{p.maxLevel} + 1, 2 * int32_t{p.brushSize} + 1))
-      PaintRowsOnBestPath<Masked>(p, scratch, part.firstRow, part.endRow);
+    FallbackScratch fallback;
+    Scratch scratch = TakeScratch(int32_t{p.maxLevel} + 1, 2 * int32_t{p.brushSize} + 1, fallback);
+    PaintRowsOnBestPath<Masked>(p, scratch, part.firstRow, part.endRow);
     GiveBackScratch(scratch);
   }
   if constexpr (!Masked) part.done = 1;

@@ -125,7 +125,9 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
   settings.angleOffset = 0.0;
 
   RawBitmap* bitmap = GetRawBitmapData(source);
-  if (!bitmap) {  // a host that cannot give the bitmap's data
+  // nil: a host that cannot give the bitmap's data. A source too large for the
+  // parts' offsets is refused rather than mapped to background.
+  if (!bitmap || !PolarSourceAddressable(bitmap->width, bitmap->height, bitmap->bytesPerPixel)) {
     engine->lastError = rawfx::kErrorInvalidArgument;
     return nullptr;
   }
@@ -199,7 +201,9 @@ REALobject IEffectApply(REALobject self, REALobject source) {
 // and, handed over with no delete callback, released by the engine with the
 // global operator delete after the run. A column table, if the run takes one,
 // follows the block in the same allocation and so is released with it. If the
-// checks fail the block is freed here.
+// checks fail the block is freed here. Allocation never throws: without
+// memory for the block nothing runs, the completion method is not called and
+// lastError says why.
 void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
   PolarCoordinatesData* data = DataOf(self);
   MPImageFilterData* engine = rawfx::EngineOf(data);
@@ -207,7 +211,11 @@ void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTar
   void* storage = tableBytes ? ::operator new(sizeof(PolarCoordinatesParams) + tableBytes, std::nothrow) : nullptr;
   if (!storage) {
     tableBytes = 0;  // without memory for the table the parts map every pixel in full
-    storage = ::operator new(sizeof(PolarCoordinatesParams));
+    storage = ::operator new(sizeof(PolarCoordinatesParams), std::nothrow);
+  }
+  if (!storage) {
+    engine->lastError = rawfx::kErrorOutOfMemory;
+    return;
   }
   std::memset(storage, 0, sizeof(PolarCoordinatesParams) + tableBytes);
   auto* params = static_cast<PolarCoordinatesParams*>(storage);

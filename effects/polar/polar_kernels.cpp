@@ -737,6 +737,13 @@ void* PolarCoordinatesRows(void* block) {
 
 }  // namespace
 
+bool PolarSourceAddressable(int64_t width, int64_t height, int64_t pixelBytes) {
+  constexpr int64_t kLargest = std::numeric_limits<int32_t>::max();
+  if (width > kLargest || height > kLargest || pixelBytes > kLargest) return false;
+  const int64_t rowBytes = std::max<int64_t>(width, 0) * std::max<int64_t>(pixelBytes, 0);
+  return rowBytes <= kLargest && rowBytes * std::max<int64_t>(height - 1, 0) <= kLargest;
+}
+
 // Wider bitmaps map every pixel in full: past a million columns the table
 // would take tens of megabytes, filled on one thread before the run starts,
 // and a record patched to a wild width would have the class fill it in vain.

@@ -72,6 +72,12 @@ static_assert(offsetof(PolarCoordinatesParams, backColor16) == 144);
 static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
 static_assert(sizeof(PolarCoordinatesParams) == 168);
 
+// True when the parts can address every pixel of a width x height source of
+// pixelBytes per pixel with unpadded rows: they form row and column offsets as
+// 32-bit products. (Padding that pushes the offsets past 32 bits shows only in
+// the run's head; the parts then write the background and read nothing.)
+bool PolarSourceAddressable(int64_t width, int64_t height, int64_t pixelBytes);
+
 // Bytes of a column table for a width x height bitmap (header included); 0 when
 // a run takes none (a width outside 1 .. 2^20, a height outside 1 .. the
 // largest int32).

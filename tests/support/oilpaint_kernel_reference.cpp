@@ -1,9 +1,6 @@
 #include "support/oilpaint_kernel_reference.h"
 
 #include <algorithm>
-#include <cstring>
-
-#include "imaging/memory.h"
 
 namespace rawfx::reference {
 namespace {
@@ -23,35 +20,14 @@ uint8_t BinOf(uint8_t intensity, float smoothness) {
   return static_cast<uint8_t>(static_cast<int32_t>(scaled));
 }
 
-// The histogram of one part call: a count and three colour sums per bin.
-// Counts start cleared and every scan clears them again as it reads them.
-// Sums are never cleared: a bin's sums restart when its count goes 0 -> 1.
+// The histogram of one part call, on its stack, for the most bins a byte can
+// name: a count and three colour sums per bin. Counts start cleared and every
+// scan clears them again as it reads them. Sums are never cleared: a bin's
+// sums restart when its count goes 0 -> 1.
 struct Histogram {
-  uint8_t* counts = nullptr;  // at most 121 pixels per neighbourhood: never wraps
-  uint32_t* redSums = nullptr;
-  uint32_t* greenSums = nullptr;
-  uint32_t* blueSums = nullptr;
+  uint8_t counts[256] = {};  // at most 121 pixels per neighbourhood: never wraps
+  uint32_t redSums[256], greenSums[256], blueSums[256];
 };
-
-// Takes the four blocks, once per call; false when any of them could not be had.
-bool TakeScratch(Histogram& h, int32_t bins) {
-  const int64_t sumBytes = int64_t{bins} * static_cast<int64_t>(sizeof(uint32_t));
-  h.counts = static_cast<uint8_t*>(NewPtr(bins));
-  h.redSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  h.greenSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  h.blueSums = static_cast<uint32_t*>(NewPtr(sumBytes));
-  if (!h.counts || !h.redSums || !h.greenSums || !h.blueSums) return false;
-  std::memset(h.counts, 0, static_cast<size_t>(bins));
-  return true;
-}
-
-// Gives back whatever TakeScratch got, in the order it was taken.
-void GiveBackScratch(Histogram& h) {
-  DisposePtr(h.counts);
-  DisposePtr(h.redSums);
-  DisposePtr(h.greenSums);
-  DisposePtr(h.blueSums);
-}
 
 struct BestBin {
   int32_t bin;
@@ -155,24 +131,17 @@ class OilPaintRows {
 
 // One part: its rows in increasing order, each counted as progress, stopping
 // after the row during which a cancel was requested.
-//
-// When the scratch cannot be had, the part gives back what it got, leaves its
-// rows unwritten and uncounted and returns as usual: a part function has no way
-// to report an error, and stopping cleanly beats writing a partial histogram.
 template <bool Masked>
 void* OilPaintPart(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
   if (part.firstRow < part.endRow) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
     Histogram histogram;
-    if (TakeScratch(histogram, int32_t{p.maxLevel} + 1)) {
-      OilPaintRows<Masked> rows(p, histogram);
-      for (int32_t y = part.firstRow; y < part.endRow; ++y) {
-        rows.Paint(y);
-        if (!rawfx::FinishRow(p.head)) break;
-      }
+    OilPaintRows<Masked> rows(p, histogram);
+    for (int32_t y = part.firstRow; y < part.endRow; ++y) {
+      rows.Paint(y);
+      if (!rawfx::FinishRow(p.head)) break;
     }
-    GiveBackScratch(histogram);
   }
   if constexpr (!Masked) part.done = 1;
   return nullptr;

@@ -71,7 +71,8 @@ std::string ExplainEffectError(const EffectInfo& effect, int64_t code, int bitsP
     if (!effect.sixteenBit) return title + " works on 8-bit images; use --depth 8";
     return title + " cannot work on " + std::to_string(bitsPerChannel) + "-bit images; use --depth 8 or --depth 16";
   }
-  if (code == kErrorInvalidArgument) return title + " refused its settings (invalid argument, error 4)";
+  if (code == kErrorInvalidArgument) return title + " refused the image or its settings (invalid argument, error 4)";
+  if (code == kErrorOutOfMemory) return title + " could not get the memory for its run (error 5)";
   if (code == 0) return title + " gave no result";
   return title + " failed with error " + std::to_string(code);
 }
