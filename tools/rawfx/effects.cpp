@@ -16,6 +16,7 @@ constexpr EffectInfo kEffects[] = {
 // clang-format on
 
 constexpr int64_t kErrorInvalidArgument = 4;
+constexpr int64_t kErrorOutOfMemory = 5;
 constexpr int64_t kErrorUnsupportedDepth = 6;
 
 int64_t InterlaceTypeCode(const std::string& name) {
