@@ -77,6 +77,8 @@ struct Run {
   std::condition_variable finished;
   bool done = false;
   std::function<void()> whenDone;  // asynchronous runs: the completion
+  void* asyncOnProgress = nullptr;  // asynchronous runs: the program's OnProgress handler, or nil
+  std::mutex reportMutex;           // one report of an asynchronous run at a time
 };
 
 using RowRange = std::pair<int32_t, int32_t>;
@@ -240,6 +242,8 @@ void RecordCall(Host::Impl& host, const Request& request, int parts) {
   host.lastCall = call;
 }
 
+void ReportFromWorker(Run& run);
+
 void Finish(Run& run) {
   if (run.whenDone) {
     run.whenDone();
@@ -260,6 +264,7 @@ void RunPart(Run& run, size_t i) {
     std::memset(run.uncleared + run.unclearedRowBytes * static_cast<size_t>(block.firstRow), 0,
                 run.unclearedRowBytes * static_cast<size_t>(block.endRow - block.firstRow));
   run.function(&block);
+  if (run.asyncOnProgress) ReportFromWorker(run);
 }
 
 // Runs every part in order on this thread; a run cut by CancelAtRow gets its
@@ -333,6 +338,14 @@ bool Report(Run& run, const std::function<bool(int64_t, int64_t)>& observer, voi
     cancel = cancel || handlerCancel;
   }
   return cancel;
+}
+
+// An asynchronous run has no waiting caller to report from: the worker that
+// finishes a part tells the program's handler, one report at a time. A worker
+// that finds another one reporting goes back to work rather than wait.
+void ReportFromWorker(Run& run) {
+  std::unique_lock lock(run.reportMutex, std::try_to_lock);
+  if (lock.owns_lock() && Report(run, {}, run.asyncOnProgress)) rawfx::RequestCancel(*run.head);
 }
 
 // Whom a synchronous run reports its progress to, found before it starts.
@@ -482,6 +495,7 @@ void CompleteAsync(AsyncRun* async) {
     Unregister(run);
     Inspect(host, async->request, run);
   }
+  if (async->prepared && run.asyncOnProgress) Report(run, {}, run.asyncOnProgress);  // the last word, as in a sync run
   REALobject result = async->prepared && !Cancelled(run.head) ? run.result : nullptr;
   if (!result) host.Unlock(run.result);
   DisposeOfBlock(host, async->request, async->self);
@@ -512,6 +526,7 @@ void RunAsync(AsyncRun* async) {
   async->prepared = PrepareOrRefuse(host, async->request, async->run);
   async->run.whenDone = [async] { CompleteAsync(async); };
   if (async->prepared) {
+    async->run.asyncOnProgress = host.FindMethod(async->self, kOnProgressDecl);
     Start(async->run);
     return;
   }

@@ -375,6 +375,7 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndDisposesOfItsBlock) {
   REALobject result = log.Take(target);
   ASSERT_NE(result, nullptr);
   EXPECT_TRUE(SamePixels(host, result, source));
+  EXPECT_EQ(handlers.lastReport, (std::pair<uint64_t, uint64_t>{24, 24})) << "the handler hears of the last row";
   host.Unlock(result);  // the completion's own lock; the fixture sees any other left
 
   auto* plain = new GenericMPParams{};  // without a delete callback the engine deletes the block
@@ -388,6 +389,22 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndDisposesOfItsBlock) {
   result = log.Take(target);
   EXPECT_NE(result, nullptr);
   for (REALobject object : {result, target, source}) host.Unlock(object);
+}
+
+// The program's handler hears of an asynchronous run from the workers and may
+// cancel it: the completion then receives nil.
+TEST_F(EngineTest, AsyncRunReportsToTheHandlerWhichMayCancelIt) {
+  host.SetThreads(2);
+  handlers.cancelAt = 1;
+  REALobject source = NewSource(64);
+  REALobject target = host.NewRGBColor(0, 0, 0);
+  CopyParams params(64);
+  StartAsync(&params, source, target, &RecordingDelete);
+  host.WaitForAsync();
+  EXPECT_EQ(handlers.handlerSelf, effect);
+  EXPECT_LT(params.RowsDone(), 64);
+  EXPECT_EQ(std::make_pair(log.Calls(target), log.Take(target)), std::make_pair(1, REALobject{nullptr}));
+  for (REALobject object : {target, source}) host.Unlock(object);
 }
 
 // A block that a run holds is not handed out again: a run of any kind with it
