@@ -36,12 +36,13 @@ demo: tool
 
 # The plug-in for macOS x86-64, cross-built with clang and lld against the SDK
 # that scripts/bootstrap-macos assembles, then checked: $(MACOS_BUILD)/rawfx.bundle.
+# The embedding host's library is built for macOS too, so that it stays portable.
 MACOS_BUILD ?= build-macos
 bundle:
 	@sdk=$$(scripts/bootstrap-macos) && \
 	  cmake -S . -B $(MACOS_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	    -DCMAKE_TOOLCHAIN_FILE=cmake/macos-x86_64.cmake -DRAWFX_MACOS_SDK="$$sdk"
-	cmake --build $(MACOS_BUILD) -j $(JOBS) --target rawfx
+	cmake --build $(MACOS_BUILD) -j $(JOBS) --target rawfx rawfx_host
 	scripts/check-bundle $(MACOS_BUILD)/rawfx.bundle
 
 # PREFIX/bin/rawfx and PREFIX/lib/rawfx/rawfx.so; the tool finds the module beside it.

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -105,7 +104,8 @@ int64_t RoundUp8(int64_t n) { return (n + 7) & ~int64_t{7}; }
 void* LoadPrivateCopy(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw HostError("cannot read module " + path);
-  std::string copyPath = (std::filesystem::temp_directory_path() / "rawfx-module-XXXXXX.so").string();
+  const char* temporary = std::getenv("TMPDIR");
+  std::string copyPath = std::string(temporary && *temporary ? temporary : "/tmp") + "/rawfx-module-XXXXXX.so";
   const int fd = mkstemps(copyPath.data(), 3);
   if (fd < 0) throw HostError("cannot create a copy of module " + path);
   std::ofstream out(copyPath, std::ios::binary);
