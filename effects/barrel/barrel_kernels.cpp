@@ -4,7 +4,7 @@
 // All arithmetic is double precision in a fixed order so results are exact to
 // the bit; positions are never rounded, stored samples are truncated.
 //
-// The mapping and the neighbour rules are written once (barrel_path.inl) and
+// The mapping and the neighbour rules are written once (barrel_path.h) and
 // compiled for every path; the rows go through the warps' sampling engine.
 #include "effects/barrel/barrel_kernels.h"
 
@@ -63,11 +63,11 @@ using RowFiller = void (*)(const RowJob&);
 
 namespace {
 #define RAWFX_SIMD_PATH portable
-#include "effects/barrel/barrel_path.inl"
+#include "effects/barrel/barrel_path.h"
 #undef RAWFX_SIMD_PATH
 #if RAWFX_SIMD_X86
 #define RAWFX_SIMD_PATH avx2
-#include "effects/barrel/barrel_path.inl"
+#include "effects/barrel/barrel_path.h"
 #undef RAWFX_SIMD_PATH
 #endif
 }  // namespace

@@ -153,8 +153,7 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
 
 // Bytes of the column table that a run over source takes: polar to rectangular
 // only, whose per-column work (a tangent, a sine and a cosine) the table saves
-// on every row; that makes the run about 4x faster (2048 x 2048 RGBA, one
-// thread, the project's 2-core AVX2 machine). 0 for no table.
+// on every row. 0 for no table.
 size_t ColumnTableBytes(REALobject source, signed char rectangularToPolar) {
   if (!source || rectangularToPolar) return 0;
   const RawBitmap* bitmap = GetRawBitmapData(source);

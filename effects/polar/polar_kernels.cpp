@@ -9,7 +9,7 @@
 // - polar to rectangular: what depends only on the column comes from the run's
 //   column table when the effect made one;
 // - fmod is replaced where it is exact to do so without the call.
-// The per-pixel arithmetic is written once (polar_path.inl) and compiled for
+// The per-pixel arithmetic is written once (polar_path.h) and compiled for
 // every path; the rows go through the warps' sampling engine.
 #include "effects/polar/polar_kernels.h"
 
@@ -24,13 +24,7 @@
 
 namespace {
 
-// The angle constants, exactly these doubles: their last bits decide the results.
-constexpr double kHalfPi = 1.5707963267948966;
-constexpr double kPi = 3.141592653589793;
-constexpr double kThreeHalfPi = 4.71238898038469;
-constexpr double kTwoPi = 6.283185307179586;
-
-constexpr int kMaxSamples = 8;  // entries of the background arrays
+using namespace rawfx::polar;
 
 // fmod(v, 2 pi) without the call where fmod returns its argument unchanged
 // (0 <= v < 2 pi, -0 included); everything else still goes through fmod.
@@ -221,11 +215,11 @@ using RowMapper = void (*)(const RowJob&);
 
 namespace {
 #define RAWFX_SIMD_PATH portable
-#include "effects/polar/polar_path.inl"
+#include "effects/polar/polar_path.h"
 #undef RAWFX_SIMD_PATH
 #if RAWFX_SIMD_X86
 #define RAWFX_SIMD_PATH avx2
-#include "effects/polar/polar_path.inl"
+#include "effects/polar/polar_path.h"
 #undef RAWFX_SIMD_PATH
 #endif
 }  // namespace

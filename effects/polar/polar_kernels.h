@@ -13,6 +13,20 @@
 
 #include "imaging/mp_filter.h"
 
+namespace rawfx::polar {
+
+// The angle constants of the mapping, exactly these doubles: their last bits
+// decide the results.
+inline constexpr double kHalfPi = 1.5707963267948966;
+inline constexpr double kPi = 3.141592653589793;
+inline constexpr double kThreeHalfPi = 4.71238898038469;
+inline constexpr double kTwoPi = 6.283185307179586;
+
+// Samples a pixel may have: the entries of the background arrays.
+inline constexpr int kMaxSamples = 8;
+
+}  // namespace rawfx::polar
+
 // Geometry and options of one run. The class fills the options; each part
 // function fills the geometry (width .. centerY) in its own copy.
 struct PolarizeSettings {

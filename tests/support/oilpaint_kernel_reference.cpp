@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "imaging/memory.h"
+#include "support/reference_rows.h"
 
 namespace rawfx::reference {
 namespace {
@@ -162,25 +163,20 @@ class OilPaintRows {
 template <bool Masked>
 void* OilPaintPart(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
-  if (part.firstRow < part.endRow) {
-    auto& p = *static_cast<OilPaintParams*>(part.params);
-    Histogram histogram;
-    if (TakeScratch(histogram, int32_t{p.maxLevel} + 1)) {
-      OilPaintRows<Masked> rows(p, histogram);
-      for (int32_t y = part.firstRow; y < part.endRow; ++y) {
-        rows.Paint(y);
-        if (!rawfx::FinishRow(p.head)) break;
-      }
-    }
-    GiveBackScratch(histogram);
+  auto& p = *static_cast<OilPaintParams*>(part.params);
+  Histogram histogram;
+  if (part.firstRow < part.endRow && TakeScratch(histogram, int32_t{p.maxLevel} + 1)) {
+    OilPaintRows<Masked> rows(p, histogram);
+    ForEachRow(part, p.head, [&](int32_t y) { rows.Paint(y); });
   }
-  if constexpr (!Masked) part.done = 1;
+  GiveBackScratch(histogram);
+  if (!Masked) part.done = 1;
   return nullptr;
 }
 
 }  // namespace
 
-void* OilPaintPart8bit(void* block) { return OilPaintPart<false>(block); }
-void* OilPaintMaskPart8bit(void* block) { return OilPaintPart<true>(block); }
+const PartFunction OilPaintPart8bit = OilPaintPart<false>;
+const PartFunction OilPaintMaskPart8bit = OilPaintPart<true>;
 
 }  // namespace rawfx::reference

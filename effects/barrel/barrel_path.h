@@ -6,7 +6,7 @@
 namespace RAWFX_SIMD_PATH {
 
 using namespace rawfx::simd::RAWFX_SIMD_PATH;
-#include "imaging/sampler.inl"
+#include "imaging/sampler.h"
 
 struct Pair {
   Vd x, y;
