@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <sstream>
 
 #include "effects/polar/polar_kernels.h"
@@ -55,6 +56,16 @@ void AttachTable(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t
   c.params.columnTable = bytes ? MakePolarColumnTable(c.storage.data(), s, width, height) : nullptr;
 }
 
+// A fresh ray table for every run, made for width x height and s (none for
+// sizes that take none).
+void AttachRays(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
+  const size_t bytes = PolarRayTableBytes(width, height);
+  auto storage = std::make_shared<std::vector<double>>(bytes / sizeof(double) + 1);
+  c.startRun = [=](PolarCoordinatesParams& block) {
+    block.rayTable = bytes ? MakePolarRayTable(storage->data(), s, width, height) : nullptr;
+  };
+}
+
 // The source has guard bytes before and after: hand-built settings can put an
 // accepted position in (-1.5, -1], whose nearest pixel is read one column or
 // one row before the bitmap by the reference as well.
@@ -68,6 +79,7 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
+  c.params.rayTable = nullptr;
   const bool eightBit = l.sampleBytes == 1;
   c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
   c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
@@ -94,6 +106,7 @@ PolarCase RandomCase(Rng& rng, int index) {
     const PolarizeSettings settings{100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
     PolarCase c = NewCase(rng, PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3), settings);
     AttachTable(c, settings, width, height);
+    AttachRays(c, settings, width, height);
     return c;
   }
   Layout l = RandomLayout(rng, 300, false);
@@ -111,9 +124,11 @@ PolarCase RandomCase(Rng& rng, int index) {
   const double angle = other.angleOffset;
   const int64_t table = Chance(rng, 0.25) ? Uniform(rng, 0, 4) : Chance(rng, 2.0 / 3) ? 5 : 6;  // stale, matching, none
   if (table == 2) other.flipMapping = other.flipMapping ? 0 : 1;
+  if (table == 2) other.centerAtTop = other.centerAtTop ? 0 : 1;
   if (table == 3) other.roundness = other.roundness == 0.0 ? 1.0 : 0.0;
   if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
   if (table < 6) AttachTable(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
+  if (table < 6) AttachRays(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
   c.settings += "; table " + std::to_string(table);
   return c;
 }
@@ -146,6 +161,31 @@ TEST(PolarDifferential, MappingMatchesTheReference) {
     ASSERT_TRUE(SameBits(actualX, expectedX) && SameBits(actualY, expectedY))
         << "case " << i << ": " << actualX << ", " << actualY << " vs " << expectedX << ", " << expectedY;
     ASSERT_EQ(std::memcmp(&forFast, &s, sizeof s), 0) << "the settings were written";
+  }
+}
+
+// What the ray table rests on, in the literal mapping: the four pixels
+// mirrored about both centre lines are accepted alike and share their source
+// row bit for bit (without an angle offset every angle maps inside the columns).
+TEST(PolarDifferential, MirroredPixelsShareTheirSourceRow) {
+  Rng rng(0x5EED0008);
+  for (int i = 0, count = RandomCases(5000); i < count; ++i) {
+    PolarizeSettings s = RandomSettings(rng);
+    s.rectangularToPolar = 1;
+    s.angleOffset = 0.0;
+    s.width = RandomSide(rng, 400);
+    s.height = RandomSide(rng, 400);
+    s.centerX = (s.width - 1) * 0.5;
+    s.centerY = (s.height - 1) * 0.5;
+    const int32_t x = static_cast<int32_t>(Uniform(rng, 0, s.width - 1));
+    const int32_t y = static_cast<int32_t>(Uniform(rng, 0, s.height - 1));
+    double sx = 0.0, first = 0.0, sy = 0.0;
+    const bool inside = rawfx::reference::CalculateUndistortedCoordinates(x, y, &sx, &first, &s);
+    for (const auto& [mx, my] : {std::pair(s.width - 1 - x, y), std::pair(x, s.height - 1 - y),
+                                 std::pair(s.width - 1 - x, s.height - 1 - y)}) {
+      ASSERT_EQ(rawfx::reference::CalculateUndistortedCoordinates(mx, my, &sx, &sy, &s), inside) << i;
+      ASSERT_TRUE(!inside || SameBits(sy, first)) << "case " << i << ": " << sy << " vs " << first;
+    }
   }
 }
 

@@ -62,17 +62,19 @@ RAWFX_SIMD_FN Rays RaysOf(Vd u, const PolarRow& row, const Geometry& g) {
   return rays;
 }
 
+// atan(u / along) in the lanes in `wanted` (0 in the others); not used on the
+// centre row, whose angles are constants.
+RAWFX_SIMD_FN Vd AtanOf(Vd u, const PolarRow& row, int wanted) {
+  return PerLane(u / Set(row.along), wanted, [](double v) { return std::atan(v); });
+}
+
 // The angles, clockwise from straight up, of the pixel right of the centre
-// (x >= cx) and of its mirror left of it; atan is called for the lanes in
-// `wanted` only.
-RAWFX_SIMD_FN void AnglesOf(Vd u, const PolarRow& row, int wanted, Vd& right, Vd& left) {
+// (x >= cx) and of its mirror left of it, from the row's atan t.
+RAWFX_SIMD_FN void AnglesOf(Vd t, const PolarRow& row, Vd& right, Vd& left) {
   if (row.side == RowSide::OnCentre) {
     right = Set(kHalfPi);
     left = Set(kThreeHalfPi);
-    return;
-  }
-  const Vd t = PerLane(u / Set(row.along), wanted, [](double v) { return std::atan(v); });
-  if (row.side == RowSide::Above) {
+  } else if (row.side == RowSide::Above) {
     right = t;
     left = Set(kTwoPi) - t;
   } else {
@@ -144,22 +146,34 @@ struct ToPolarPlanner {
       const double firstColumn = static_cast<double>(firstRight + first + int64_t{k} * kLanes);
       const Vd right = Min(Iota(firstColumn), Set(g.lastColumn));
       const Vd u = right - Set(g.cx);
-      const Rays rays = RaysOf(u, row, g);
-      const Md rowInside = RoundsIntoRange(rays.sourceY, g.height);
+      const int64_t entry = first + int64_t{k} * kLanes;
+      const bool read = job.rayUse == RayUse::Read;
+      const Vd sourceY = read ? Load(job.raySourceRows + entry) : RaysOf(u, row, g).sourceY;
+      const Md rowInside = RoundsIntoRange(sourceY, g.height);
       const int wanted = Bits(rowInside);
+      Vd t = Set(0.0);
+      if (read) {
+        t = Load(job.rayAngles + entry);
+      } else if (wanted && row.side != RowSide::OnCentre) {
+        t = AtanOf(u, row, wanted);
+      }
+      if (job.rayUse == RayUse::Fill) {
+        Store(job.raySourceRows + entry, sourceY);
+        Store(job.rayAngles + entry, t);
+      }
       Vd rightSx = Set(0.0), leftSx = Set(0.0);
       Md rightInside = rowInside, leftInside = rowInside;
       if (wanted) {
         Vd rightAngle, leftAngle;
-        AnglesOf(u, row, wanted, rightAngle, leftAngle);
+        AnglesOf(t, row, rightAngle, leftAngle);
         rightSx = SourceColumnOf(rightAngle, g);
         leftSx = Select(Eq(u, Set(0.0)), rightSx, SourceColumnOf(leftAngle, g));
         rightInside = And(rowInside, RoundsIntoRange(rightSx, g.width));
         leftInside = And(rowInside, RoundsIntoRange(leftSx, g.width));
       }
       const int at = 2 * k * kLanes;
-      PlanAt(g, source, rightSx, rays.sourceY, rightInside, at, plan);
-      PlanAt(g, source, leftSx, rays.sourceY, leftInside, at + kLanes, plan);
+      PlanAt(g, source, rightSx, sourceY, rightInside, at, plan);
+      PlanAt(g, source, leftSx, sourceY, leftInside, at + kLanes, plan);
       for (int lane = 0; lane < kLanes; ++lane) {
         const int64_t column = std::min<int64_t>(firstRight + first + int64_t{k} * kLanes + lane, g.width - 1);
         plan.out[at + lane] = job.out + column * job.step;
