@@ -55,6 +55,8 @@ struct RowJob {
   uint8_t* out;
   int64_t step;
   int64_t width;
+  const double* columnNx;     // nx of the first normalisedColumns columns
+  int64_t normalisedColumns;  // a multiple of every lane count
 };
 
 using RowFiller = void (*)(const RowJob&);
@@ -91,6 +93,8 @@ const uint8_t* BackgroundOf(const BarrelDistortionParams& p) {
     return reinterpret_cast<const uint8_t*>(p.backColor16);
 }
 
+constexpr int64_t kNormalisedColumns = 4096;
+
 template <class Sample, Sampling mode>
 void* BarrelDistortPart(void* block) {
   auto* part = static_cast<MPParamBlock*>(block);
@@ -110,8 +114,16 @@ void* BarrelDistortPart(void* block) {
              nullptr,
              // Whole samples only: a 16-bit destination steps by an even number of bytes.
              head.dstPixelBytes / kSampleBytes * kSampleBytes,
-             head.width};
+             head.width,
+             nullptr,
+             0};
   const RowFiller fillRow = RowFillerFor<Sample, mode>(job.channels);
+  // The columns' nx on the part's stack, for the widths most bitmaps have;
+  // wider rows work out the rest per row.
+  double columnNx[kNormalisedColumns];
+  job.columnNx = columnNx;
+  job.normalisedColumns = std::clamp<int64_t>((int64_t{head.width} + 3) / 4 * 4, 0, kNormalisedColumns);
+  RAWFX_PICK_PATH(NormaliseColumns)(mapping, columnNx, job.normalisedColumns);
 
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
     job.row = RowTermsOf(mapping, y);

@@ -12,11 +12,20 @@ struct Pair {
   Vd x, y;
 };
 
-// The radial step, (u, v) = (nx, ny) * r, with
-// nx = (x - centerX) / centerX and r = ((nx nx + ny ny) distortion + 1) / (distortion + 1).
-RAWFX_SIMD_FN Pair Radial(const SourceMapping& m, const RowTerms& row, Vd column) {
+// nx = (x - centerX) / centerX.
+RAWFX_SIMD_FN Vd NormalisedColumn(const SourceMapping& m, Vd column) {
   const Vd centerX = Set(m.centerX);
-  const Vd nx = (column - centerX) / centerX;
+  return (column - centerX) / centerX;
+}
+
+// The columns' nx, which every row of a part shares: worked out once per part
+// for the first `count` columns (a multiple of kLanes is written).
+RAWFX_SIMD_ENTRY void NormaliseColumns(const SourceMapping& m, double* nx, int64_t count) {
+  for (int64_t x = 0; x < count; x += kLanes) Store(nx + x, NormalisedColumn(m, Iota(static_cast<double>(x))));
+}
+
+// The radial step, (u, v) = (nx, ny) * r, with r = ((nx nx + ny ny) distortion + 1) / (distortion + 1).
+RAWFX_SIMD_FN Pair Radial(const SourceMapping& m, const RowTerms& row, Vd nx) {
   const Vd r = ((nx * nx + Set(row.nySquared)) * Set(m.distortion) + Set(1.0)) / Set(m.distortionPlusOne);
   return {nx * r, Set(row.ny) * r};
 }
@@ -67,8 +76,12 @@ struct RowPlanner {
     const int count = static_cast<int>(std::min<int64_t>(kChunk, job.width - first));
     const int groups = (count + kLanes - 1) / kLanes;
     Pair staged[kChunk / kLanes];
-    Vd column = Iota(static_cast<double>(first));
-    for (int g = 0; g < groups; ++g, column = column + Set(kLanes)) staged[g] = Radial(*job.mapping, job.row, column);
+    for (int g = 0; g < groups; ++g) {
+      const int64_t column = first + int64_t{g} * kLanes;
+      const Vd nx = column < job.normalisedColumns ? Load(job.columnNx + column)
+                                                   : NormalisedColumn(*job.mapping, Iota(static_cast<double>(column)));
+      staged[g] = Radial(*job.mapping, job.row, nx);
+    }
     for (int g = 0; g < groups; ++g) staged[g] = Project(*job.mapping, staged[g]);
     for (int g = 0; g < groups; ++g) PlanAt(job, source, staged[g], g * kLanes, plan);
     uint8_t* out = job.out + first * job.step;
