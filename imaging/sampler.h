@@ -23,15 +23,26 @@ struct SourceLayout {
   const uint8_t* background;  // one sample per channel, in the bitmap's order
 };
 
-struct NearestPlan {
-  int count;
+// Where a plan's entries are written: entry i at first + i * step, or, for a
+// planner whose entries do not lie in a row (kListedOut), at out[i].
+struct Destinations {
+  uint8_t* first;
+  int64_t step;
   uint8_t* out[kChunk];
+
+  template <bool kListed>
+  RAWFX_SIMD_FN uint8_t* At(int i) const {
+    return kListed ? out[i] : first + i * step;
+  }
+};
+
+struct NearestPlan : Destinations {
+  int count;
   const uint8_t* from[kChunk];
 };
 
-struct BilinearPlan {
+struct BilinearPlan : Destinations {
   int count;
-  uint8_t* out[kChunk];
   const uint8_t* topLeft[kChunk];
   const uint8_t* topRight[kChunk];
   const uint8_t* bottomLeft[kChunk];
@@ -100,19 +111,20 @@ RAWFX_SIMD_FN void CopyPixel(uint8_t* out, const uint8_t* in, int channels) {
     rawfx::simd::CopyBytes(out, in, int64_t{channels} * int64_t{sizeof(Sample)});
 }
 
-template <class Sample, int kChannels>
+template <class Sample, int kChannels, bool kListed>
 RAWFX_SIMD_FN void Fill(const NearestPlan& plan, int channels) {
-  for (int i = 0; i < plan.count; ++i) CopyPixel<Sample, kChannels>(plan.out[i], plan.from[i], channels);
+  for (int i = 0; i < plan.count; ++i)
+    CopyPixel<Sample, kChannels>(plan.template At<kListed>(i), plan.from[i], channels);
 }
 
 // Per channel, with the samples as doubles: upper = (tr - tl) fx + tl,
 // lower = (br - bl) fx + bl, value = (lower - upper) fy + upper, stored
 // truncated. With both weights 0 that is the top-left pixel exactly.
-template <class Sample, int kChannels>
+template <class Sample, int kChannels, bool kListed>
 RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
   const int channels = kChannels > 0 ? kChannels : runtimeChannels;
   for (int i = 0; i < plan.count; ++i) {
-    uint8_t* out = plan.out[i];
+    uint8_t* out = plan.template At<kListed>(i);
     if (plan.fx[i] == 0.0 && plan.fy[i] == 0.0) {
       CopyPixel<Sample, kChannels>(out, plan.topLeft[i], channels);
       continue;
@@ -135,8 +147,9 @@ RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
 }
 
 // Runs a row through the engine: planner.Plan(first, plan) plans the entries
-// from `first` on (at most kChunk), sets plan.count and returns the next first;
-// the next chunk is planned before the current one is filled.
+// from `first` on (at most kChunk), sets plan.count and the destinations and
+// returns the next first; the next chunk is planned before the current one is
+// filled.
 template <class Sample, int kChannels, class Plan, class Planner>
 RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels) {
   if (entries <= 0) return;
@@ -150,7 +163,7 @@ RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channe
       next = planner.Plan(next, plans[current ^ 1]);
       Prefetch(plans[current ^ 1]);
     }
-    Fill<Sample, kChannels>(plans[current], channels);
+    Fill<Sample, kChannels, Planner::kListedOut>(plans[current], channels);
     if (!more) break;
     current ^= 1;
   }

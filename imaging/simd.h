@@ -256,10 +256,18 @@ RAWFX_LANE void StorePacked(uint64_t* out, Vi a, Vi b, Vi c) {
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_or_si256(low, high));
 }
 
-// count (1..4) samples as doubles, the other lanes 0.
+// count (1..4) samples as doubles, the other lanes 0. Four or eight bytes
+// (the usual pixels, where count is a constant) are one plain load.
 template <class Sample>
 RAWFX_LANE Vd LoadSamples(const uint8_t* at, int count) {
-  const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(LoadBytes(at, count * int64_t{sizeof(Sample)})));
+  const int64_t bytes = count * int64_t{sizeof(Sample)};
+  __m128i packed;
+  if (bytes == 4)
+    packed = _mm_cvtsi32_si128(LoadWord<int32_t>(at));
+  else if (bytes == 8)
+    packed = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
+  else
+    packed = _mm_cvtsi64_si128(static_cast<long long>(LoadBytes(at, bytes)));
   if constexpr (sizeof(Sample) == 1)
     return _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(packed));
   else
@@ -270,9 +278,15 @@ RAWFX_LANE Vd LoadSamples(const uint8_t* at, int count) {
 // the sample type and the saturating packs leave it as the scalar narrowing does.
 template <class Sample>
 RAWFX_LANE void StoreSamples(uint8_t* at, Vd values, int count) {
+  const int64_t bytes = count * int64_t{sizeof(Sample)};
   __m128i packed = _mm_packus_epi32(_mm256_cvttpd_epi32(values), _mm_setzero_si128());
   if constexpr (sizeof(Sample) == 1) packed = _mm_packus_epi16(packed, _mm_setzero_si128());
-  StoreBytes(at, static_cast<uint64_t>(_mm_cvtsi128_si64(packed)), count * int64_t{sizeof(Sample)});
+  if (bytes == 4)
+    StoreWord(at, _mm_cvtsi128_si32(packed));
+  else if (bytes == 8)
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(at), packed);
+  else
+    StoreBytes(at, static_cast<uint64_t>(_mm_cvtsi128_si64(packed)), bytes);
 }
 
 RAWFX_LANE Vb LoadByteLanes(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }

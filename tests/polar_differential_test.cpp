@@ -199,7 +199,7 @@ TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
   AttachTable(c, c.params.settings, 24, 16);
   const Outcome expected = c.Run(false);
   auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
-  std::fill_n(const_cast<PolarColumn*>(table->Columns()), 24, PolarColumn{0.0, 0.0, 0.0});
+  std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
   const PolarColumnTable matching = *table;
   for (int variant = 0; variant < 6; ++variant) {
     *table = matching;
@@ -236,8 +236,8 @@ TEST(PolarDifferential, ColumnTablesExistOnlyForUsableSizes) {
   const std::pair<int64_t, int64_t> unusable[] = {{0, 5}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5}, {5, tooBig}};
   for (auto [width, height] : unusable)
     EXPECT_EQ(PolarColumnTableBytes(width, height), 0u) << width << " x " << height;
-  EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 7 * sizeof(PolarColumn));
-  EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + widest * sizeof(PolarColumn));
+  EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 3 * 8 * sizeof(double));
+  EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + 3 * widest * sizeof(double));
 }
 
 // ---- the exact identities the fast kernels are built on --------------------------------

@@ -65,6 +65,7 @@ RAWFX_SIMD_FN void PlanAt(const RowJob& job, const SourceLayout& s, Pair p, int 
 
 template <class PlanType>
 struct RowPlanner {
+  static constexpr bool kListedOut = false;
   const RowJob& job;
   SourceLayout source;
 
@@ -84,8 +85,8 @@ struct RowPlanner {
     }
     for (int g = 0; g < groups; ++g) staged[g] = Project(*job.mapping, staged[g]);
     for (int g = 0; g < groups; ++g) PlanAt(job, source, staged[g], g * kLanes, plan);
-    uint8_t* out = job.out + first * job.step;
-    for (int i = 0; i < count; ++i, out += job.step) plan.out[i] = out;
+    plan.first = job.out + first * job.step;
+    plan.step = job.step;
     plan.count = count;
     return first + count;
   }

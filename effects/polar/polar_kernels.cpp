@@ -207,7 +207,7 @@ enum class RayUse { None, Read, Fill };
 // One destination row and everything its pixels need.
 struct RowJob {
   const Geometry* geometry;
-  const PolarColumn* columns;  // the run's column table, or nil
+  const PolarColumnTable* columns;  // the run's column table, or nil
   double y;
   const uint8_t* srcPixels;
   int64_t srcRowBytes, srcPixelBytes;
@@ -297,7 +297,7 @@ void* PolarCoordinatesRows(void* block) {
   const PolarizeSettings settings = WithGeometry(p.settings, head.width, head.height);  // the part's own copy
   const Geometry geometry = GeometryOf(settings);
   RowJob job{&geometry,
-             TableFits(p.columnTable, settings) ? p.columnTable->Columns() : nullptr,
+             TableFits(p.columnTable, settings) ? p.columnTable : nullptr,
              0.0,
              head.srcPixels,
              head.srcRowBytes,
@@ -340,16 +340,26 @@ constexpr int64_t kWidestTabled = int64_t{1} << 20;
 size_t PolarColumnTableBytes(int64_t width, int64_t height) {
   constexpr int64_t kLargest = std::numeric_limits<int32_t>::max();
   if (width < 1 || width > kWidestTabled || height < 1 || height > kLargest) return 0;
-  return sizeof(PolarColumnTable) + static_cast<size_t>(width) * sizeof(PolarColumn);
+  return sizeof(PolarColumnTable) + 3 * static_cast<size_t>((width + 3) / 4 * 4) * sizeof(double);
 }
 
 const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
                                              int32_t height) {
-  auto* table = new (storage) PolarColumnTable{width, height, settings.roundness, settings.angleOffset,
-                                               static_cast<uint8_t>(settings.flipMapping != 0)};
+  const int32_t stride = (width + 3) / 4 * 4;
+  auto* table = new (storage) PolarColumnTable{width,
+                                               height,
+                                               settings.roundness,
+                                               settings.angleOffset,
+                                               static_cast<uint8_t>(settings.flipMapping != 0),
+                                               stride};
   const Geometry g = GeometryOf(WithGeometry(settings, width, height));
-  auto* columns = reinterpret_cast<PolarColumn*>(table + 1);
-  for (int32_t x = 0; x < width; ++x) new (columns + x) PolarColumn(ColumnOf(x, g));
+  auto* values = reinterpret_cast<double*>(table + 1);
+  for (int32_t x = 0; x < stride; ++x) {
+    const PolarColumn c = ColumnOf(std::min(x, width - 1), g);
+    values[x] = c.xStep;
+    values[stride + x] = c.yStep;
+    values[2 * stride + x] = c.radius;
+  }
   return table;
 }
 

@@ -62,16 +62,21 @@ struct PolarColumn {
 // The columns of one polar-to-rectangular run, made before the run in memory
 // the effect owns for it. The header records what the columns were made for:
 // a part uses them only when that matches its own geometry and options, and
-// otherwise maps every pixel in full. `width` PolarColumn entries follow it.
+// otherwise maps every pixel in full. After it come the columns' three values
+// as three arrays of `stride` doubles (the width rounded up to a whole lane
+// group, the last column repeated), so lanes of columns load side by side.
 struct PolarColumnTable {
   int32_t width;
   int32_t height;
   double roundness;
   double angleOffset;
   uint8_t flipMapping;  // 0 or 1
-  const PolarColumn* Columns() const { return reinterpret_cast<const PolarColumn*>(this + 1); }
+  int32_t stride;
+  const double* XSteps() const { return reinterpret_cast<const double*>(this + 1); }
+  const double* YSteps() const { return XSteps() + stride; }
+  const double* Radii() const { return YSteps() + stride; }
 };
-static_assert(sizeof(PolarColumnTable) % alignof(PolarColumn) == 0);
+static_assert(sizeof(PolarColumnTable) % alignof(double) == 0);
 
 // The rays of one rectangular-to-polar run. Seen from the centre, the four
 // pixels mirrored about both centre lines, (x, y), (W - 1 - x, y),

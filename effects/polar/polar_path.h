@@ -133,6 +133,7 @@ RAWFX_SIMD_FN void PlanAt(const Geometry& g, const SourceLayout& s, Vd sx, Vd sy
 // the last pair, and the centre column (its own mirror, in odd widths) takes
 // its right-hand position twice, so a pixel written twice gets the same bytes.
 struct ToPolarPlanner {
+  static constexpr bool kListedOut = true;
   const RowJob& job;
   SourceLayout source;
   PolarRow row;
@@ -188,6 +189,7 @@ struct ToPolarPlanner {
 // Polar to rectangular, column after column; the columns come from the run's
 // table, or are worked out here when the run has none.
 struct ToRectangularPlanner {
+  static constexpr bool kListedOut = false;
   const RowJob& job;
   SourceLayout source;
   double rowShare;
@@ -195,19 +197,30 @@ struct ToRectangularPlanner {
   RAWFX_SIMD_FN int64_t Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
     const int count = static_cast<int>(std::min<int64_t>(kChunk, g.width - first));
-    PolarColumn columns[kChunk] = {};
-    for (int i = 0; i < count; ++i)
-      columns[i] = job.columns ? job.columns[first + i] : ColumnOf(static_cast<double>(first + i), g);
-    constexpr int64_t kStride = sizeof(PolarColumn) / sizeof(double);
+    const double *xSteps, *ySteps, *radii;
+    double own[3][kChunk];
+    if (job.columns) {
+      xSteps = job.columns->XSteps() + first;
+      ySteps = job.columns->YSteps() + first;
+      radii = job.columns->Radii() + first;
+    } else {
+      for (int i = 0; i < kChunk; ++i) {
+        const PolarColumn c = i < count ? ColumnOf(static_cast<double>(first + i), g) : PolarColumn{};
+        own[0][i] = c.xStep;
+        own[1][i] = c.yStep;
+        own[2][i] = c.radius;
+      }
+      xSteps = own[0];
+      ySteps = own[1];
+      radii = own[2];
+    }
     for (int at = 0; at < count; at += kLanes) {
-      const PolarColumn* c = columns + at;
-      const Pair p = PositionOf(LoadEvery(&c->xStep, kStride), LoadEvery(&c->yStep, kStride),
-                                LoadEvery(&c->radius, kStride), rowShare, g);
+      const Pair p = PositionOf(Load(xSteps + at), Load(ySteps + at), Load(radii + at), rowShare, g);
       const Md accepted = And(RoundsIntoRange(p.y, g.height), RoundsIntoRange(p.x, g.width));
       PlanAt(g, source, p.x, p.y, accepted, at, plan);
     }
-    uint8_t* out = job.out + first * job.step;
-    for (int i = 0; i < count; ++i, out += job.step) plan.out[i] = out;
+    plan.first = job.out + first * job.step;
+    plan.step = job.step;
     plan.count = count;
     return first + count;
   }
