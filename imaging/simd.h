@@ -153,9 +153,10 @@ RAWFX_ALWAYS_INLINE void StoreLowBytes(uint8_t* out, Vi v) { *out = static_cast<
 // The 4-byte words of kLanes pixels `stride` bytes apart, and byte i of each.
 RAWFX_ALWAYS_INLINE Vi LoadWords(const uint8_t* p, int64_t) { return static_cast<Vi>(LoadWord<uint32_t>(p)); }
 RAWFX_ALWAYS_INLINE Vi ByteOf(Vi words, int i) { return static_cast<Vi>(static_cast<uint32_t>(words) >> (8 * i) & 0xFF); }
-// Three byte lanes packed as a | b << 16 | c << 32, one 64-bit word per lane.
-RAWFX_ALWAYS_INLINE void StorePacked(uint64_t* out, Vi a, Vi b, Vi c) {
-  *out = uint64_t(uint32_t(a)) | uint64_t(uint32_t(b)) << 16 | uint64_t(uint32_t(c)) << 32;
+// Bytes a, b and c of each word packed as a | b << 16 | c << 32, one 64-bit word per lane.
+RAWFX_ALWAYS_INLINE void StorePackedBytes(uint64_t* out, Vi words, int a, int b, int c) {
+  *out = uint64_t(uint32_t(ByteOf(words, a))) | uint64_t(uint32_t(ByteOf(words, b))) << 16 |
+         uint64_t(uint32_t(ByteOf(words, c))) << 32;
 }
 
 // Up to kLanes samples of a pixel as doubles, and back, truncated.
@@ -247,13 +248,23 @@ RAWFX_LANE Vi LoadWords(const uint8_t* p, int64_t stride) {
   const __m128i index = _mm_mullo_epi32(_mm_setr_epi32(0, 1, 2, 3), _mm_set1_epi32(static_cast<int32_t>(stride)));
   return _mm_i32gather_epi32(reinterpret_cast<const int*>(p), index, 1);
 }
+// Byte shuffles: an index with its top bit set gives 0.
 RAWFX_LANE Vi ByteOf(Vi words, int i) {
-  return _mm_and_si128(_mm_srl_epi32(words, _mm_cvtsi32_si128(8 * i)), _mm_set1_epi32(0xFF));
+  const __m128i index = _mm_add_epi32(_mm_setr_epi32(0, 4, 8, 12),
+                                      _mm_set1_epi32(static_cast<int32_t>(0x80808000u | static_cast<uint32_t>(i))));
+  return _mm_shuffle_epi8(words, index);
 }
-RAWFX_LANE void StorePacked(uint64_t* out, Vi a, Vi b, Vi c) {
-  const __m256i low = _mm256_cvtepu32_epi64(_mm_or_si128(a, _mm_slli_epi32(b, 16)));
-  const __m256i high = _mm256_slli_epi64(_mm256_cvtepu32_epi64(c), 32);
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_or_si256(low, high));
+RAWFX_LANE void StorePackedBytes(uint64_t* out, Vi words, int a, int b, int c) {
+  // Both 128-bit halves hold the four words; 64-bit word k of the result takes
+  // word k's bytes a, b and c (at 4k + a ...) into its bytes 0, 2 and 4.
+  const __m256i wordStart = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 4, 0, 4, 0, 4, 0, 0, 0,  //
+                                             8, 0, 8, 0, 8, 0, 0, 0, 12, 0, 12, 0, 12, 0, 0, 0);
+  const __m256i unused = _mm256_set1_epi64x(static_cast<long long>(0x8080800080008000ull));
+  const __m256i offsets = _mm256_set1_epi64x(static_cast<long long>(uint64_t(uint32_t(a)) | uint64_t(uint32_t(b)) << 16 |
+                                                                    uint64_t(uint32_t(c)) << 32));
+  const __m256i index = _mm256_or_si256(_mm256_add_epi8(wordStart, offsets), unused);
+  const __m256i packed = _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(words), index);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), packed);
 }
 
 // count (1..4) samples as doubles, the other lanes 0. Four or eight bytes

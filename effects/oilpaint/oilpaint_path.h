@@ -27,7 +27,7 @@ RAWFX_SIMD_FN void BinGroup(const uint8_t* words, int64_t stride, WordLayout at,
   const Vd sum = (Set(0.59) * ToDouble(green) + Set(0.3) * ToDouble(red)) + Set(0.11) * ToDouble(blue);
   const Vd intensity = ToDouble(LowByte(TruncToInt32(sum)));
   StoreLowBytes(bins, LowByte(TruncToInt32(intensity * Set(smoothness))));
-  StorePacked(colours, red, green, blue);
+  StorePackedBytes(colours, w, at.red, at.green, at.blue);
 }
 
 struct Path {
