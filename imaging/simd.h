@@ -24,7 +24,8 @@
 
 #include "imaging/cpu_dispatch.h"
 
-#if defined(__x86_64__)
+// RAWFX_PORTABLE_ONLY builds the portable path alone, as on other CPUs.
+#if defined(__x86_64__) && !defined(RAWFX_PORTABLE_ONLY)
 #define RAWFX_SIMD_X86 1
 #include <immintrin.h>
 #else
