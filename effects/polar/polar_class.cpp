@@ -217,7 +217,7 @@ void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTar
     tableBytes = 0;  // without memory for the table the parts map every pixel in full
     storage = ::operator new(sizeof(PolarCoordinatesParams));
   }
-  std::memset(storage, 0, sizeof(PolarCoordinatesParams) + tableBytes);
+  std::memset(storage, 0, sizeof(PolarCoordinatesParams));  // AttachRunTable sets up the table
   auto* params = static_cast<PolarCoordinatesParams*>(storage);
 
   PartFunction part = nullptr;

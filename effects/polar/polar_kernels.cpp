@@ -5,7 +5,9 @@
 // full (the differential test holds the two side by side):
 // - what depends only on the row or only on the run is computed once for it;
 // - rectangular to polar: a pixel and its mirror about the centre column see
-//   the centre at the same distance, so they share one atan and one sqrt;
+//   the centre at the same distance, so they share one atan and the ray's
+//   square roots, and the two rows mirrored about the centre row share them
+//   as well, through the run's ray table when the effect made one;
 // - polar to rectangular: what depends only on the column comes from the run's
 //   column table when the effect made one;
 // - fmod is replaced where it is exact to do so without the call.
