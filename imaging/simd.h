@@ -121,7 +121,6 @@ using Vb = uint64_t; // bytes, for byte selects
 RAWFX_ALWAYS_INLINE Vd Set(double v) { return v; }
 RAWFX_ALWAYS_INLINE Vd Iota(double first) { return first; }
 RAWFX_ALWAYS_INLINE Vd Load(const double* p) { return *p; }
-RAWFX_ALWAYS_INLINE Vd LoadEvery(const double* p, int64_t) { return *p; }
 RAWFX_ALWAYS_INLINE void Store(double* p, Vd v) { *p = v; }
 RAWFX_ALWAYS_INLINE Md Lt(Vd a, Vd b) { return a < b; }
 RAWFX_ALWAYS_INLINE Md Le(Vd a, Vd b) { return a <= b; }
@@ -202,9 +201,6 @@ using Vb = __m256i;
 RAWFX_LANE Vd Set(double v) { return _mm256_set1_pd(v); }
 RAWFX_LANE Vd Iota(double first) { return _mm256_set1_pd(first) + _mm256_setr_pd(0.0, 1.0, 2.0, 3.0); }
 RAWFX_LANE Vd Load(const double* p) { return _mm256_loadu_pd(p); }
-RAWFX_LANE Vd LoadEvery(const double* p, int64_t stride) {
-  return _mm256_setr_pd(p[0], p[stride], p[2 * stride], p[3 * stride]);
-}
 RAWFX_LANE void Store(double* p, Vd v) { _mm256_storeu_pd(p, v); }
 RAWFX_LANE Md Lt(Vd a, Vd b) { return _mm256_cmp_pd(a, b, _CMP_LT_OQ); }
 RAWFX_LANE Md Le(Vd a, Vd b) { return _mm256_cmp_pd(a, b, _CMP_LE_OQ); }
