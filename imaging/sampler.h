@@ -119,13 +119,15 @@ RAWFX_SIMD_FN void Fill(const NearestPlan& plan, int channels) {
 
 // Per channel, with the samples as doubles: upper = (tr - tl) fx + tl,
 // lower = (br - bl) fx + bl, value = (lower - upper) fy + upper, stored
-// truncated. With both weights 0 that is the top-left pixel exactly.
+// truncated. With both weights +0 (all bits clear) that is the top-left pixel
+// exactly, so it is copied; a -0 weight takes the blend, which gives the same.
 template <class Sample, int kChannels, bool kListed>
 RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
   const int channels = kChannels > 0 ? kChannels : runtimeChannels;
   for (int i = 0; i < plan.count; ++i) {
     uint8_t* out = plan.template At<kListed>(i);
-    if (plan.fx[i] == 0.0 && plan.fy[i] == 0.0) {
+    if ((rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fx + i)) |
+         rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fy + i))) == 0) {
       CopyPixel<Sample, kChannels>(out, plan.topLeft[i], channels);
       continue;
     }
