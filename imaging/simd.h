@@ -170,6 +170,10 @@ RAWFX_ALWAYS_INLINE void StoreSamples(uint8_t* at, Vd values, int) {
 }
 
 RAWFX_ALWAYS_INLINE Vb LoadByteLanes(const uint8_t* p) { return LoadWord<Vb>(p); }
+// The bytes of whenSet where the mask's bytes are all ones, of otherwise where they are 0.
+RAWFX_ALWAYS_INLINE Vb SelectByteLanes(Vb mask, Vb whenSet, Vb otherwise) {
+  return otherwise ^ ((otherwise ^ whenSet) & mask);
+}
 RAWFX_ALWAYS_INLINE void StoreByteLanes(uint8_t* p, Vb v) { StoreWord(p, v); }
 
 // Addresses: pixel (column, row) of an image, both whole numbers in the int32
@@ -298,6 +302,7 @@ RAWFX_LANE void StoreSamples(uint8_t* at, Vd values, int count) {
 }
 
 RAWFX_LANE Vb LoadByteLanes(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+RAWFX_LANE Vb SelectByteLanes(Vb mask, Vb whenSet, Vb otherwise) { return _mm256_blendv_epi8(otherwise, whenSet, mask); }
 RAWFX_LANE void StoreByteLanes(uint8_t* p, Vb v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
 
 using Vp = __m256i;

@@ -6,9 +6,9 @@ namespace RAWFX_SIMD_PATH {
 
 using namespace rawfx::simd::RAWFX_SIMD_PATH;
 
-// The mask bytes are all ones or all zeros, so s ^ ((s ^ p) & m) takes p where
-// the mask is set and s elsewhere. The patterns carry one vector more than
-// `length`, so a vector read from any offset below it stays inside.
+// The mask bytes are all ones or all zeros: the pattern's byte where set, the
+// source's elsewhere. The patterns carry one vector more than `length`, so a
+// vector read from any offset below it stays inside.
 RAWFX_SIMD_ENTRY void SelectBytes(const uint8_t* src, uint8_t* dst, int64_t n, const uint8_t* pattern,
                                   const uint8_t* mask, int64_t offset, int64_t length) {
   constexpr int64_t kBytes = sizeof(Vb);
@@ -17,7 +17,7 @@ RAWFX_SIMD_ENTRY void SelectBytes(const uint8_t* src, uint8_t* dst, int64_t n, c
     const Vb s = LoadByteLanes(src + i);
     const Vb p = LoadByteLanes(pattern + offset);
     const Vb m = LoadByteLanes(mask + offset);
-    StoreByteLanes(dst + i, s ^ ((s ^ p) & m));
+    StoreByteLanes(dst + i, SelectByteLanes(m, p, s));
     offset += kBytes;
     if (offset >= length) offset -= length;
   }
