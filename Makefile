@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 # machine is shared and small, and short runs of two threads vary the most.
 BENCH_ARGS ?= --benchmark_min_time=1 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
-.PHONY: all bootstrap configure build test demo install tool bundle bench bench-peers sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
+.PHONY: all bootstrap configure build test demo install tool bundle bench bench-peers performance sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -63,6 +63,12 @@ bench-peers: bootstrap
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench_peers
 	$(BUILD)/bench/rawfx_bench_peers $(BENCH_ARGS) --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
+
+# PERFORMANCE.md from one `make bench` run and one `make bench-peers` run right
+# after it; the file is replaced only when both runs and the tables succeed.
+performance: bench bench-peers
+	scripts/bench-table --document $(BUILD)/bench.json $(BUILD)/bench_peers.json > $(BUILD)/PERFORMANCE.md
+	mv $(BUILD)/PERFORMANCE.md PERFORMANCE.md
 
 # ---- sanitizers ----------------------------------------------------------------
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, then the

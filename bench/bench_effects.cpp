@@ -143,10 +143,12 @@ struct HandBuiltRun {
   }
 };
 
-// Times part over every row of params, whose head FillHead has filled.
-template <class Params>
-void TimeParts(benchmark::State& state, Params& params, PartFunction part) {
+// Times part over every row of params, whose head FillHead has filled;
+// startRun does what the class does before each run.
+template <class Params, class StartRun = void (*)()>
+void TimeParts(benchmark::State& state, Params& params, PartFunction part, StartRun startRun = [] {}) {
   for (auto _ : state) {
+    startRun();
     params.head.progress = 0;
     MPParamBlock block{0, static_cast<int32_t>(kSide), 0, {}, &params};
     part(&block);
@@ -192,8 +194,9 @@ void InterlaceParts(benchmark::State& state, Kernels kernels, int channels, bool
                       : Pick(kernels, InterlacePart16, rawfx::reference::InterlacePart16));
 }
 
-// Polar to rectangular runs get the column table the class makes for them
-// (made once here, outside the timing; the reference kernels ignore it).
+// Runs get the table the class makes for them (the reference kernels ignore
+// it): polar to rectangular the column table, made once outside the timing,
+// rectangular to polar a fresh ray table for every run, which its parts fill.
 void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alpha, int bits, bool toPolar) {
   HandBuiltRun run(channels, alpha, bits);
   Host& host = *run.fixture.host;
@@ -212,13 +215,16 @@ void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alp
     params.backColor8[i] = static_cast<uint8_t>(background[i]);
     params.backColor16[i] = static_cast<uint16_t>(background[i]);
   }
-  std::vector<double> tableStorage(PolarColumnTableBytes(kSide, kSide) / sizeof(double) + 1);
-  if (!toPolar)
-    params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, static_cast<int32_t>(kSide),
-                                              static_cast<int32_t>(kSide));
+  const auto side = static_cast<int32_t>(kSide);
+  std::vector<double> tableStorage(
+      std::max(PolarColumnTableBytes(kSide, kSide), PolarRayTableBytes(kSide, kSide)) / sizeof(double) + 1);
+  if (!toPolar) params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, side, side);
   TimeParts(state, params,
             bits == 8 ? Pick(kernels, PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart)
-                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16));
+                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16),
+            [&] {
+              if (toPolar) params.rayTable = MakePolarRayTable(tableStorage.data(), params.settings, side, side);
+            });
 }
 
 // The class keeps its block in its instance data and fills it on Apply: one

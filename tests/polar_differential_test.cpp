@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <sstream>
 
 #include "effects/polar/polar_kernels.h"
@@ -55,6 +56,16 @@ void AttachTable(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t
   c.params.columnTable = bytes ? MakePolarColumnTable(c.storage.data(), s, width, height) : nullptr;
 }
 
+// A fresh ray table for every run, made for width x height and s (none for
+// sizes that take none).
+void AttachRays(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
+  const size_t bytes = PolarRayTableBytes(width, height);
+  auto storage = std::make_shared<std::vector<double>>(bytes / sizeof(double) + 1);
+  c.startRun = [=](PolarCoordinatesParams& block) {
+    block.rayTable = bytes ? MakePolarRayTable(storage->data(), s, width, height) : nullptr;
+  };
+}
+
 // The source has guard bytes before and after: hand-built settings can put an
 // accepted position in (-1.5, -1], whose nearest pixel is read one column or
 // one row before the bitmap by the reference as well.
@@ -68,6 +79,7 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
+  c.params.rayTable = nullptr;
   const bool eightBit = l.sampleBytes == 1;
   c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
   c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
@@ -94,6 +106,7 @@ PolarCase RandomCase(Rng& rng, int index) {
     const PolarizeSettings settings{100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
     PolarCase c = NewCase(rng, PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3), settings);
     AttachTable(c, settings, width, height);
+    AttachRays(c, settings, width, height);
     return c;
   }
   Layout l = RandomLayout(rng, 300, false);
@@ -111,9 +124,11 @@ PolarCase RandomCase(Rng& rng, int index) {
   const double angle = other.angleOffset;
   const int64_t table = Chance(rng, 0.25) ? Uniform(rng, 0, 4) : Chance(rng, 2.0 / 3) ? 5 : 6;  // stale, matching, none
   if (table == 2) other.flipMapping = other.flipMapping ? 0 : 1;
+  if (table == 2) other.centerAtTop = other.centerAtTop ? 0 : 1;
   if (table == 3) other.roundness = other.roundness == 0.0 ? 1.0 : 0.0;
   if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
   if (table < 6) AttachTable(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
+  if (table < 6) AttachRays(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
   c.settings += "; table " + std::to_string(table);
   return c;
 }
@@ -149,6 +164,31 @@ TEST(PolarDifferential, MappingMatchesTheReference) {
   }
 }
 
+// What the ray table rests on, in the literal mapping: the four pixels
+// mirrored about both centre lines are accepted alike and share their source
+// row bit for bit (without an angle offset every angle maps inside the columns).
+TEST(PolarDifferential, MirroredPixelsShareTheirSourceRow) {
+  Rng rng(0x5EED0008);
+  for (int i = 0, count = RandomCases(5000); i < count; ++i) {
+    PolarizeSettings s = RandomSettings(rng);
+    s.rectangularToPolar = 1;
+    s.angleOffset = 0.0;
+    s.width = RandomSide(rng, 400);
+    s.height = RandomSide(rng, 400);
+    s.centerX = (s.width - 1) * 0.5;
+    s.centerY = (s.height - 1) * 0.5;
+    const int32_t x = static_cast<int32_t>(Uniform(rng, 0, s.width - 1));
+    const int32_t y = static_cast<int32_t>(Uniform(rng, 0, s.height - 1));
+    double sx = 0.0, first = 0.0, sy = 0.0;
+    const bool inside = rawfx::reference::CalculateUndistortedCoordinates(x, y, &sx, &first, &s);
+    for (const auto& [mx, my] : {std::pair(s.width - 1 - x, y), std::pair(x, s.height - 1 - y),
+                                 std::pair(s.width - 1 - x, s.height - 1 - y)}) {
+      ASSERT_EQ(rawfx::reference::CalculateUndistortedCoordinates(mx, my, &sx, &sy, &s), inside) << i;
+      ASSERT_TRUE(!inside || SameBits(sy, first)) << "case " << i << ": " << sy << " vs " << first;
+    }
+  }
+}
+
 // A table whose header matches the run is read (columns altered to sample the
 // centre change the result); one whose header is for another size or other
 // options is ignored.
@@ -159,7 +199,7 @@ TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
   AttachTable(c, c.params.settings, 24, 16);
   const Outcome expected = c.Run(false);
   auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
-  std::fill_n(const_cast<PolarColumn*>(table->Columns()), 24, PolarColumn{0.0, 0.0, 0.0});
+  std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
   const PolarColumnTable matching = *table;
   for (int variant = 0; variant < 6; ++variant) {
     *table = matching;
@@ -196,8 +236,8 @@ TEST(PolarDifferential, ColumnTablesExistOnlyForUsableSizes) {
   const std::pair<int64_t, int64_t> unusable[] = {{0, 5}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5}, {5, tooBig}};
   for (auto [width, height] : unusable)
     EXPECT_EQ(PolarColumnTableBytes(width, height), 0u) << width << " x " << height;
-  EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 7 * sizeof(PolarColumn));
-  EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + widest * sizeof(PolarColumn));
+  EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 3 * 8 * sizeof(double));
+  EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + 3 * widest * sizeof(double));
 }
 
 // ---- the exact identities the fast kernels are built on --------------------------------

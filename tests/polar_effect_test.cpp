@@ -113,8 +113,8 @@ TEST_F(PolarEffect, RecordDefaultsAndBackColor) {
 
 // Every form refuses a nil source or colour with 4, a source too large for
 // 32-bit offsets with 4 and a depth other than 8 or 16 with 6; a refused
-// ApplyAsync frees its block (and column table) itself, and one without
-// memory for its block stores 5.
+// ApplyAsync frees its block (and run table) itself, and one without memory
+// for its block stores 5.
 TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
   REALobject effect = Keep(host.New(kClass));
   REALobject source = NewSource(9, 6, kRGB);
@@ -137,17 +137,20 @@ TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
     const int64_t code = row.bits == 8 || row.bits == 16 ? 4 : 6;
     ExpectRefused(effect, compared, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
     ExpectRefused(effect, compared, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
-    const bool withTable = !row.toPolar && !row.nilSource;
-    Watch(kBlockSize + (withTable ? PolarColumnTableBytes(9, 6) : 0));
+    const size_t table = row.nilSource ? 0
+                         : row.toPolar ? PolarRayTableBytes(9, row.height)
+                                       : PolarColumnTableBytes(9, row.height);
+    Watch(kBlockSize + table);
     ExpectRefused(effect, compared, code, [&] { return ApplyAsync(effect, run, effect); });
     EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
   }
   host.Bitmap(source).record->bitsPerChannel = 8;
-  host.Bitmap(source).record->height = 6;
+  host.Bitmap(source).record->height = 1;  // a single row takes no ray table, so the block is the one allocation
   host.Set<bool>(effect, "RectangularToPolar", true);
   Watch(kBlockSize, true);
   ExpectRefused(effect, source, 5, [&] { return ApplyAsync(effect, source, effect); });
   Watch(0);
+  host.Bitmap(source).record->height = 6;
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
 
@@ -220,18 +223,20 @@ TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
 // the run's options: right after the block, in the same allocation, for
 // ApplyAsync; in one of its own, freed before Apply returns, for Apply.
 // Wrapping takes none.
-TEST_F(PolarEffect, UnrollingTakesAColumnTableAndGivesItBack) {
+TEST_F(PolarEffect, EveryRunTakesItsTableAndGivesItBack) {
   constexpr int64_t kWidth = 29, kHeight = 21;
   REALobject effect = Keep(host.New(kClass));
   REALobject source = NewSource(kWidth, kHeight, kRGBA);
-  PolarColumnTable table{};
-  bool hasTable = false, tableAfterBlock = false;
+  PolarColumnTable columns{};
+  PolarRayTable rays{};
+  bool tableAfterBlock = false;
   host.SetRunInspector(
       [&](const EngineCall&, const GenericMPParams& head, const std::vector<MPParamBlock>&, REALobject) {
         const auto& params = reinterpret_cast<const PolarCoordinatesParams&>(head);
-        hasTable = params.columnTable != nullptr;
-        if (hasTable) table = *params.columnTable;
-        tableAfterBlock = params.columnTable == reinterpret_cast<const PolarColumnTable*>(&params + 1);
+        columns = params.columnTable ? *params.columnTable : PolarColumnTable{};
+        rays = params.rayTable ? *params.rayTable : PolarRayTable{};
+        const void* table = params.columnTable ? static_cast<const void*>(params.columnTable) : params.rayTable;
+        tableAfterBlock = table == &params + 1;
       });
   for (bool async : {false, true})
     for (bool toPolar : {false, true})
@@ -240,20 +245,23 @@ TEST_F(PolarEffect, UnrollingTakesAColumnTableAndGivesItBack) {
                      (flip ? " flipped" : ""));
         host.Set<bool>(effect, "RectangularToPolar", toPolar);
         host.Set<bool>(effect, "FlipMapping", flip);
-        const size_t tableBytes = PolarColumnTableBytes(kWidth, kHeight);
-        Watch(async ? kBlockSize + (toPolar ? 0 : tableBytes) : tableBytes);
+        const size_t tableBytes =
+            toPolar ? PolarRayTableBytes(kWidth, kHeight) : PolarColumnTableBytes(kWidth, kHeight);
+        Watch(async ? kBlockSize + tableBytes : tableBytes);
         REALobject result = async ? ApplyAsync(effect, source, effect) : host.Call<REALobject>(effect, kApply, source);
         EXPECT_NE(result, nullptr);
         host.Unlock(result);
-        EXPECT_EQ(Watched(), std::pair(async || !toPolar ? 1 : 0, 0));
-        EXPECT_EQ(hasTable, !toPolar);
-        if (toPolar) continue;
+        EXPECT_EQ(Watched(), std::pair(1, 0));
         EXPECT_EQ(tableAfterBlock, async);
-        EXPECT_EQ(table.width, kWidth);
-        EXPECT_EQ(table.height, kHeight);
-        EXPECT_EQ(table.flipMapping, flip ? 1 : 0);
-        EXPECT_EQ(table.roundness, 100.0);
-        EXPECT_EQ(table.angleOffset, 0.0);
+        EXPECT_EQ(toPolar ? rays.width : columns.width, kWidth);
+        EXPECT_EQ(toPolar ? rays.height : columns.height, kHeight);
+        EXPECT_EQ(toPolar ? rays.roundness : columns.roundness, 100.0);
+        if (toPolar) {
+          EXPECT_EQ(rays.rows, kHeight / 2);
+          continue;
+        }
+        EXPECT_EQ(columns.flipMapping, flip ? 1 : 0);
+        EXPECT_EQ(columns.angleOffset, 0.0);
       }
 }
 

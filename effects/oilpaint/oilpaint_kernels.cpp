@@ -3,12 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
-#include "imaging/cpu_dispatch.h"
 #include "imaging/memory.h"
+#include "imaging/simd.h"
 
 // Speed. The histogram of a pixel's square is not gathered anew for every
 // pixel but slid along the row: moving one pixel right takes out the column
@@ -17,19 +13,12 @@
 // so the winning bin and its mean are those of the literal gather. The bins
 // and colours of the square's source rows are worked out a chunk of columns
 // at a time, along each source row, into a ring that also still holds the
-// columns about to leave; on the AVX2 path a chunk is binned eight pixels per
-// step with the same double arithmetic, and the fullest bin is found with
-// byte-wise vector maxima over the counts.
-//
-// On this machine (2 cores, x86-64 with AVX2), one thread, a 2048 x 2048
-// RGBA 8-bit image with natural texture at the default smoothness 0.4: the
-// AVX2 path takes about 27 ns a pixel at brush 2 and 42 ns at brush 5, some
-// 10 and 19 times faster than the literal kernels (290 and 790 ns); the
-// portable path about 3 and 8 times.
+// columns about to leave; the binning is written once (oilpaint_path.h) and
+// runs a lane group of pixels per step, and the fullest bin is found with
+// byte-wise vector maxima over the counts where the CPU has them.
 
 namespace {
 
-using rawfx::oilpaint::BinOf;
 using rawfx::oilpaint::MeanOf;
 
 // A pixel's three colour channels in one integer: red in bits 0..15, green in
@@ -39,33 +28,9 @@ using rawfx::oilpaint::MeanOf;
 // between lanes.
 using PackedColour = uint64_t;
 
-PackedColour Pack(uint8_t red, uint8_t green, uint8_t blue) {
-  return PackedColour{red} | PackedColour{green} << 16 | PackedColour{blue} << 32;
-}
 uint32_t RedOf(PackedColour c) { return static_cast<uint32_t>(c & 0xFFFF); }
 uint32_t GreenOf(PackedColour c) { return static_cast<uint32_t>(c >> 16 & 0xFFFF); }
 uint32_t BlueOf(PackedColour c) { return static_cast<uint32_t>(c >> 32 & 0xFFFF); }
-
-// The products of an intensity for every channel value, exactly as the double
-// multiplications give them.
-struct ChannelWeights {
-  double green[256];
-  double red[256];
-  double blue[256];
-};
-
-const ChannelWeights& Weights() {
-  static const ChannelWeights weights = [] {
-    ChannelWeights w{};
-    for (int v = 0; v < 256; ++v) {
-      w.green[v] = 0.59 * v;
-      w.red[v] = 0.3 * v;
-      w.blue[v] = 0.11 * v;
-    }
-    return w;
-  }();
-  return weights;
-}
 
 constexpr int32_t kVectorBytes = 32;
 constexpr int32_t kMaxWordPixelBytes = 64;
@@ -128,8 +93,7 @@ Scratch TakeScratch(int32_t bins, int32_t diameter, FallbackScratch& fallback) {
 // Everything that turns source pixels into bins, read once per call.
 struct Binning {
   Binning(const OilPaintParams& p, const Scratch& s)
-      : weights(Weights()),
-        redOffset(p.redOffset),
+      : redOffset(p.redOffset),
         greenOffset(p.greenOffset),
         blueOffset(p.blueOffset),
         smoothness(p.smoothness),
@@ -137,31 +101,10 @@ struct Binning {
         rowBytes(p.head.srcRowBytes),
         ringBins(s.ringBins),
         ringColours(s.ringColours) {
-    for (int32_t i = 0; i < 256; ++i) binOfIntensity[i] = BinOf(static_cast<uint8_t>(i), p.smoothness);
     const int32_t lowest = std::min({redOffset, greenOffset, blueOffset});
     const int32_t span = std::max({redOffset, greenOffset, blueOffset}) - lowest;
     wordOffset = lowest;
     wordColumns = WordColumns(p.head.width, lowest, span);
-  }
-
-  // The bin of a pixel, by the same double sum as IntensityOf with its
-  // products read from the tables, and its colour.
-  uint8_t BinOfPixel(const uint8_t* pixel, PackedColour& colour) const {
-    const uint8_t red = pixel[redOffset];
-    const uint8_t green = pixel[greenOffset];
-    const uint8_t blue = pixel[blueOffset];
-    colour = Pack(red, green, blue);
-    const double sum = (weights.green[green] + weights.red[red]) + weights.blue[blue];
-    return binOfIntensity[static_cast<uint8_t>(static_cast<int32_t>(sum))];
-  }
-
-  // Bins columns first .. end - 1 of a source row into the ring row.
-  void BinColumns(const uint8_t* row, int32_t first, int32_t end, uint8_t* bins, PackedColour* colours) const {
-    const uint8_t* pixel = row + int64_t{first} * pixelBytes;
-    for (int32_t column = first; column < end; ++column, pixel += pixelBytes) {
-      const int32_t slot = RingSlot(column);
-      bins[slot] = BinOfPixel(pixel, colours[slot]);
-    }
   }
 
   // How many leading columns can be read as one 4-byte word per pixel, at
@@ -177,7 +120,6 @@ struct Binning {
     return latestStart < 0 ? 0 : static_cast<int32_t>(std::min<int64_t>(width, latestStart / pixelBytes + 1));
   }
 
-  const ChannelWeights& weights;
   const int32_t redOffset;
   const int32_t greenOffset;
   const int32_t blueOffset;
@@ -188,129 +130,39 @@ struct Binning {
   PackedColour* const ringColours;
   int32_t wordOffset = 0;   // the lowest colour offset
   int32_t wordColumns = 0;  // leading columns whose channels can be read as a word
-  uint8_t binOfIntensity[256];
 };
 
-// The portable path: pixel by pixel, and a plain scan for the fullest bin.
-struct PortablePath {
-  static void BinRow(const Binning& b, const uint8_t* row, int32_t first, int32_t end, uint8_t* bins,
-                     PackedColour* colours) {
-    b.BinColumns(row, first, end, bins, colours);
+// The lowest of the most populated bins: a plain scan on one lane.
+template <int kLanes>
+int32_t FullestBinSearch(const uint8_t* counts, int32_t bins) {
+  int32_t best = 0;
+  for (int32_t k = 1; k < bins; ++k)
+    if (counts[k] > counts[best]) best = k;
+  return best;
+}
+
+#if RAWFX_SIMD_X86
+// On four lanes: the largest count by byte-wise maxima, then the first bin
+// holding it. Padding bins are empty and every square holds a pixel, so the
+// padding never wins.
+template <>
+RAWFX_TARGET_AVX2 int32_t FullestBinSearch<4>(const uint8_t* counts, int32_t bins) {
+  const int32_t padded = PaddedBins(bins);
+  __m256i largest = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts));
+  for (int32_t k = kVectorBytes; k < padded; k += kVectorBytes)
+    largest = _mm256_max_epu8(largest, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts + k)));
+  __m128i half = _mm_max_epu8(_mm256_castsi256_si128(largest), _mm256_extracti128_si256(largest, 1));
+  half = _mm_max_epu8(half, _mm_srli_si128(half, 8));
+  half = _mm_max_epu8(half, _mm_srli_si128(half, 4));
+  half = _mm_max_epu8(half, _mm_srli_si128(half, 2));
+  half = _mm_max_epu8(half, _mm_srli_si128(half, 1));
+  const __m256i target = _mm256_broadcastb_epi8(half);
+  for (int32_t k = 0;; k += kVectorBytes) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts + k));
+    const auto hits = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(v, target)));
+    if (hits != 0) return k + __builtin_ctz(hits);
   }
-
-  // The lowest of the most populated bins.
-  static int32_t FullestBin(const uint8_t* counts, int32_t bins) {
-    int32_t best = 0;
-    for (int32_t k = 1; k < bins; ++k)
-      if (counts[k] > counts[best]) best = k;
-    return best;
-  }
-};
-
-#if defined(__x86_64__)
-// The AVX2 path: eight pixels per step where their channels can be read as
-// words, and the fullest bin by byte-wise maxima.
-struct AVX2Path {
-  __attribute__((target("avx2"))) static void BinRow(const Binning& b, const uint8_t* row, int32_t first, int32_t end,
-                                                     uint8_t* bins, PackedColour* colours) {
-    int32_t column = first;
-    if (first % 8 == 0) {
-      const int32_t wordEnd = std::min(end, b.wordColumns);
-      for (; column + 8 <= wordEnd; column += 8) {
-        const int32_t slot = RingSlot(column);  // a multiple of 8: the eight slots do not wrap
-        BinEight(b, row + int64_t{column} * b.pixelBytes, bins + slot, colours + slot);
-      }
-    }
-    b.BinColumns(row, column, end, bins, colours);
-  }
-
-  // The word at the lowest colour offset of eight pixels.
-  __attribute__((target("avx2"))) static __m256i LoadWords(const Binning& b, const uint8_t* pixels) {
-    const uint8_t* words = pixels + b.wordOffset;
-    if (b.pixelBytes == 4) return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(words));
-    const __m256i index =
-        _mm256_mullo_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7), _mm256_set1_epi32(b.pixelBytes));
-    return _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), index, 1);
-  }
-
-  // One channel of eight pixels, from their words.
-  __attribute__((target("avx2"))) static __m256i Channel(__m256i words, int32_t offsetInWord) {
-    return _mm256_and_si256(_mm256_srl_epi32(words, _mm_cvtsi32_si128(8 * offsetInWord)), _mm256_set1_epi32(0xFF));
-  }
-
-  // (0.59 G + 0.3 R) + 0.11 B of four pixels, in this order, truncated.
-  __attribute__((target("avx2"))) static __m128i Intensity4(__m128i red, __m128i green, __m128i blue) {
-    const __m256d g = _mm256_mul_pd(_mm256_set1_pd(0.59), _mm256_cvtepi32_pd(green));
-    const __m256d r = _mm256_mul_pd(_mm256_set1_pd(0.3), _mm256_cvtepi32_pd(red));
-    const __m256d bl = _mm256_mul_pd(_mm256_set1_pd(0.11), _mm256_cvtepi32_pd(blue));
-    return _mm256_cvttpd_epi32(_mm256_add_pd(_mm256_add_pd(g, r), bl));
-  }
-
-  // intensity x smoothness of four intensities, truncated. A product outside
-  // the int32 range converts to 0x80000000, whose low 8 bits are the 0 that
-  // BinOf gives it.
-  __attribute__((target("avx2"))) static __m128i Bin4(__m128i intensity, double smoothness) {
-    return _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_cvtepi32_pd(intensity), _mm256_set1_pd(smoothness)));
-  }
-
-  __attribute__((target("avx2"))) static void BinEight(const Binning& b, const uint8_t* pixels, uint8_t* bins,
-                                                       PackedColour* colours) {
-    const __m256i words = LoadWords(b, pixels);
-    const __m256i red = Channel(words, b.redOffset - b.wordOffset);
-    const __m256i green = Channel(words, b.greenOffset - b.wordOffset);
-    const __m256i blue = Channel(words, b.blueOffset - b.wordOffset);
-    const __m256i byteMask = _mm256_set1_epi32(0xFF);
-
-    const __m128i intensityLow =
-        Intensity4(_mm256_castsi256_si128(red), _mm256_castsi256_si128(green), _mm256_castsi256_si128(blue));
-    const __m128i intensityHigh = Intensity4(_mm256_extracti128_si256(red, 1), _mm256_extracti128_si256(green, 1),
-                                             _mm256_extracti128_si256(blue, 1));
-    const __m256i intensity = _mm256_and_si256(_mm256_set_m128i(intensityHigh, intensityLow), byteMask);
-    const double smoothness = b.smoothness;
-    const __m256i bin = _mm256_set_m128i(Bin4(_mm256_extracti128_si256(intensity, 1), smoothness),
-                                         Bin4(_mm256_castsi256_si128(intensity), smoothness));
-    StoreLowBytes(bin, bins);
-
-    // Colours: red | green << 16 in the low half of each 64-bit lane, blue in the high half.
-    const __m256i low = _mm256_or_si256(red, _mm256_slli_epi32(green, 16));
-    const __m256i pairs01_45 = _mm256_unpacklo_epi32(low, blue);
-    const __m256i pairs23_67 = _mm256_unpackhi_epi32(low, blue);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(colours), _mm256_permute2x128_si256(pairs01_45, pairs23_67, 0x20));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(colours + 4),
-                        _mm256_permute2x128_si256(pairs01_45, pairs23_67, 0x31));
-  }
-
-  // The low byte of each of eight 32-bit lanes, stored as eight bytes.
-  __attribute__((target("avx2"))) static void StoreLowBytes(__m256i lanes, uint8_t* out) {
-    const __m256i firstBytes =
-        _mm256_shuffle_epi8(lanes, _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4,
-                                                    8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
-    const __m128i eight =
-        _mm_unpacklo_epi32(_mm256_castsi256_si128(firstBytes), _mm256_extracti128_si256(firstBytes, 1));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), eight);
-  }
-
-  // The largest count by byte-wise maxima, then the first bin holding it.
-  // Padding bins are empty and every square holds a pixel, so the padding
-  // never wins.
-  __attribute__((target("avx2"))) static int32_t FullestBin(const uint8_t* counts, int32_t bins) {
-    const int32_t padded = PaddedBins(bins);
-    __m256i largest = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts));
-    for (int32_t k = kVectorBytes; k < padded; k += kVectorBytes)
-      largest = _mm256_max_epu8(largest, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts + k)));
-    __m128i half = _mm_max_epu8(_mm256_castsi256_si128(largest), _mm256_extracti128_si256(largest, 1));
-    half = _mm_max_epu8(half, _mm_srli_si128(half, 8));
-    half = _mm_max_epu8(half, _mm_srli_si128(half, 4));
-    half = _mm_max_epu8(half, _mm_srli_si128(half, 2));
-    half = _mm_max_epu8(half, _mm_srli_si128(half, 1));
-    const __m256i target = _mm256_broadcastb_epi8(half);
-    for (int32_t k = 0;; k += kVectorBytes) {
-      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(counts + k));
-      const auto hits = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(v, target)));
-      if (hits != 0) return k + __builtin_ctz(hits);
-    }
-  }
-};
+}
 #endif
 
 struct BinTotal {
@@ -346,8 +198,7 @@ class OilPaintRows {
       const uint8_t m = Masked ? MaskAt8(head_.maskData, maskRow, x) : 0;
       // The fullest bin is read before the square moves on and the pixel is
       // written after: the writes then fill the wait of the next search for
-      // the counts just stored (9% faster at brush 2, 6% at brush 5, on this
-      // machine).
+      // the counts just stored.
       const BinTotal fullest = FullestBinTotal();
       const bool last = x + 1 == width;
       if (!last) MoveRight(x);
@@ -474,7 +325,7 @@ class OilPaintRows {
 // The rows of one part in increasing order, each counted as progress, stopping
 // after the row during which a cancel was requested.
 template <bool Masked, class Path>
-void PaintRows(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_t endRow) {
+void PaintRowsWith(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_t endRow) {
   OilPaintRows<Masked, Path> rows(p, s);
   for (int32_t y = firstRow; y < endRow; ++y) {
     rows.Paint(y);
@@ -482,21 +333,20 @@ void PaintRows(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_t en
   }
 }
 
-#if defined(__x86_64__)
-template <bool Masked>
-__attribute__((target("avx2"), flatten)) void PaintRowsAVX2(OilPaintParams& p, const Scratch& s, int32_t firstRow,
-                                                            int32_t endRow) {
-  PaintRows<Masked, AVX2Path>(p, s, firstRow, endRow);
-}
-#endif
+}  // namespace
 
-template <bool Masked>
-void PaintRowsOnBestPath(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_t endRow) {
-#if defined(__x86_64__)
-  if (rawfx::cpu::UseAVX2()) return PaintRowsAVX2<Masked>(p, s, firstRow, endRow);
+namespace {
+#define RAWFX_SIMD_PATH portable
+#include "effects/oilpaint/oilpaint_path.h"
+#undef RAWFX_SIMD_PATH
+#if RAWFX_SIMD_X86
+#define RAWFX_SIMD_PATH avx2
+#include "effects/oilpaint/oilpaint_path.h"
+#undef RAWFX_SIMD_PATH
 #endif
-  PaintRows<Masked, PortablePath>(p, s, firstRow, endRow);
-}
+}  // namespace
+
+namespace {
 
 // One part. Its scratch comes from the heap, or from the stack when the heap
 // has none; either way every row of the part is painted exactly.
@@ -507,7 +357,7 @@ void* OilPaintPart(void* block) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
     FallbackScratch fallback;
     Scratch scratch = TakeScratch(int32_t{p.maxLevel} + 1, 2 * int32_t{p.brushSize} + 1, fallback);
-    PaintRowsOnBestPath<Masked>(p, scratch, part.firstRow, part.endRow);
+    RAWFX_PICK_PATH(PaintRows<Masked>)(p, scratch, part.firstRow, part.endRow);
     GiveBackScratch(scratch);
   }
   if constexpr (!Masked) part.done = 1;

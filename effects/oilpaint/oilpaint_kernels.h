@@ -43,24 +43,6 @@ void* OilPaintMaskPart8bit(void* block);
 
 namespace rawfx::oilpaint {
 
-// The intensity of a pixel: (0.59 G + 0.3 R) + 0.11 B in double precision,
-// truncated, low 8 bits. The sum lies within 0 .. 255 (plus rounding), so the
-// conversion to an integer is always in range.
-inline uint8_t IntensityOf(uint8_t red, uint8_t green, uint8_t blue) {
-  const double sum = (0.59 * green + 0.3 * red) + 0.11 * blue;
-  return static_cast<uint8_t>(static_cast<int32_t>(sum));
-}
-
-// The histogram bin of an intensity: intensity * smoothness in double
-// precision, truncated, low 8 bits. A product outside the int32 range (only
-// possible for a smoothness the class never admits) gives bin 0 instead of an
-// undefined conversion.
-inline uint8_t BinOf(uint8_t intensity, float smoothness) {
-  const double scaled = intensity * static_cast<double>(smoothness);
-  if (!(scaled > -2147483649.0 && scaled < 2147483648.0)) return 0;
-  return static_cast<uint8_t>(static_cast<int32_t>(scaled));
-}
-
 // The most pixels a neighbourhood holds: the square of radius 5.
 inline constexpr uint32_t kMaxNeighbours = 121;
 

@@ -13,6 +13,20 @@
 
 #include "imaging/mp_filter.h"
 
+namespace rawfx::polar {
+
+// The angle constants of the mapping, exactly these doubles: their last bits
+// decide the results.
+inline constexpr double kHalfPi = 1.5707963267948966;
+inline constexpr double kPi = 3.141592653589793;
+inline constexpr double kThreeHalfPi = 4.71238898038469;
+inline constexpr double kTwoPi = 6.283185307179586;
+
+// Samples a pixel may have: the entries of the background arrays.
+inline constexpr int kMaxSamples = 8;
+
+}  // namespace rawfx::polar
+
 // Geometry and options of one run. The class fills the options; each part
 // function fills the geometry (width .. centerY) in its own copy.
 struct PolarizeSettings {
@@ -48,16 +62,55 @@ struct PolarColumn {
 // The columns of one polar-to-rectangular run, made before the run in memory
 // the effect owns for it. The header records what the columns were made for:
 // a part uses them only when that matches its own geometry and options, and
-// otherwise maps every pixel in full. `width` PolarColumn entries follow it.
+// otherwise maps every pixel in full. After it come the columns' three values
+// as three arrays of `stride` doubles (the width rounded up to a whole lane
+// group, the last column repeated), so lanes of columns load side by side.
 struct PolarColumnTable {
   int32_t width;
   int32_t height;
   double roundness;
   double angleOffset;
   uint8_t flipMapping;  // 0 or 1
-  const PolarColumn* Columns() const { return reinterpret_cast<const PolarColumn*>(this + 1); }
+  int32_t stride;
+  const double* XSteps() const { return reinterpret_cast<const double*>(this + 1); }
+  const double* YSteps() const { return XSteps() + stride; }
+  const double* Radii() const { return YSteps() + stride; }
 };
-static_assert(sizeof(PolarColumnTable) % alignof(PolarColumn) == 0);
+static_assert(sizeof(PolarColumnTable) % alignof(double) == 0);
+
+// The rays of one rectangular-to-polar run. Seen from the centre, the four
+// pixels mirrored about both centre lines, (x, y), (W - 1 - x, y),
+// (x, H - 1 - y) and (W - 1 - x, H - 1 - y), have offsets from the centre that
+// are the same exact doubles up to sign: cx = (W - 1) * 0.5 and cy are
+// multiples of 0.5, so x - cx and cx - (W - 1 - x) are one exact value, and
+// likewise cy - y and (H - 1 - y) - cy. The mapping feeds those offsets only
+// into the atan argument, the distance, the border's slope (through fabs) and
+// so the radius and source row: all four share them bit for bit, and only the
+// angle's quadrant formula differs. So the part that maps one row of a pair
+// stores, for each column at or right of the centre, the atan (0 where the
+// source row is outside) and the source row, and the part that maps the
+// mirrored row reads them instead of computing them again. The table lives in
+// memory the effect owns for the run (about 4 bytes per pixel); each row pair
+// has a state byte, taken and published with atomic operations, so a part
+// never waits: a row whose pair is not yet published is mapped in full.
+struct PolarRayTable {
+  int32_t width;
+  int32_t height;
+  double roundness;
+  uint8_t centerAtTop;  // 0 or 1
+  int32_t rows;         // row pairs: the rows above the centre
+  int32_t stride;       // entries per row: the columns at or right of the centre, rounded up to 4
+  uint8_t* States() { return reinterpret_cast<uint8_t*>(this + 1); }
+  double* Angles(int32_t row) { return Data() + int64_t{row} * 2 * stride; }
+  double* SourceRows(int32_t row) { return Angles(row) + stride; }
+
+ private:
+  double* Data() { return reinterpret_cast<double*>(States() + (rows + 7) / 8 * 8); }
+};
+static_assert(sizeof(PolarRayTable) % alignof(double) == 0);
+
+// The states of a row pair in a ray table.
+inline constexpr uint8_t kRayRowEmpty = 0, kRayRowFilling = 1, kRayRowReady = 2;
 
 struct PolarCoordinatesParams {
   GenericMPParams head;         // 0: filled by the engine
@@ -65,12 +118,14 @@ struct PolarCoordinatesParams {
   uint8_t backColor8[8];        // 136: background samples in the source's channel order
   uint16_t backColor16[8];      // 144: the same for 16-bit sources
   const PolarColumnTable* columnTable;  // 160: nil, or the run's columns (only read)
+  PolarRayTable* rayTable;              // 168: nil, or the run's rays (filled and read by the parts)
 };
 static_assert(offsetof(PolarCoordinatesParams, settings) == 88);
 static_assert(offsetof(PolarCoordinatesParams, backColor8) == 136);
 static_assert(offsetof(PolarCoordinatesParams, backColor16) == 144);
 static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
-static_assert(sizeof(PolarCoordinatesParams) == 168);
+static_assert(offsetof(PolarCoordinatesParams, rayTable) == 168);
+static_assert(sizeof(PolarCoordinatesParams) == 176);
 
 // True when the parts can address every pixel of a width x height source of
 // pixelBytes per pixel with unpadded rows: they form row and column offsets as
@@ -88,6 +143,19 @@ size_t PolarColumnTableBytes(int64_t width, int64_t height);
 // PolarColumnTableBytes(width, height) bytes aligned for a double, and returns it.
 const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
                                              int32_t height);
+
+// Bytes of a ray table for a width x height bitmap (header included); 0 when a
+// run takes none (fewer than two rows or columns, or more than kLargestRayTable bytes).
+// The table costs about 4 bytes a pixel on top of the source and the result, so
+// it is kept to pictures of up to about 8 megapixels: a run over a large
+// picture, where memory counts, takes no more than its source and result.
+inline constexpr int64_t kLargestRayTable = int64_t{32} << 20;
+size_t PolarRayTableBytes(int64_t width, int64_t height);
+
+// Makes an empty ray table for a rectangular-to-polar run over a width x height
+// bitmap with the options of settings, in storage of PolarRayTableBytes(width,
+// height) bytes aligned for a double, and returns it.
+PolarRayTable* MakePolarRayTable(void* storage, const PolarizeSettings& settings, int32_t width, int32_t height);
 
 // Maps destination pixel (x, y) to its unrounded source position. Returns
 // false, leaving both out-arguments untouched, when the position lies outside

@@ -9,9 +9,7 @@
 namespace rawfx::reference {
 
 // Part functions: block is an MPParamBlock* whose params is a BarrelDistortionParams*.
-void* BarrelDistort8BitPart(void* block);
-void* BarrelDistortInterpolate8BitPart(void* block);
-void* BarrelDistort16BitPart(void* block);
-void* BarrelDistortInterpolate16BitPart(void* block);
+extern const PartFunction BarrelDistort8BitPart, BarrelDistortInterpolate8BitPart, BarrelDistort16BitPart,
+    BarrelDistortInterpolate16BitPart;
 
 }  // namespace rawfx::reference

@@ -9,9 +9,6 @@
 namespace rawfx::reference {
 
 // Part functions over an MPParamBlock whose params is an InterlaceParams.
-void* InterlacePart(void* block);
-void* InterlaceMaskPart(void* block);
-void* InterlacePart16(void* block);
-void* InterlaceMaskPart16(void* block);
+extern const PartFunction InterlacePart, InterlaceMaskPart, InterlacePart16, InterlaceMaskPart16;
 
 }  // namespace rawfx::reference

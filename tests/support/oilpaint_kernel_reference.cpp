@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "support/reference_rows.h"
+
 namespace rawfx::reference {
 namespace {
 
@@ -138,18 +140,15 @@ void* OilPaintPart(void* block) {
     auto& p = *static_cast<OilPaintParams*>(part.params);
     Histogram histogram;
     OilPaintRows<Masked> rows(p, histogram);
-    for (int32_t y = part.firstRow; y < part.endRow; ++y) {
-      rows.Paint(y);
-      if (!rawfx::FinishRow(p.head)) break;
-    }
+    ForEachRow(part, p.head, [&](int32_t y) { rows.Paint(y); });
   }
-  if constexpr (!Masked) part.done = 1;
+  if (!Masked) part.done = 1;
   return nullptr;
 }
 
 }  // namespace
 
-void* OilPaintPart8bit(void* block) { return OilPaintPart<false>(block); }
-void* OilPaintMaskPart8bit(void* block) { return OilPaintPart<true>(block); }
+const PartFunction OilPaintPart8bit = OilPaintPart<false>;
+const PartFunction OilPaintMaskPart8bit = OilPaintPart<true>;
 
 }  // namespace rawfx::reference

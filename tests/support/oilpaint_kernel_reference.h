@@ -10,7 +10,6 @@
 namespace rawfx::reference {
 
 // Part functions over an MPParamBlock whose params is an OilPaintParams.
-void* OilPaintPart8bit(void* block);
-void* OilPaintMaskPart8bit(void* block);
+extern const PartFunction OilPaintPart8bit, OilPaintMaskPart8bit;
 
 }  // namespace rawfx::reference

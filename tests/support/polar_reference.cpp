@@ -4,16 +4,12 @@
 #include <cmath>
 #include <limits>
 
+#include "support/reference_rows.h"
+
 namespace rawfx::reference {
 namespace {
 
-// The angle constants, exactly these doubles: their last bits decide the results.
-constexpr double kHalfPi = 1.5707963267948966;
-constexpr double kPi = 3.141592653589793;
-constexpr double kThreeHalfPi = 4.71238898038469;
-constexpr double kTwoPi = 6.283185307179586;
-
-constexpr int kMaxSamples = 8;  // entries of the background arrays
+using namespace rawfx::polar;
 
 // True when v truncates to a signed 32-bit integer without leaving its range (false for NaN).
 bool TruncationFitsInt32(double v) { return v > -2147483649.0 && v < 2147483648.0; }
@@ -126,126 +122,67 @@ void PolarToRectangularSource(double x, double y, const PolarizeSettings& s, dou
   }
 }
 
-// What one part needs for every pixel, worked out before its first row.
+// A whole pixel's samples from `from`.
 template <class Sample>
-struct PartContext {
-  PolarizeSettings settings;  // the part's own copy, geometry filled in
-  const uint8_t* srcPixels;
-  int32_t srcRowBytes;
-  int32_t srcPixelBytes;
-  int channels;  // samples per pixel, at most the background's eight
-  int64_t dstStep;  // in samples
+void CopySamples(Sample* to, const Sample* from, int n) {
+  for (int i = 0; i < n; ++i) to[i] = from[i];
+}
+
+template <class Sample>
+void* Polar(void* block) {
+  auto& part = *static_cast<MPParamBlock*>(block);
+  auto& p = *static_cast<PolarCoordinatesParams*>(part.params);
+  GenericMPParams& head = p.head;
+  PolarizeSettings s = p.settings;  // the part's own copy, with the geometry filled in
+  s.width = head.width;
+  s.height = head.height;
+  s.centerX = static_cast<double>(int64_t{head.width} - 1) * 0.5;
+  s.centerY = static_cast<double>(int64_t{head.height} - 1) * 0.5;
+  const int n = std::clamp<int>(head.srcPixelBytes / static_cast<int>(sizeof(Sample)), 0, kMaxSamples);
   const Sample* background;
-  // Source offsets are signed 32-bit products; a source too large for them is
-  // never read, so no offset can wrap to memory outside the bitmap.
-  bool sourceAddressable;
-};
-
-bool ProductFitsInt32(int64_t a, int64_t b) {
-  const int64_t product = a * b;
-  return product >= std::numeric_limits<int32_t>::min() && product <= std::numeric_limits<int32_t>::max();
-}
-
-// True when every row offset and every column offset of the source fits 32 bits.
-bool SourceOffsetsFitInt32(const GenericMPParams& head) {
-  const int64_t lastRow = std::max<int64_t>(int64_t{head.height} - 1, 0);
-  const int64_t lastColumn = std::max<int64_t>(int64_t{head.width} - 1, 0);
-  return ProductFitsInt32(head.srcRowBytes, lastRow) && ProductFitsInt32(head.srcPixelBytes, lastColumn);
-}
-
-template <class Sample>
-const Sample* BackgroundOf(const PolarCoordinatesParams& p) {
   if constexpr (sizeof(Sample) == 1)
-    return p.backColor8;
+    background = p.backColor8;
   else
-    return p.backColor16;
-}
+    background = p.backColor16;
+  // Source offsets are signed 32-bit products: a source whose offsets do not
+  // all fit is never read, so no offset can wrap outside the bitmap.
+  const int64_t lastRowOffset = int64_t{head.srcRowBytes} * std::max(head.height - 1, 0);
+  const int64_t lastColumnOffset = int64_t{head.srcPixelBytes} * std::max(head.width - 1, 0);
+  const bool addressable = lastRowOffset == static_cast<int32_t>(lastRowOffset) &&
+                           lastColumnOffset == static_cast<int32_t>(lastColumnOffset);
+  auto sourcePixel = [&](int32_t u, int32_t v) {
+    return reinterpret_cast<const Sample*>(head.srcPixels + head.srcRowBytes * v + head.srcPixelBytes * u);
+  };
 
-template <class Sample>
-PartContext<Sample> MakePartContext(const PolarCoordinatesParams& p) {
-  const GenericMPParams& head = p.head;
-  PartContext<Sample> c{};
-  c.settings = p.settings;
-  c.settings.width = head.width;
-  c.settings.height = head.height;
-  c.settings.centerX = static_cast<double>(int64_t{head.width} - 1) * 0.5;
-  c.settings.centerY = static_cast<double>(int64_t{head.height} - 1) * 0.5;
-  c.srcPixels = head.srcPixels;
-  c.srcRowBytes = head.srcRowBytes;
-  c.srcPixelBytes = head.srcPixelBytes;
-  c.channels = std::clamp<int>(head.srcPixelBytes / static_cast<int>(sizeof(Sample)), 0, kMaxSamples);
-  c.dstStep = head.dstPixelBytes / static_cast<int>(sizeof(Sample));
-  c.background = BackgroundOf<Sample>(p);
-  c.sourceAddressable = SourceOffsetsFitInt32(head);
-  return c;
-}
-
-template <class Sample>
-const Sample* SourcePixel(const PartContext<Sample>& c, int32_t column, int32_t row) {
-  const int32_t rowOffset = c.srcRowBytes * row;
-  const int32_t columnOffset = c.srcPixelBytes * column;
-  return reinterpret_cast<const Sample*>(c.srcPixels + rowOffset + columnOffset);
-}
-
-// Bilinear sample at an accepted position. Acceptance gives -0.5 <= sx < W - 0.5
-// (likewise sy), so every truncation here fits 32 bits and (ix, iy) is a source pixel.
-template <class Sample>
-void WriteSampledPixel(const PartContext<Sample>& c, double sx, double sy, Sample* dst) {
-  const int32_t width = c.settings.width;
-  const int32_t height = c.settings.height;
-  const int32_t ix = static_cast<int32_t>(sx);
-  const int32_t iy = static_cast<int32_t>(sy);
-  // Besides the truncation tests, a neighbour past the last row or column is
-  // outside: that only adds to them for positions just above or left of pixel 0
-  // in a bitmap one pixel high or wide, which they would read beyond.
-  const bool lowerOutside = iy < 0 || static_cast<int32_t>(sy + 1.0) >= height || iy + 1 >= height;
-  const bool rightOutside = ix < 0 || static_cast<int32_t>(sx + 1.0) >= width || ix + 1 >= width;
-
-  // A neighbour outside the source is the background pixel itself.
-  const Sample* p00 = SourcePixel(c, ix, iy);
-  const Sample* p10 = rightOutside ? c.background : SourcePixel(c, ix + 1, iy);
-  const Sample* p01 = lowerOutside ? c.background : SourcePixel(c, ix, iy + 1);
-  const Sample* p11 = rightOutside || lowerOutside ? c.background : SourcePixel(c, ix + 1, iy + 1);
-
-  double fx = std::fmod(sx, 1.0);
-  if (fx < 0.0) fx += 1.0;
-  double fy = std::fmod(sy, 1.0);
-  if (fy < 0.0) fy += 1.0;
-
-  for (int i = 0; i < c.channels; ++i) {
-    const double top = (static_cast<double>(p10[i]) - p00[i]) * fx + p00[i];
-    const double bottom = (static_cast<double>(p11[i]) - p01[i]) * fx + p01[i];
-    const double value = (bottom - top) * fy + top;
-    // A blend of samples stays within the samples' range, so the conversion is in range.
-    dst[i] = static_cast<Sample>(static_cast<int32_t>(value));
-  }
-}
-
-template <class Sample>
-void MapRow(PartContext<Sample>& c, const GenericMPParams& head, int32_t row) {
-  const int32_t width = c.settings.width;
-  if (width <= 0) return;
-  Sample* dst = reinterpret_cast<Sample*>(head.dstPixels + int64_t{head.dstRowBytes} * row);
-  const double y = row;
-  for (int32_t x = 0; x < width; ++x, dst += c.dstStep) {
-    double sx, sy;
-    if (c.sourceAddressable && reference::CalculateUndistortedCoordinates(x, y, &sx, &sy, &c.settings))
-      WriteSampledPixel(c, sx, sy, dst);
-    else
-      std::copy_n(c.background, c.channels, dst);
-  }
-}
-
-template <class Sample>
-void* PolarCoordinatesRows(void* block) {
-  auto* part = static_cast<MPParamBlock*>(block);
-  auto& p = *static_cast<PolarCoordinatesParams*>(part->params);
-  PartContext<Sample> context = MakePartContext<Sample>(p);
-  for (int32_t row = part->firstRow; row < part->endRow; ++row) {
-    MapRow(context, p.head, row);
-    if (!rawfx::FinishRow(p.head)) break;
-  }
-  part->done = 1;
+  ForEachRow(part, head, [&](int32_t y) {
+    auto* dst = reinterpret_cast<Sample*>(head.dstPixels + int64_t{head.dstRowBytes} * y);
+    for (int32_t x = 0; x < s.width; ++x, dst += head.dstPixelBytes / static_cast<int>(sizeof(Sample))) {
+      double sx, sy;
+      if (!addressable || !reference::CalculateUndistortedCoordinates(x, y, &sx, &sy, &s)) {
+        CopySamples(dst, background, n);
+        continue;
+      }
+      // Accepted: -1.5 < sx < W - 0.5 and likewise sy, so every truncation fits.
+      const int32_t ix = static_cast<int32_t>(sx), iy = static_cast<int32_t>(sy);
+      // A neighbour past the last row or column is outside as well: that
+      // matters only just above or left of pixel 0 in a bitmap one pixel high or wide.
+      const bool lowerOut = iy < 0 || static_cast<int32_t>(sy + 1.0) >= s.height || iy + 1 >= s.height;
+      const bool rightOut = ix < 0 || static_cast<int32_t>(sx + 1.0) >= s.width || ix + 1 >= s.width;
+      const Sample* p00 = sourcePixel(ix, iy);
+      const Sample* p10 = rightOut ? background : sourcePixel(ix + 1, iy);
+      const Sample* p01 = lowerOut ? background : sourcePixel(ix, iy + 1);
+      const Sample* p11 = rightOut || lowerOut ? background : sourcePixel(ix + 1, iy + 1);
+      double fx = std::fmod(sx, 1.0), fy = std::fmod(sy, 1.0);
+      if (fx < 0.0) fx += 1.0;
+      if (fy < 0.0) fy += 1.0;
+      for (int i = 0; i < n; ++i) {
+        const double top = (static_cast<double>(p10[i]) - p00[i]) * fx + p00[i];
+        const double bottom = (static_cast<double>(p11[i]) - p01[i]) * fx + p01[i];
+        dst[i] = static_cast<Sample>(static_cast<int32_t>((bottom - top) * fy + top));
+      }
+    }
+  });
+  part.done = 1;
   return nullptr;
 }
 
@@ -264,7 +201,7 @@ bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double
   return true;
 }
 
-void* PolarCoordinatesPart(void* block) { return PolarCoordinatesRows<uint8_t>(block); }
-void* PolarCoordinatesPart16(void* block) { return PolarCoordinatesRows<uint16_t>(block); }
+const PartFunction PolarCoordinatesPart = Polar<uint8_t>;
+const PartFunction PolarCoordinatesPart16 = Polar<uint16_t>;
 
 }  // namespace rawfx::reference

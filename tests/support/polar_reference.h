@@ -16,7 +16,6 @@ bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double
 
 // Part functions over an MPParamBlock whose params is a PolarCoordinatesParams;
 // they ignore any column table of the block.
-void* PolarCoordinatesPart(void* block);
-void* PolarCoordinatesPart16(void* block);
+extern const PartFunction PolarCoordinatesPart, PolarCoordinatesPart16;
 
 }  // namespace rawfx::reference

@@ -1,0 +1,172 @@
+// The sampling engine of the warps (polar and barrel), one text compiled per
+// path: include it inside a path's namespace after imaging/simd.h has set up the
+// lane set (see there). Nothing here is an effect's own rule: an effect maps its
+// pixels to source positions, decides per position which neighbours come from
+// the source and what the weights are, and hands that to this engine.
+//
+// A row is done in chunks. A chunk is first planned (the source address of each
+// neighbour, or the background, and the weights) and its source pixels are
+// prefetched; it is filled only after the next chunk has been planned. The warps
+// read the source along curves that the hardware prefetcher cannot follow, so
+// without this a pixel's loads would wait for memory after its position's long
+// chain of arithmetic.
+//
+// No include guard: the text is meant to be included once per path.
+
+inline constexpr int kChunk = 64;  // entries planned ahead of their fill; a multiple of every lane count
+
+// The source as the planners address it.
+struct SourceLayout {
+  const uint8_t* pixels;
+  int64_t rowBytes;
+  int64_t pixelBytes;
+  const uint8_t* background;  // one sample per channel, in the bitmap's order
+};
+
+// Where a plan's entries are written: entry i at first + i * step, or, for a
+// planner whose entries do not lie in a row (kListedOut), at out[i].
+struct Destinations {
+  uint8_t* first;
+  int64_t step;
+  uint8_t* out[kChunk];
+
+  template <bool kListed>
+  RAWFX_SIMD_FN uint8_t* At(int i) const {
+    return kListed ? out[i] : first + i * step;
+  }
+};
+
+struct NearestPlan : Destinations {
+  int count;
+  const uint8_t* from[kChunk];
+};
+
+struct BilinearPlan : Destinations {
+  int count;
+  const uint8_t* topLeft[kChunk];
+  const uint8_t* topRight[kChunk];
+  const uint8_t* bottomLeft[kChunk];
+  const uint8_t* bottomRight[kChunk];
+  double fx[kChunk];
+  double fy[kChunk];
+};
+
+// What an effect's neighbour rules decide for kLanes positions.
+struct Neighbours {
+  Vd column, row;  // of the top-left neighbour: whole numbers, in the int32 range where any neighbour is read
+  Md topLeft, topRight, bottomLeft, bottomRight;  // read from the source; the others are the background
+  Vd fx, fy;       // the weights
+};
+
+// s - floor(s) as fmod(s, 1.0) plus 1 when negative gives it: for a finite s,
+// fmod's result is exactly s - trunc(s) (both multiples of the last place of s,
+// and less than 1 apart) with the sign of s, zero included.
+RAWFX_SIMD_FN Vd Fraction(Vd s) {
+  const Vd f = CopySign(s - Trunc(s), s);
+  return Select(Lt(f, Set(0.0)), f + Set(1.0), f);
+}
+
+// Lanes whose neighbours are all the background get weights 0: blending four
+// background samples with them gives the background exactly, and it keeps the
+// NaN weights of a non-finite position out of the blend.
+RAWFX_SIMD_FN void PlanBilinear(const SourceLayout& s, const Neighbours& n, int at, BilinearPlan& plan) {
+  const Md any = Or(Or(n.topLeft, n.topRight), Or(n.bottomLeft, n.bottomRight));
+  const Vp topLeft = PixelAddress(s.pixels, ZeroUnless(any, n.column), ZeroUnless(any, n.row), s.rowBytes,
+                                  s.pixelBytes);
+  const Vp bottomLeft = Offset(topLeft, s.rowBytes);
+  StoreAddress(plan.topLeft + at, n.topLeft, topLeft, s.background);
+  StoreAddress(plan.topRight + at, n.topRight, Offset(topLeft, s.pixelBytes), s.background);
+  StoreAddress(plan.bottomLeft + at, n.bottomLeft, bottomLeft, s.background);
+  StoreAddress(plan.bottomRight + at, n.bottomRight, Offset(bottomLeft, s.pixelBytes), s.background);
+  Store(plan.fx + at, ZeroUnless(any, n.fx));
+  Store(plan.fy + at, ZeroUnless(any, n.fy));
+}
+
+// The source pixel (column, row) where inside, else the background.
+RAWFX_SIMD_FN void PlanNearest(const SourceLayout& s, Vd column, Vd row, Md inside, int at, NearestPlan& plan) {
+  const Vp from = PixelAddress(s.pixels, ZeroUnless(inside, column), ZeroUnless(inside, row), s.rowBytes,
+                               s.pixelBytes);
+  StoreAddress(plan.from + at, inside, from, s.background);
+}
+
+// The right-hand neighbours mostly share the left ones' cache lines.
+RAWFX_SIMD_FN void Prefetch(const BilinearPlan& plan) {
+  for (int i = 0; i < plan.count; ++i) {
+    rawfx::simd::PrefetchLine(plan.topLeft[i]);
+    rawfx::simd::PrefetchLine(plan.bottomLeft[i]);
+  }
+}
+
+RAWFX_SIMD_FN void Prefetch(const NearestPlan& plan) {
+  for (int i = 0; i < plan.count; ++i) rawfx::simd::PrefetchLine(plan.from[i]);
+}
+
+// kChannels is the samples per pixel when a fill is compiled for one pixel
+// size, or 0 when it takes `channels` at run time.
+template <class Sample, int kChannels>
+RAWFX_SIMD_FN void CopyPixel(uint8_t* out, const uint8_t* in, int channels) {
+  if constexpr (kChannels > 0)
+    std::memcpy(out, in, kChannels * sizeof(Sample));
+  else
+    rawfx::simd::CopyBytes(out, in, int64_t{channels} * int64_t{sizeof(Sample)});
+}
+
+template <class Sample, int kChannels, bool kListed>
+RAWFX_SIMD_FN void Fill(const NearestPlan& plan, int channels) {
+  for (int i = 0; i < plan.count; ++i)
+    CopyPixel<Sample, kChannels>(plan.template At<kListed>(i), plan.from[i], channels);
+}
+
+// Per channel, with the samples as doubles: upper = (tr - tl) fx + tl,
+// lower = (br - bl) fx + bl, value = (lower - upper) fy + upper, stored
+// truncated. With both weights +0 (all bits clear) that is the top-left pixel
+// exactly, so it is copied; a -0 weight takes the blend, which gives the same.
+template <class Sample, int kChannels, bool kListed>
+RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
+  const int channels = kChannels > 0 ? kChannels : runtimeChannels;
+  for (int i = 0; i < plan.count; ++i) {
+    uint8_t* out = plan.template At<kListed>(i);
+    if ((rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fx + i)) |
+         rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fy + i))) == 0) {
+      CopyPixel<Sample, kChannels>(out, plan.topLeft[i], channels);
+      continue;
+    }
+    const Vd fx = Set(plan.fx[i]);
+    const Vd fy = Set(plan.fy[i]);
+    for (int c = 0; c < channels; c += kLanes) {
+      const int count = std::min(kLanes, channels - c);
+      const int64_t at = c * int64_t{sizeof(Sample)};
+      const Vd tl = LoadSamples<Sample>(plan.topLeft[i] + at, count);
+      const Vd tr = LoadSamples<Sample>(plan.topRight[i] + at, count);
+      const Vd bl = LoadSamples<Sample>(plan.bottomLeft[i] + at, count);
+      const Vd br = LoadSamples<Sample>(plan.bottomRight[i] + at, count);
+      const Vd upper = (tr - tl) * fx + tl;
+      const Vd lower = (br - bl) * fx + bl;
+      const Vd value = (lower - upper) * fy + upper;
+      StoreSamples<Sample>(out + at, value, count);
+    }
+  }
+}
+
+// Runs a row through the engine: planner.Plan(first, plan) plans the entries
+// from `first` on (at most kChunk), sets plan.count and the destinations and
+// returns the next first; the next chunk is planned before the current one is
+// filled.
+template <class Sample, int kChannels, class Plan, class Planner>
+RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels) {
+  if (entries <= 0) return;
+  Plan plans[2];
+  int current = 0;
+  int64_t next = planner.Plan(0, plans[0]);
+  Prefetch(plans[0]);
+  for (;;) {
+    const bool more = next < entries;
+    if (more) {
+      next = planner.Plan(next, plans[current ^ 1]);
+      Prefetch(plans[current ^ 1]);
+    }
+    Fill<Sample, kChannels, Planner::kListedOut>(plans[current], channels);
+    if (!more) break;
+    current ^= 1;
+  }
+}
