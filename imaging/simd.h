@@ -2,8 +2,8 @@
 // check, the target attributes, one lane set per path and the sample moves.
 //
 // A kernel's arithmetic is written once, as a text over a lane set, and that
-// text is compiled once per path: a kernel file includes it twice, first with
-// RAWFX_SIMD_PATH defined as portable, then (on x86-64) as avx2. The text opens
+// text is compiled once per path: a kernel file has imaging/simd_paths.h include
+// it with RAWFX_SIMD_PATH defined as portable, then (on x86-64) as avx2. The text opens
 // `namespace RAWFX_SIMD_PATH`, uses `rawfx::simd::RAWFX_SIMD_PATH` (the lane
 // set) and marks its functions RAWFX_SIMD_FN (inlined helpers) or
 // RAWFX_SIMD_ENTRY (what the dispatch picks), which carry the path's target

@@ -124,14 +124,8 @@ void SelectTail(const uint8_t* src, uint8_t* dst, int64_t n, const uint8_t* patt
 }  // namespace
 
 namespace {
-#define RAWFX_SIMD_PATH portable
-#include "effects/interlace/interlace_path.h"
-#undef RAWFX_SIMD_PATH
-#if RAWFX_SIMD_X86
-#define RAWFX_SIMD_PATH avx2
-#include "effects/interlace/interlace_path.h"
-#undef RAWFX_SIMD_PATH
-#endif
+#define RAWFX_PATH_TEXT "effects/interlace/interlace_path.h"
+#include "imaging/simd_paths.h"
 }  // namespace
 
 namespace {

@@ -336,14 +336,8 @@ void PaintRowsWith(OilPaintParams& p, const Scratch& s, int32_t firstRow, int32_
 }  // namespace
 
 namespace {
-#define RAWFX_SIMD_PATH portable
-#include "effects/oilpaint/oilpaint_path.h"
-#undef RAWFX_SIMD_PATH
-#if RAWFX_SIMD_X86
-#define RAWFX_SIMD_PATH avx2
-#include "effects/oilpaint/oilpaint_path.h"
-#undef RAWFX_SIMD_PATH
-#endif
+#define RAWFX_PATH_TEXT "effects/oilpaint/oilpaint_path.h"
+#include "imaging/simd_paths.h"
 }  // namespace
 
 namespace {

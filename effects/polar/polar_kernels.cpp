@@ -228,14 +228,8 @@ using RowMapper = void (*)(const RowJob&);
 }  // namespace
 
 namespace {
-#define RAWFX_SIMD_PATH portable
-#include "effects/polar/polar_path.h"
-#undef RAWFX_SIMD_PATH
-#if RAWFX_SIMD_X86
-#define RAWFX_SIMD_PATH avx2
-#include "effects/polar/polar_path.h"
-#undef RAWFX_SIMD_PATH
-#endif
+#define RAWFX_PATH_TEXT "effects/polar/polar_path.h"
+#include "imaging/simd_paths.h"
 }  // namespace
 
 namespace {
