@@ -343,6 +343,13 @@ class TiffReader final : public ImageReader {
     file_shape_ = ReadShape(tiff_.get());
     const std::string refused = CheckPixelCount(file_shape_.width, file_shape_.height, options);
     if (!refused.empty()) throw ImageError("cannot read " + name_ + ": " + refused);
+    // libtiff decodes a whole strip or tile of every sample before it renders a
+    // row: a file declaring thousands of samples a pixel costs gigabytes and
+    // seconds within any pixel limit. No layout rawfx reads has more than 8.
+    if (file_shape_.samplesPerPixel > 8) {
+      throw ImageError("cannot read " + name_ + ": unsupported TIFF: " + std::to_string(file_shape_.samplesPerPixel) +
+                       " samples per pixel (at most 8)");
+    }
     resolution = ResolutionOf(tiff_.get());
     direct_ = DirectLayout(file_shape_);
     if (direct_) {
