@@ -1,7 +1,7 @@
 // OilPaintEffectRaw through the embedding host: the block it prepares, its
-// record, defaults and clamped properties, the mask it holds, refused runs, and
-// Apply against the reference kernels for every 8-bit format, brush size,
-// smoothness, mask and row split.
+// clamped properties, the mask it holds, refused runs, and Apply against the
+// reference kernels for every 8-bit format, brush size, smoothness, mask and
+// row split.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -52,8 +52,7 @@ class OilPaintEffect : public EffectTest {
   OilPaintData& Data(REALobject effect) { return *static_cast<OilPaintData*>(host.ClassData(effect, kClass)); }
 };
 
-TEST_F(OilPaintEffect, RecordDefaultsAndClampedProperties) {
-  ExpectRecord(kClass, "IRawBitmapProcessor", 16, 3, 1, 0);
+TEST_F(OilPaintEffect, HeldMaskAndClampedProperties) {
   REALobject effect = Keep(host.New(kClass));  // defaults: docs_classes_test
   REALobject bitmap = NewSource(4, 4, kGrey);
   ExpectHoldsOneLock(effect, "Mask", Keep(host.NewMask(bitmap)), Keep(host.NewMask(bitmap, true)), true);

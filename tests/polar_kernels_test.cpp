@@ -1,17 +1,21 @@
-// The polar coordinate mapping and its part functions, shipped and reference
-// alike, on hand-built blocks: the documented source positions in both
-// directions, the positions rejected, the bilinear blend with the background
-// at the borders, the samples written per pixel and the row bookkeeping.
+// The polar coordinate mapping and its part functions. Hand-built blocks pin
+// the reference (and the shipped kernels) to documented positions, blends and
+// borders; random cases then demand that the fast kernels leave every byte,
+// the progress count and every done flag as the reference does, with and
+// without a column table, on the AVX2 path and the portable one.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
-#include <limits>
+#include <cstring>
 #include <memory>
+#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "effects/polar/polar_kernels.h"
+#include "imaging/cpu_dispatch.h"
+#include "support/differential.h"
 #include "support/kernel_blocks.h"
 #include "support/polar_reference.h"
 
@@ -28,12 +32,12 @@ struct Kernels {
 const Kernels kShipped{"Shipped", CalculateUndistortedCoordinates, PolarCoordinatesPart, PolarCoordinatesPart16};
 const Kernels kReference{"Reference", rawfx::reference::CalculateUndistortedCoordinates,
                          rawfx::reference::PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart16};
+void PrintTo(const Kernels& kernels, std::ostream* out) { *out << kernels.name; }
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kOutside = kNaN;
 constexpr double kSqrt2 = 1.4142135623730951;
 constexpr double kSqrt3 = 1.7320508075688772;
+constexpr double kTwoPi = 6.283185307179586;
 
 // The effect's options, or others where a case changes them.
 struct Geometry {
@@ -97,16 +101,12 @@ TEST_P(PolarKernels, PositionsOffTheSourceAreOutside) {
     for (auto [x, y] : {std::pair{i, 0}, std::pair{i, 4}, std::pair{0, i}, std::pair{4, i}})
       ExpectMaps({5, 5, true, true}, x, y, kOutside, kOutside);
   for (bool toPolar : {true, false})
-    for (bool flip : {true, false}) {
-      for (auto [w, h] : {std::pair{1, 6}, std::pair{6, 1}, std::pair{1, 1}})
-        for (int y = 0; y < h; ++y)
-          for (int x = 0; x < w; ++x) ExpectMaps({w, h, toPolar, flip}, x, y, kOutside, kOutside);
+    for (bool flip : {true, false})
       for (double bad : {kNaN, kInf, -kInf, 1e300, -1e300, 3e9, -3e9}) {
         ExpectMaps({8, 8, toPolar, flip}, 3, bad, kOutside, kOutside);
         // Unrolling, a column is an angle: a huge finite one wraps into the turn.
         if (toPolar || !std::isfinite(bad)) ExpectMaps({8, 8, toPolar, flip}, bad, 3, kOutside, kOutside);
       }
-    }
 }
 
 // A source with two guard rows below it and padding, both holding 0, that
@@ -160,13 +160,13 @@ TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
 // A constant source under a background of the same value stays that value
 // everywhere, unless a neighbour is read from the guards or the padding;
 // bitmaps one pixel wide or high are the background throughout.
-TEST_P(PolarKernels, NoSampleIsReadOutsideTheSource) {
+TEST_P(PolarKernels, ConstantSourceStaysConstantAndNothingOutsideIsRead) {
   for (bool toPolar : {true, false})
     for (bool flip : {true, false})
       for (int sb : {1, 2}) {
         const int value = sb == 1 ? 77 : 40077, channels = 2 + sb;
-        for (auto [w, h] : {std::pair{12, 7}, std::pair{7, 5}, std::pair{2, 9}, std::pair{9, 2}, std::pair{16, 16},
-                            std::pair{1, 5}, std::pair{5, 1}}) {
+        for (auto [w, h] : {std::pair{12, 7}, std::pair{7, 5}, std::pair{2, 9}, std::pair{9, 2}, std::pair{16, 16}, std::pair{1, 5},
+                            std::pair{5, 1}}) {
           SCOPED_TRACE(Describe(w, "x", h, toPolar ? " to polar " : " unrolled ", flip ? "flipped " : "", 8 * sb));
           const bool thin = w == 1 || h == 1;
           Frame f(sb == 1 ? GetParam().part8 : GetParam().part16, {w, h, toPolar, flip}, channels, sb);
@@ -203,21 +203,187 @@ TEST_P(PolarKernels, SixteenBitPixelsWriteTheirChannelsOnly) {
   EXPECT_EQ(f.params.settings.centerX, -99.0);
 }
 
-TEST_P(PolarKernels, RowsProgressCancelAndDone) {
-  for (int sb : {1, 2})
-    for (bool toPolar : {true, false}) {
-      SCOPED_TRACE(Describe(8 * sb, "-bit", toPolar ? " to polar" : " unrolled"));
-      ExpectRowBookkeeping(
-          [&]() -> std::unique_ptr<PartFrame> {
-            auto f = std::make_unique<Frame>(sb == 1 ? GetParam().part8 : GetParam().part16,
-                                             Geometry{6, 6, toPolar, true}, 1, sb);
-            f->SetBackground({1});
-            return f;
-          },
-          1);
-    }
+INSTANTIATE_TEST_SUITE_P(Kernels, PolarKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
+
+// ---- the fast kernels against the reference ----------------------------------------
+
+bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// The effect's own settings and hand-built ones: bottom at the centre, other
+// roundness, angle offsets, NaN and infinities. The parts fill the geometry in
+// their own copies; what the block holds is never read.
+PolarizeSettings RandomSettings(Rng& rng) {
+  const uint8_t flags[] = {0, 1, 1, 1, 2, 255};
+  const bool effectDefaults = Chance(rng, 0.4);
+  PolarizeSettings s{};
+  s.roundness = effectDefaults || Chance(rng, 0.6)
+                    ? 100.0
+                    : RandomDouble(rng, 0.5, -100.0, 300.0, {50.0, 99.5, 100.5, -50.0, 250.0});
+  s.flipMapping = PickFrom(rng, flags);
+  s.centerAtTop = effectDefaults || Chance(rng, 0.6) ? 1 : PickFrom(rng, flags);
+  s.rectangularToPolar = PickFrom(rng, flags);
+  const std::initializer_list<double> turns = {kTwoPi / 4, -kTwoPi / 2, kTwoPi, -kTwoPi, 2 * kTwoPi, 7e15};
+  s.angleOffset = effectDefaults || Chance(rng, 0.5) ? 0.0 : RandomDouble(rng, 0.4, -20.0, 20.0, turns);
+  s.width = static_cast<int32_t>(Uniform(rng, -5, 99));
+  s.height = static_cast<int32_t>(Uniform(rng, -5, 99));
+  s.centerX = UniformReal(rng, -9.0, 9.0);
+  s.centerY = kNaN;
+  return s;
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, PolarKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
+using PolarCase = KernelCase<PolarCoordinatesParams>;
+
+// A column table and a fresh ray table for every run in the case's own
+// storage, made for width x height and s (none for sizes that take none).
+void AttachTables(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
+  const size_t bytes = PolarColumnTableBytes(width, height);
+  c.storage.assign(bytes / sizeof(double) + 1, 0.0);
+  c.params.columnTable = bytes ? MakePolarColumnTable(c.storage.data(), s, width, height) : nullptr;
+  const size_t rayBytes = PolarRayTableBytes(width, height);
+  auto rays = std::make_shared<std::vector<double>>(rayBytes / sizeof(double) + 1);
+  c.startRun = [=](PolarCoordinatesParams& block) {
+    block.rayTable = rayBytes ? MakePolarRayTable(rays->data(), s, width, height) : nullptr;
+  };
+}
+
+// The source has guard bytes before and after: hand-built settings can put an
+// accepted position in (-1.5, -1], whose nearest pixel is read one column or
+// one row before the bitmap by the reference as well.
+PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
+  PolarCase c;
+  c.l = l;
+  const size_t rows = static_cast<size_t>(std::max(l.height, 0));
+  c.srcAt = l.srcRowBytes + l.srcPixelBytes + 16;
+  c.source = RandomSamples(rng, c.srcAt + l.srcRowBytes * rows + 16);
+  c.destination = RandomBytes(rng, l.dstRowBytes * rows + 16);
+  Scramble(rng, c.params);  // the background samples among them
+  c.params.settings = settings;
+  c.params.columnTable = nullptr;
+  c.params.rayTable = nullptr;
+  const bool eightBit = l.sampleBytes == 1;
+  c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
+  c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
+  c.parts = RandomParts(rng, l.height);
+  std::ostringstream text;
+  text.precision(17);
+  text << "toPolar " << int{settings.rectangularToPolar} << " flip " << int{settings.flipMapping} << " centerAtTop "
+       << int{settings.centerAtTop} << " roundness " << settings.roundness << " angleOffset " << settings.angleOffset;
+  c.settings = text.str();
+  return c;
+}
+
+// Every 200th case is a bigger bitmap with the effect's own settings and
+// matching tables: many angles and long rows through the vector loops. The
+// others have no tables, matching ones or ones made for another size or other
+// options, which the fast kernels must ignore (the reference never reads one).
+PolarCase RandomCase(Rng& rng, int index) {
+  if (index % 200 == 7) {
+    const std::pair<int32_t, int32_t> sizes[] = {{301, 203}, {256, 256}, {97, 515}, {640, 3}};
+    const auto [width, height] = PickFrom(rng, sizes);
+    const int32_t sampleBytes = Chance(rng, 0.5) ? 1 : 2;
+    const uint8_t flip = Chance(rng, 0.5), toPolar = Chance(rng, 0.5);
+    const PolarizeSettings settings{100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
+    PolarCase c = NewCase(rng, PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3), settings);
+    AttachTables(c, settings, width, height);
+    return c;
+  }
+  Layout l = RandomLayout(rng, 300, false);
+  PolarizeSettings settings = RandomSettings(rng);
+  if (index % 4 == 3) {  // one pixel wide or high, with settings that map just outside the first column or row
+    (Chance(rng, 0.5) ? l.width : l.height) = 1;
+    l.srcRowBytes = std::max(l.srcRowBytes, l.srcPixelBytes);
+    l.dstRowBytes = std::max(l.dstRowBytes, l.dstPixelBytes);
+    settings.rectangularToPolar = Chance(rng, 0.5);
+    settings.roundness = UniformReal(rng, -100.0, 100.0);
+    settings.angleOffset = UniformReal(rng, -20.0, 20.0);
+  }
+  PolarCase c = NewCase(rng, l, settings);
+  PolarizeSettings other = c.params.settings;
+  const double angle = other.angleOffset;
+  const int64_t table = Chance(rng, 0.25) ? Uniform(rng, 0, 4) : Chance(rng, 2.0 / 3) ? 5 : 6;  // stale, matching, none
+  if (table == 2) other.flipMapping = other.flipMapping ? 0 : 1;
+  if (table == 2) other.centerAtTop = other.centerAtTop ? 0 : 1;
+  if (table == 3) other.roundness = other.roundness == 0.0 ? 1.0 : 0.0;
+  if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
+  if (table < 6) AttachTables(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
+  c.settings += "; table " + std::to_string(table);
+  return c;
+}
+
+TEST(PolarDifferential, RandomCasesMatchTheReference) { CheckRandomCases(0x5EED0001, 6000, RandomCase); }
+
+// The public mapping gives the reference's answer bit for bit, also for
+// positions the parts never ask about (fractions, NaN, infinities), and never
+// writes the settings.
+TEST(PolarDifferential, MappingMatchesTheReference) {
+  Rng rng(0x5EED0003);
+  for (int i = 0, count = RandomCases(20000); i < count; ++i) {
+    PolarizeSettings s = RandomSettings(rng);
+    s.width = RandomSide(rng, 64);
+    s.height = RandomSide(rng, 64);
+    s.centerX = Chance(rng, 0.05) ? UniformReal(rng, -3.0, 70.0) : (s.width - 1) * 0.5;
+    s.centerY = (s.height - 1) * 0.5;
+    double x = static_cast<double>(Uniform(rng, -2, s.width + 1));
+    double y = static_cast<double>(Uniform(rng, -2, s.height + 1));
+    if (Chance(rng, 0.2)) x += UniformReal(rng, -1.0, 1.0);
+    if (Chance(rng, 0.05)) x = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
+    if (Chance(rng, 0.05)) y = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
+    PolarizeSettings forReference = s, forFast = s;
+    double expectedX = 123.0, expectedY = 456.0, actualX = 123.0, actualY = 456.0;
+    const bool expectedInside =
+        rawfx::reference::CalculateUndistortedCoordinates(x, y, &expectedX, &expectedY, &forReference);
+    ASSERT_EQ(CalculateUndistortedCoordinates(x, y, &actualX, &actualY, &forFast), expectedInside) << "case " << i;
+    ASSERT_TRUE(SameBits(actualX, expectedX) && SameBits(actualY, expectedY))
+        << "case " << i << ": " << actualX << ", " << actualY << " vs " << expectedX << ", " << expectedY;
+    ASSERT_EQ(std::memcmp(&forFast, &s, sizeof s), 0) << "the settings were written";
+  }
+}
+
+// A table whose header matches the run is read (columns altered to sample the
+// centre change the result); one made for another size or other options is not.
+TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
+  Rng rng(0x5EED0004);
+  PolarCase c = NewCase(rng, PackedLayout(24, 16, 1, 3), PolarizeSettings{100.0, 1, 1, 0, 0.0, 0, 0, 0.0, 0.0});
+  c.parts.ranges = {{0, 16}};
+  AttachTables(c, c.params.settings, 24, 16);
+  const Outcome expected = c.Run(false);
+  auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
+  std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
+  const PolarColumnTable matching = *table;
+  const std::function<void(PolarColumnTable&)> variants[] = {
+      [](auto&) {}, [](auto& t) { ++t.width; }, [](auto& t) { ++t.height; }, [](auto& t) { t.flipMapping = 0; },
+      [](auto& t) { t.roundness = 99.0; }, [](auto& t) { t.angleOffset = -0.0; }};  // compared bit for bit
+  for (size_t variant = 0; variant < std::size(variants); ++variant) {
+    *table = matching;
+    variants[variant](*table);
+    for (bool scalar : {false, true}) {
+      rawfx::cpu::ForceScalar(scalar);
+      EXPECT_EQ(c.Run(true).memory == expected.memory, variant != 0) << "variant " << variant << ", scalar " << scalar;
+    }
+    rawfx::cpu::ForceScalar(false);
+  }
+}
+
+// Rows too far apart for 32-bit source offsets: no source pixel is read and
+// every pixel is the background, in both kernels and both directions.
+TEST(PolarDifferential, UnaddressableSourceGivesTheBackgroundAlike) {
+  Rng rng(0x5EED0007);
+  for (uint8_t toPolar : {0, 1}) {
+    PolarCase c = NewCase(rng, PackedLayout(9, 7, 2, 3), PolarizeSettings{100.0, 1, 1, toPolar, 0.0, 0, 0, 0.0, 0.0});
+    c.l.srcRowBytes = 1 << 29;  // the source itself is never read
+    c.parts.ranges = {{0, 7}};
+    EXPECT_TRUE(MatchesReference(c));
+    EXPECT_EQ(reinterpret_cast<const uint16_t*>(c.Run(false).memory.data())[2], c.params.backColor16[2]);
+  }
+}
+
+TEST(PolarDifferential, ColumnTablesExistOnlyForUsableSizes) {
+  const int64_t tooBig = int64_t{1} << 31, widest = int64_t{1} << 20;
+  for (auto [width, height] : {std::pair{int64_t{0}, int64_t{5}}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5},
+                               {5, tooBig}})
+    EXPECT_EQ(PolarColumnTableBytes(width, height), 0u) << width << " x " << height;
+  EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 3 * 8 * sizeof(double));
+  EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + 3 * widest * sizeof(double));
+}
 
 }  // namespace

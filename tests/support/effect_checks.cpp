@@ -240,20 +240,4 @@ void EffectTest::ExpectHoldsOneLock(REALobject effect, const char* property, REA
   EXPECT_EQ(host.RefCount(second), secondRefs + 1);
 }
 
-const REALclassDefinition* EffectTest::ExpectRecord(const char* className, const char* interfaces, int64_t dataSize,
-                                                    int64_t properties, int64_t methods, int64_t enums) {
-  for (const REALclassDefinition* record : host.registeredRecords()) {
-    if (std::string(record->name) != className) continue;
-    EXPECT_STREQ(record->superName, "MPImageFilterRaw");
-    EXPECT_STREQ(record->interfaces, interfaces);
-    EXPECT_EQ(record->dataSize, dataSize);
-    EXPECT_EQ(record->propertyCount, properties);
-    EXPECT_EQ(record->methodCount, methods);
-    EXPECT_EQ(record->enumCount, enums);
-    return record;
-  }
-  ADD_FAILURE() << className << " is not registered";
-  return nullptr;
-}
-
 }  // namespace rawfx::test

@@ -2,7 +2,7 @@
 // objects a test makes and sees every run the engine accepts, and the checks
 // that every effect needs: runs compared byte for byte with the reference
 // kernels over the engine's own parts under every split policy, refused runs,
-// properties that hold an object, class records, and background colours in a
+// properties that hold an object, and background colours in a
 // bitmap's channel order.
 #pragma once
 
@@ -84,9 +84,6 @@ class EffectTest : public HostTest {
   // or removes the object (masks), and a replaced object is released.
   void ExpectHoldsOneLock(REALobject effect, const char* property, REALobject first, REALobject second,
                           bool nilRemoves);
-  // The class's registered record, or nil after a failure.
-  const REALclassDefinition* ExpectRecord(const char* className, const char* interfaces, int64_t dataSize,
-                                          int64_t properties, int64_t methods, int64_t enums);
 
  private:
   static void RecordCompletion(REALobject target, REALobject result);

@@ -99,49 +99,4 @@ MPParamBlock PartFrame::Run(int firstRow, int endRow) {
   return block;
 }
 
-void ExpectRowBookkeeping(const std::function<std::unique_ptr<PartFrame>()>& makeFrame, uint8_t doneAfterRun) {
-  constexpr int kKeepWidth = 1000;
-  struct Case {
-    const char* what;
-    int firstRow, endRow, width, cancelBefore, cancelInRow;  // cancelInRow -1: none
-    std::vector<int> rowsProcessed, rowsWritten;
-  };
-  const Case cases[] = {
-      {"empty range", 3, 3, kKeepWidth, 0, -1, {}, {}},
-      {"reversed range", 4, 2, kKeepWidth, 0, -1, {}, {}},
-      {"rows 2 to 4", 2, 5, kKeepWidth, 0, -1, {2, 3, 4}, {2, 3, 4}},
-      {"width 0", 1, 5, 0, 0, -1, {1, 2, 3, 4}, {}},
-      {"negative width", 1, 5, -3, 0, -1, {1, 2, 3, 4}, {}},
-      {"cancel before the part", 1, 6, kKeepWidth, 1, -1, {1}, {1}},
-      {"cancel during row 3", 0, 6, kKeepWidth, 0, 3, {0, 1, 2, 3}, {0, 1, 2, 3}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::unique_ptr<PartFrame> f = makeFrame();
-    const bool masked = f->head->maskData != nullptr;
-    if (c.cancelInRow >= 0 && !masked) continue;  // only a mask query can cancel from inside a run
-    if (c.width != kKeepWidth) f->head->width = c.width;
-    f->head->cancel = static_cast<uint8_t>(c.cancelBefore);
-    f->head->progress = 10;
-    f->mask.onRow = [&f, &c](int64_t row) {
-      if (row == c.cancelInRow) f->head->cancel = 1;
-    };
-    const std::vector<uint8_t> before = f->dst.bytes;
-    EXPECT_EQ(f->Run(c.firstRow, c.endRow).done, doneAfterRun);
-    EXPECT_EQ(f->head->progress, 10 + static_cast<int>(c.rowsProcessed.size()));
-    std::vector<int> written;
-    for (int y = 0; y < f->dst.height; ++y) {
-      const auto row = static_cast<std::ptrdiff_t>(y) * f->dst.rowBytes;
-      if (!std::equal(before.begin() + row, before.begin() + row + f->dst.rowBytes, f->dst.bytes.begin() + row))
-        written.push_back(y);
-    }
-    EXPECT_EQ(written, c.rowsWritten);
-    if (!masked) continue;
-    EXPECT_EQ(f->mask.rows, std::vector<int64_t>(c.rowsProcessed.begin(), c.rowsProcessed.end()));
-    if (c.rowsWritten.empty()) {
-      EXPECT_TRUE(f->mask.values.empty());
-    }
-  }
-}
-
 }  // namespace rawfx::test

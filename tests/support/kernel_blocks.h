@@ -1,13 +1,12 @@
 // What the kernels tests share: pixel memory laid out as a RawBitmap's, a
 // parameter block's head and records pointing at it, a mask that records its
-// queries, and the row bookkeeping that every part function owes the engine.
+// queries.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -77,14 +76,6 @@ struct PartFrame {
   void* params = nullptr;
   PartFunction part = nullptr;
 };
-
-// Checks a part function on fresh frames of at least 6 rows, whose runs
-// change every destination row they process: an empty or reversed range and a
-// width of 0 or less write nothing; every row processed adds 1 to progress; a
-// part writes only its own rows; a cancel set before the part ends it after its
-// first row, one set during a masked part's row (from the row query) after that
-// row; done ends as doneAfterRun.
-void ExpectRowBookkeeping(const std::function<std::unique_ptr<PartFrame>()>& makeFrame, uint8_t doneAfterRun);
 
 // The pieces streamed into one string, for SCOPED_TRACE.
 template <class... Pieces>
