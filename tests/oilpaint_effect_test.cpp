@@ -1,10 +1,8 @@
-// OilPaintEffectRaw through the embedding host: the block it prepares, its
-// clamped properties, the mask it holds, refused runs, and Apply against the
-// reference kernels for every 8-bit format, brush size, smoothness, mask and
-// row split.
+// OilPaintEffectRaw through the embedding host: its clamped properties, the
+// mask it holds, refused runs, and Apply against the reference kernels for
+// every 8-bit format, brush size, smoothness, mask and row split.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <limits>
 #include <string>
 #include <vector>
@@ -20,32 +18,6 @@ using rawfx::host::EngineCall;
 
 constexpr const char* kClass = "OilPaintEffectRaw";
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-// maxLevel is smoothness x 255 truncated in single precision (0.5 gives 127,
-// not 128); one-channel formats read their grey at redOffset three times.
-TEST(OilPaintPrepareParams, MaxLevelAndColourOffsets) {
-  RawBitmap record{};
-  record.redOffset = 1;
-  record.greenOffset = 2;
-  record.blueOffset = 3;
-  record.format = kRGB;
-  for (auto [smoothness, maxLevel] : {std::pair{0.04f, 10}, {0.4f, 102}, {1.0f, 255}, {0.5f, 127}}) {
-    OilPaintParams params{};
-    rawfx::oilpaint::PrepareParams({nullptr, smoothness, 4}, record, params);
-    EXPECT_EQ(params.maxLevel, maxLevel) << smoothness;
-    EXPECT_EQ(params.smoothness, smoothness);
-    EXPECT_EQ(params.brushSize, 4);
-  }
-  for (int64_t format : {-1, 0, 1, 2, 3, 5, 13, 16, 21, 22, 23, 24}) {
-    record.format = format;
-    OilPaintParams params{};
-    rawfx::oilpaint::PrepareParams({nullptr, 0.4f, 2}, record, params);
-    const bool oneChannel = format < 3 || format == 22 || format == 23;
-    EXPECT_EQ((std::array{params.redOffset, params.greenOffset, params.blueOffset}),
-              (oneChannel ? std::array{1, 1, 1} : std::array{1, 2, 3}))
-        << "format " << format;
-  }
-}
 
 class OilPaintEffect : public EffectTest {
  protected:

@@ -42,7 +42,6 @@ MaskRowHandle Row(RawBitmapMaskData* data, int64_t row) {
   RecordingMask& m = OwnerOf(data);
   m.bits |= Bits;
   m.rows.push_back(row);
-  m.onRow(row);
   return Encode(row);
 }
 template <int Bits>

@@ -40,7 +40,6 @@ class RecordingMask {
   RawBitmapMaskData* data() { return &holder_.data; }
 
   std::function<uint32_t(int64_t row, int32_t x)> value = [](int64_t, int32_t) { return 0u; };
-  std::function<void(int64_t row)> onRow = [](int64_t) {};
   std::vector<int64_t> rows;
   std::vector<Query> values;
   int bits = 0;
