@@ -211,17 +211,6 @@ TEST_P(OilPaintKernels, MaskMixesEveryValueWithoutShortcuts) {
   EXPECT_EQ(f.Out(2, 0), Grey(254));  // 255 x 255 >> 8: nearly the oil colour
 }
 
-TEST_P(OilPaintKernels, MaskIsAskedOncePerRowThenOncePerColumn) {
-  Frame f(GetParam().masked, true, 4, 5, kRGB);
-  f.Run(1, 4);
-  EXPECT_EQ(f.mask.rows, (std::vector<int64_t>{1, 2, 3}));
-  std::vector<RecordingMask::Query> expected;
-  for (int y = 1; y < 4; ++y)
-    for (int x = 0; x < 4; ++x) expected.emplace_back(y, x);
-  EXPECT_EQ(f.mask.values, expected);
-  EXPECT_EQ(f.mask.bits, 8);
-}
-
 // A part whose scratch cannot be had, at any of its four blocks, still paints
 // every row exactly as with scratch (the widest brush and all 256 bins), and
 // gives back the blocks it got.

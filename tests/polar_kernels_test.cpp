@@ -1,6 +1,6 @@
 // The polar coordinate mapping and its part functions. Hand-built blocks pin
-// the reference (and the shipped kernels) to documented positions, blends and
-// borders; random cases then demand that the fast kernels leave every byte,
+// the reference (and the shipped kernels) to documented positions, positions
+// off the source, blends and borders; random cases then demand that the fast kernels leave every byte,
 // the progress count and every done flag as the reference does, with and
 // without a column table, on the AVX2 path and the portable one.
 #include <gtest/gtest.h>
@@ -91,22 +91,15 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{4, 4, false, true, 100.0, 1, 1.5707963267948966}, {{0, 2, 3, 2}}},
       {{8, 8, false, true, -1e300}, {{1, 5, kOutside, kOutside}}},  // a row beyond 32 bits
       {{8, 8, true, true, 100.0, 1, kNaN}, {{3, 3, kOutside, kOutside}}},
+      // Positions off the source: the border, one-pixel sides, non-finite and huge coordinates.
+      {{5, 5, true, true}, {{0, 0, kOutside, kOutside}, {4, 2, kOutside, kOutside}, {2, 4, kOutside, kOutside}}},
+      {{1, 6, true, false}, {{0, 2, kOutside, kOutside}}},
+      {{6, 1, false, true}, {{2, 0, kOutside, kOutside}}},
+      {{8, 8, false, true}, {{3, kNaN, kOutside, kOutside}, {kInf, 3, kOutside, kOutside}, {3, -3e9, kOutside, kOutside}}},
+      {{8, 8, true, false}, {{3, kInf, kOutside, kOutside}, {1e300, 3, kOutside, kOutside}, {kNaN, 3, kOutside, kOutside}}},
   };
   for (const auto& c : cases)
     for (const Point& p : c.points) ExpectMaps(c.g, p.x, p.y, p.sx, p.sy);
-}
-
-TEST_P(PolarKernels, PositionsOffTheSourceAreOutside) {
-  for (int i = 0; i < 5; ++i)
-    for (auto [x, y] : {std::pair{i, 0}, std::pair{i, 4}, std::pair{0, i}, std::pair{4, i}})
-      ExpectMaps({5, 5, true, true}, x, y, kOutside, kOutside);
-  for (bool toPolar : {true, false})
-    for (bool flip : {true, false})
-      for (double bad : {kNaN, kInf, -kInf, 1e300, -1e300, 3e9, -3e9}) {
-        ExpectMaps({8, 8, toPolar, flip}, 3, bad, kOutside, kOutside);
-        // Unrolling, a column is an angle: a huge finite one wraps into the turn.
-        if (toPolar || !std::isfinite(bad)) ExpectMaps({8, 8, toPolar, flip}, bad, 3, kOutside, kOutside);
-      }
 }
 
 // A source with two guard rows below it and padding, both holding 0, that
@@ -182,25 +175,6 @@ TEST_P(PolarKernels, ConstantSourceStaysConstantAndNothingOutsideIsRead) {
                 ASSERT_EQ(f.dst.Sample(x, y, i), static_cast<uint32_t>(thin ? value + 1 + i : value)) << x << "," << y;
         }
       }
-}
-
-// Four 16-bit channels in destination pixels of five: exactly four samples
-// are written, the background's first four on a pixel outside.
-TEST_P(PolarKernels, SixteenBitPixelsWriteTheirChannelsOnly) {
-  Frame f(GetParam().part16, {5, 5, true, true}, 4, 2, 5);
-  f.SetBackground({1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000});
-  for (int y = 0; y < 5; ++y)
-    for (int x = 0; x < 5; ++x)
-      for (int i = 0; i < 4; ++i) f.src.SetSample(x, y, i, static_cast<uint32_t>(10000 * (i + 1) + 100 * y + x));
-  f.RunAll();
-  for (int y = 0; y < 5; ++y)
-    for (int x = 0; x < 5; ++x) EXPECT_EQ(f.dst.Sample(x, y, 4), 0xA5A5u) << x << "," << y;
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(f.dst.Sample(0, 0, i), 1000u * (i + 1));
-    EXPECT_EQ(f.dst.Sample(2, 1, i), 10000u * (i + 1) + 250);  // halfway between rows 2 and 3 of column 0
-  }
-  EXPECT_EQ(f.params.settings.width, -99);  // each part completes its own copy of the geometry
-  EXPECT_EQ(f.params.settings.centerX, -99.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, PolarKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
