@@ -78,7 +78,7 @@ performance: bench bench-peers
 # per random loop under the sanitizers (they read it from RAWFX_DIFF_CASES).
 SANITIZE_DIFF_CASES ?= 500
 TSAN_TESTS = $(sort $(basename $(notdir $(wildcard \
-  $(foreach t,host_engine interlace_* polar_* barrel_* oilpaint_* fault_*,tests/$(t)_test.cpp)))))
+  $(foreach t,host_engine effects interlace_* polar_* barrel_* oilpaint_* fault_*,tests/$(t)_test.cpp)))))
 
 sanitize: sanitize-asan sanitize-tsan
 

@@ -1,0 +1,618 @@
+// The four effect classes through the embedding host: the objects they hold,
+// their properties, refused runs (the order of the checks, the codes stored,
+// the blocks freed), the no-op case, and every form of Apply against the
+// reference kernels for settings, depths, colour families, masks and every
+// row split, with the blocks and tables the runs take and give back.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "effects/barrel/barrel_class.h"
+#include "effects/interlace/interlace_kernels.h"
+#include "effects/oilpaint/oilpaint_class.h"
+#include "effects/polar/polar_kernels.h"
+#include "support/barrel_reference.h"
+#include "support/effect_checks.h"
+#include "support/interlace_reference.h"
+#include "support/oilpaint_kernel_reference.h"
+#include "support/polar_reference.h"
+
+// ---- allocations of one watched size ----------------------------------------------
+// The module takes an asynchronous block (followed by its column table when
+// unrolling) and a synchronous run's column table with the global operator new.
+// These replacements count the allocations of one watched size and keep those
+// still live, so that a test can tell that what a run took was given back; on
+// request the nothrow form refuses that size, as an exhausted heap would.
+namespace {
+
+std::mutex gWatchMutex;
+size_t gWatchedSize = 0;
+bool gWatchedFails = false;
+int gWatchedMade = 0;
+std::array<void*, 64> gWatchedLive{};
+
+void* Allocate(size_t size, bool nothrow = false) noexcept {
+  std::lock_guard lock(gWatchMutex);
+  if (nothrow && gWatchedFails && size == gWatchedSize) return nullptr;
+  void* p = std::malloc(size ? size : 1);
+  if (p && size == gWatchedSize) {
+    ++gWatchedMade;
+    for (void*& slot : gWatchedLive)
+      if (!slot) {
+        slot = p;
+        break;
+      }
+  }
+  return p;
+}
+
+void Release(void* p) noexcept {
+  {
+    std::lock_guard lock(gWatchMutex);
+    for (void*& slot : gWatchedLive)
+      if (p && slot == p) slot = nullptr;
+  }
+  std::free(p);
+}
+
+void Watch(size_t size, bool fails = false) {
+  std::lock_guard lock(gWatchMutex);
+  gWatchedSize = size;
+  gWatchedFails = fails;
+  gWatchedMade = 0;
+  gWatchedLive.fill(nullptr);
+}
+
+// Allocations of the watched size since Watch, and how many are still live.
+std::pair<int, int> Watched() {
+  std::lock_guard lock(gWatchMutex);
+  int live = 0;
+  for (void* slot : gWatchedLive) live += slot != nullptr;
+  return {gWatchedMade, live};
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+  if (void* p = Allocate(size)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](size_t size) { return operator new(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
+void operator delete(void* p) noexcept { Release(p); }
+void operator delete[](void* p) noexcept { Release(p); }
+void operator delete(void* p, size_t) noexcept { Release(p); }
+void operator delete[](void* p, size_t) noexcept { Release(p); }
+
+namespace {
+
+using namespace rawfx::test;
+using namespace BarrelKeystone;
+using rawfx::host::EngineCall;
+
+constexpr const char* kInterlace = "InterlaceEffectRaw";
+constexpr const char* kPolar = "PolarCoordinatesEffectRaw";
+constexpr const char* kBarrel = "BarrelDistortEffectRaw";
+constexpr const char* kOilPaint = "OilPaintEffectRaw";
+constexpr const char* kApply4 =
+    "Apply(source as RawBitmap,rectangularToPolar as Boolean,flipMapping as Boolean,"
+    "backColor as ZandoriaColors.GenericColor) as RawBitmap";
+constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+class Effects : public EffectTest {
+ protected:
+  REALobject Apply(REALobject effect, REALobject source) { return host.Call<REALobject>(effect, kApply, source); }
+  REALobject ApplyInPlace(REALobject effect, REALobject source) {
+    host.Call<void>(effect, kApplyInPlace, source);
+    return source;
+  }
+  REALobject Apply4(REALobject effect, REALobject source, bool toPolar, bool flip, REALobject colour) {
+    return host.Call<REALobject>(effect, kApply4, source, static_cast<signed char>(toPolar),
+                                 static_cast<signed char>(flip), colour);
+  }
+  REALobject NewInterlace(int64_t horizontal, int64_t vertical) {
+    REALobject effect = Keep(host.New(kInterlace));
+    SetTypes(effect, horizontal, vertical);
+    return effect;
+  }
+  void SetTypes(REALobject effect, int64_t horizontal, int64_t vertical) {
+    host.Set<int64_t>(effect, "HorizontalInterlaceType", horizontal);
+    host.Set<int64_t>(effect, "VerticalInterlaceType", vertical);
+  }
+  template <class Data>
+  Data& DataOf(REALobject effect, const char* className) {
+    return *static_cast<Data*>(host.ClassData(effect, className));
+  }
+  // The background samples of polar's and barrel's blocks: colour in the source's channel order.
+  template <class Params>
+  void SetBackground(Params& params, REALobject colour, int64_t format, int bits, bool includeAlpha) {
+    const std::vector<int32_t> background = BackgroundValues(host, colour, format, bits, includeAlpha);
+    for (int i = 0; i < kMaxChannels; ++i) {
+      params.backColor8[i] = static_cast<uint8_t>(background[i]);
+      params.backColor16[i] = static_cast<uint16_t>(background[i]);
+    }
+  }
+};
+using InterlaceEffect = Effects;
+using PolarEffect = Effects;
+using BarrelEffect = Effects;
+using OilPaintEffect = Effects;
+
+// The objects a class holds: one lock each, whichever way they are set; a
+// default colour is the effect's own, handed out with a reference of the getter's.
+TEST_F(Effects, HeldObjectsTakeOneLockEach) {
+  REALobject bitmap = NewSource(2, 2, kRGB);
+  for (const char* className : {kInterlace, kPolar, kBarrel, kOilPaint}) {
+    SCOPED_TRACE(className);
+    REALobject effect = Keep(host.New(className));
+    if (className != kOilPaint) {
+      REALobject colour = Keep(host.Get<REALobject>(effect, "BackColor"));
+      EXPECT_EQ(host.RefCount(colour), 2) << "the effect's reference and the getter's";
+      ExpectHoldsOneLock(effect, "BackColor", Keep(host.NewRGBColor(1, 2, 3)), Keep(host.NewCMYKColor(1, 2, 3, 4)),
+                         false);
+    }
+    if (className == kInterlace || className == kOilPaint)
+      ExpectHoldsOneLock(effect, "Mask", Keep(host.NewMask(bitmap)), Keep(host.NewMask(bitmap, true)), true);
+  }
+}
+
+// Interlace types and barrel settings are stored as given, extremes included
+// (Apply refuses what it cannot run); oil paint clamps its brush and smoothness.
+// The defaults are those of docs/classes.md, which docs_classes_test checks.
+TEST_F(Effects, PropertiesReadBackAsStoredOrClamped) {
+  REALobject interlace = Keep(host.New(kInterlace));
+  SetTypes(interlace, 7, -5);
+  EXPECT_EQ(host.Get<int64_t>(interlace, "HorizontalInterlaceType"), 7);
+  EXPECT_EQ(host.Get<int64_t>(interlace, "VerticalInterlaceType"), -5);
+
+  REALobject barrel = Keep(host.New(kBarrel));
+  EXPECT_TRUE(host.IsA(Keep(host.Get<REALobject>(barrel, "BackColor")), "ZandoriaColors.RGBColor"));
+  host.Set<double>(barrel, "Distortion", -kInf);
+  host.Set<double>(barrel, "HorizontalKeystone", kNaN);
+  host.Set<double>(barrel, "VerticalKeystone", 1e300);
+  EXPECT_EQ(host.Get<double>(barrel, "Distortion"), -kInf);
+  EXPECT_TRUE(std::isnan(host.Get<double>(barrel, "HorizontalKeystone")));
+  EXPECT_EQ(host.Get<double>(barrel, "VerticalKeystone"), 1e300);
+  host.Set<bool>(barrel, "Interpolate", false);
+  EXPECT_FALSE(host.Get<bool>(barrel, "Interpolate"));
+
+  REALobject oil = Keep(host.New(kOilPaint));
+  for (auto [set, read] : {std::pair<uint8_t, uint8_t>{0, 1}, {1, 1}, {3, 3}, {5, 5}, {6, 5}, {255, 5}}) {
+    host.Set<uint8_t>(oil, "BrushSize", set);
+    EXPECT_EQ(host.Get<uint8_t>(oil, "BrushSize"), read) << int{set};
+  }
+  for (auto [set, read] : {std::pair{0.0f, 0.04f}, {0.039f, 0.04f}, {-3.0f, 0.04f}, {0.04f, 0.04f}, {0.041f, 0.041f},
+                           {1.0f, 1.0f}, {7.5f, 1.0f}, {std::numeric_limits<float>::quiet_NaN(), 1.0f}}) {
+    host.Set<float>(oil, "Smoothness", set);
+    EXPECT_EQ(host.Get<float>(oil, "Smoothness"), read) << set;
+  }
+}
+
+// ---- interlace ------------------------------------------------------------------------------
+
+// Both types NONE with a source: Apply returns the very source with one more
+// reference, ApplyInPlace does nothing, whatever the depth, mask and colour.
+TEST_F(InterlaceEffect, BothTypesNoneReturnTheSourceItself) {
+  REALobject effect = NewInterlace(0, 0);
+  REALobject mask = Keep(host.NewMask(NewSource(4, 3, kRGB)));
+  host.Set<REALobject>(effect, "BackColor", Keep(host.NewCMYKColor(9, 8, 7, 6)));
+  for (auto [bits, claimedBits] : {std::pair{8, 8}, {16, 16}, {8, 32}}) {
+    for (bool withMask : {false, true}) {
+      SCOPED_TRACE(std::to_string(claimedBits) + " bits" + (withMask ? ", masked" : ""));
+      host.Set<REALobject>(effect, "Mask", withMask ? mask : nullptr);
+      REALobject source = NewSource(4, 3, kCMYK, bits);
+      host.Bitmap(source).record->bitsPerChannel = static_cast<uint8_t>(claimedBits);
+      const std::vector<uint8_t> before = PixelBytes(host, source);
+      REALobject result = Apply(effect, source);
+      EXPECT_EQ(result, source);
+      EXPECT_EQ(host.RefCount(source), 2);
+      host.Unlock(result);
+      ApplyInPlace(effect, source);
+      EXPECT_EQ(host.RefCount(source), 1);
+      EXPECT_EQ(PixelBytes(host, source), before);
+      EXPECT_EQ(host.LastError(effect), 0);
+      host.Bitmap(source).record->bitsPerChannel = static_cast<uint8_t>(bits);
+    }
+  }
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
+// The horizontal type is tested first (before the source is looked at), then
+// the no-op case, then the vertical type and the source, the depth last.
+TEST_F(InterlaceEffect, RefusedSettingsAndSourcesStoreTheirCode) {
+  struct Row {
+    int64_t horizontal, vertical;
+    bool nilSource;
+    int bits;
+    uint8_t claimedBits, channels;  // patched into the record; channels 0: as made
+    int64_t code;
+  };
+  const Row rows[] = {
+      {-1, 0, false, 8, 32, 0, 4}, {3, 5, false, 8, 32, 0, 4},  {3, 0, true, 8, 8, 0, 4},
+      {0, -1, false, 8, 8, 0, 4},  {1, 3, false, 16, 16, 0, 4}, {2, int64_t{1} << 40, false, 8, 8, 0, 4},
+      {0, 0, true, 8, 8, 0, 4},    {2, 1, true, 8, 8, 0, 4},    {1, 2, false, 8, 32, 0, 6},
+      {0, 1, false, 8, 0, 0, 6},   {2, 0, false, 16, 15, 0, 6}, {1, 1, false, 8, 255, 0, 6},
+      {1, 0, false, 8, 8, 9, 6},   {0, 2, false, 16, 16, 9, 6},  // more channels than colour entries
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE("types " + std::to_string(row.horizontal) + "/" + std::to_string(row.vertical) + ", code " +
+                 std::to_string(row.code));
+    REALobject effect = NewInterlace(row.horizontal, row.vertical);
+    REALobject source = row.nilSource ? nullptr : NewSource(3, 3, kRGBA, row.bits);
+    RawBitmap saved{};
+    if (source) {
+      RawBitmap& record = *host.Bitmap(source).record;
+      saved = record;
+      record.bitsPerChannel = row.claimedBits;
+      if (row.channels) (row.bits == 8 ? record.bytesPerPixel : record.channelCount) = row.channels;
+    }
+    ExpectRefused(effect, source, row.code, [&] { return Apply(effect, source); });
+    ExpectRefused(effect, source, row.code, [&] { return ApplyInPlace(effect, source), REALobject{}; });
+    if (source) *host.Bitmap(source).record = saved;
+  }
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
+// Every pair of types that runs, at both depths, with and then without a mask,
+// on sources of both families with colours of the other family, alpha filled
+// or kept: Apply and ApplyInPlace leave what the reference kernels make.
+TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
+  REALobject effect = Keep(host.New(kInterlace));
+  REALobject mask = Keep(host.NewMask(NewSource(7, 9, kRGBA, 8, 99), false, 1));
+  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 40));
+  REALobject cmyk = Keep(host.NewCMYKColor(10, 60, 120, 30, 20));
+  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
+  struct Look {
+    int64_t format;
+    REALobject colour;
+    bool interlaceAlpha;
+  };
+  const std::pair<int64_t, int64_t> runningTypes[] = {{0, 1}, {0, 2}, {1, 0}, {1, 1}, {1, 2}, {2, 0}, {2, 1}, {2, 2}};
+  for (const Look& look :
+       {Look{kRGBA, cmyk, true}, Look{kCMYKA, rgb, true}, Look{kARGB, rgb, false}, Look{kCMYK, cmyk, false}}) {
+    host.Set<REALobject>(effect, "BackColor", look.colour);
+    host.Set<bool>(effect, "InterlaceAlphaChannel", look.interlaceAlpha);
+    for (int bits : {8, 16}) {
+      REALobject source = NewSource(7, 9, look.format, bits, static_cast<uint32_t>(look.format + bits));
+      for (bool masked : {true, false}) {
+        host.Set<REALobject>(effect, "Mask", masked ? mask : nullptr);
+        const PartFunction reference =
+            bits == 8 ? (masked ? rawfx::reference::InterlaceMaskPart : rawfx::reference::InterlacePart)
+                      : (masked ? rawfx::reference::InterlaceMaskPart16 : rawfx::reference::InterlacePart16);
+        for (auto [horizontal, vertical] : runningTypes) {
+          SCOPED_TRACE("format " + std::to_string(look.format) + ", " + std::to_string(bits) + " bits, types " +
+                       std::to_string(horizontal) + "/" + std::to_string(vertical) + (masked ? ", masked" : ""));
+          SetTypes(effect, horizontal, vertical);
+          InterlaceParams params{};
+          params.horizontalType = horizontal;
+          params.verticalType = vertical;
+          params.interlaceAlpha = look.interlaceAlpha;
+          const std::vector<int32_t> background =
+              BackgroundValues(host, look.colour, look.format, bits, look.interlaceAlpha);
+          std::copy(background.begin(), background.end(), params.channelValues);
+          const REALobject usedMask = masked ? mask : nullptr;
+          const int32_t flags = bits == 8 ? 13 : 14;
+          ExpectMatchesReference(effect, source, &params, reference, {EngineCall::Parts, 2, flags, usedMask, false},
+                                 [&] { return Apply(effect, source); });
+          ExpectMatchesReference(effect, source, &params, reference,
+                                 {EngineCall::PartsInPlace, 2, flags, usedMask, false},
+                                 [&] { return ApplyInPlace(effect, source); });
+        }
+      }
+    }
+  }
+  EXPECT_EQ(ColourState(rgb), rgbState);
+  EXPECT_EQ(ColourState(cmyk), cmykState);
+}
+
+// ---- polar coordinates --------------------------------------------------------------------
+
+// Every form refuses a nil source or colour with 4, a source too large for
+// 32-bit offsets with 4 and a depth other than 8 or 16 with 6; a refused
+// ApplyAsync frees its block (and run table) itself, and one without memory
+// for its block stores 5.
+TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
+  REALobject effect = Keep(host.New(kPolar));
+  REALobject source = NewSource(9, 6, kRGB);
+  REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
+  ExpectRefused(effect, source, 4, [&] { return Apply4(effect, source, true, true, nullptr); });
+  struct Row {
+    bool toPolar, nilSource;
+    uint8_t bits;
+    int64_t height;  // patched into the record: 2^27 rows of 27 bytes reach past 2^31
+  };
+  for (const Row& row : {Row{true, true, 8, 6}, Row{false, true, 8, 6}, Row{true, false, 32, 6},
+                         Row{false, false, 12, 6}, Row{true, false, 8, 1 << 27}, Row{false, false, 16, 1 << 27}}) {
+    SCOPED_TRACE(std::string(row.toPolar ? "wrapping" : "unrolling") + (row.nilSource ? ", nil source" : ", depth ") +
+                 std::to_string(row.bits) + ", height " + std::to_string(row.height));
+    host.Set<bool>(effect, "RectangularToPolar", row.toPolar);
+    host.Bitmap(source).record->bitsPerChannel = row.bits;
+    host.Bitmap(source).record->height = row.height;
+    REALobject run = row.nilSource ? nullptr : source;
+    REALobject compared = row.height == 6 ? run : nullptr;  // the patched record's pixels are not all there
+    const int64_t code = row.bits == 8 || row.bits == 16 ? 4 : 6;
+    ExpectRefused(effect, compared, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
+    ExpectRefused(effect, compared, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
+    const size_t table = row.nilSource ? 0
+                         : row.toPolar ? PolarRayTableBytes(9, row.height)
+                                       : PolarColumnTableBytes(9, row.height);
+    Watch(kBlockSize + table);
+    ExpectRefused(effect, compared, code, [&] { return ApplyAsync(effect, run, effect); });
+    EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
+  }
+  host.Bitmap(source).record->bitsPerChannel = 8;
+  host.Bitmap(source).record->height = 1;  // a single row takes no ray table, so the block is the one allocation
+  host.Set<bool>(effect, "RectangularToPolar", true);
+  Watch(kBlockSize, true);
+  ExpectRefused(effect, source, 5, [&] { return ApplyAsync(effect, source, effect); });
+  Watch(0);
+  host.Bitmap(source).record->height = 6;
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
+// One effect runs every row (the first with its default colour): the
+// one-argument Apply and ApplyAsync with the row's settings in the properties,
+// the four-argument Apply with them as arguments and the opposite settings in
+// the properties, which it leaves as they were.
+TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
+  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 25));
+  REALobject cmyk = Keep(host.NewCMYKColor(10, 20, 30, 40, 50));
+  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
+  REALobject effect = Keep(host.New(kPolar));
+  enum Method { Apply1, Apply4Args, Async };
+  struct Row {
+    bool toPolar, flip;
+    int64_t format;
+    int bits;
+    REALobject colour;  // nil: the default colour
+    Method method;
+  };
+  const Row rows[] = {
+      {true, true, kRGBA, 8, nullptr, Apply1},  {false, true, kRGBA, 16, rgb, Apply1},
+      {true, false, kXRGB, 8, rgb, Apply4Args}, {false, false, kARGB, 16, rgb, Async},
+      {true, true, kCMYKA, 8, rgb, Apply4Args}, {false, true, kRGB, 16, cmyk, Async},
+      {true, false, kCMYK, 16, cmyk, Apply1},   {false, false, kXRGB, 16, cmyk, Apply4Args},
+      {true, true, kARGB, 8, cmyk, Async},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.toPolar ? "wrapping" : "unrolling") + (row.flip ? " flipped" : "") + ", format " +
+                 std::to_string(row.format) + ", " + std::to_string(row.bits) + " bits, method " +
+                 std::to_string(row.method));
+    const bool inProperties = row.method != Apply4Args;
+    host.Set<bool>(effect, "RectangularToPolar", inProperties ? row.toPolar : !row.toPolar);
+    host.Set<bool>(effect, "FlipMapping", inProperties ? row.flip : !row.flip);
+    if (row.colour)
+      host.Set<REALobject>(effect, "BackColor", inProperties ? row.colour : rgb == row.colour ? cmyk : rgb);
+    REALobject colour = row.colour ? row.colour : Keep(host.Get<REALobject>(effect, "BackColor"));
+    REALobject source = NewSource(23, 17, row.format, row.bits, static_cast<uint32_t>(row.format));
+
+    PolarCoordinatesParams params{};
+    params.settings = {100.0, row.flip, 1, row.toPolar, 0.0, 0, 0, 0.0, 0.0};
+    SetBackground(params, colour, row.format, row.bits, rawfx::host::FindFormat(row.format)->hasAlpha);
+    const PartFunction reference =
+        row.bits == 8 ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
+    const ExpectedCall call{row.method == Async ? EngineCall::PartsAsync : EngineCall::Parts, 2,
+                            row.bits == 8 ? 13 : 14, nullptr, true};
+    const rawfx::host::Host::AsyncCounts before = host.asyncCounts();
+    ExpectMatchesReference(effect, source, &params, reference, call, [&] {
+      if (row.method == Async) return ApplyAsync(effect, source, Keep(host.NewRGBColor(0, 0, 0)));
+      if (row.method == Apply1) return host.Call<REALobject>(effect, kApply, source);
+      return Apply4(effect, source, row.toPolar, row.flip, colour);
+    });
+    EXPECT_EQ(Seen().call.deleteCallback, nullptr);
+    const rawfx::host::Host::AsyncCounts after = host.asyncCounts();
+    EXPECT_EQ(after.blocksDeleted - before.blocksDeleted, after.started - before.started)
+        << "the engine deletes every asynchronous block";
+    EXPECT_EQ(host.Get<bool>(effect, "RectangularToPolar"), inProperties == row.toPolar);
+    EXPECT_EQ(host.Get<bool>(effect, "FlipMapping"), inProperties == row.flip);
+  }
+  EXPECT_EQ(ColourState(rgb), rgbState);
+  EXPECT_EQ(ColourState(cmyk), cmykState);
+}
+
+// Unrolling (polar to rectangular) takes a column table made for the bitmap and
+// the run's options: right after the block, in the same allocation, for
+// ApplyAsync; in one of its own, freed before Apply returns, for Apply.
+// Wrapping takes none.
+TEST_F(PolarEffect, EveryRunTakesItsTableAndGivesItBack) {
+  constexpr int64_t kWidth = 29, kHeight = 21;
+  REALobject effect = Keep(host.New(kPolar));
+  REALobject source = NewSource(kWidth, kHeight, kRGBA);
+  PolarColumnTable columns{};
+  bool tableAfterBlock = false;
+  host.SetRunInspector(
+      [&](const EngineCall&, const GenericMPParams& head, const std::vector<MPParamBlock>&, REALobject) {
+        const auto& params = reinterpret_cast<const PolarCoordinatesParams&>(head);
+        columns = params.columnTable ? *params.columnTable : PolarColumnTable{};
+        tableAfterBlock = params.columnTable == static_cast<const void*>(&params + 1);
+      });
+  for (bool async : {false, true})
+    for (bool toPolar : {false, true})
+      for (bool flip : {false, true}) {
+        SCOPED_TRACE(std::string(async ? "ApplyAsync" : "Apply") + (toPolar ? " wrapping" : " unrolling") +
+                     (flip ? " flipped" : ""));
+        host.Set<bool>(effect, "RectangularToPolar", toPolar);
+        host.Set<bool>(effect, "FlipMapping", flip);
+        const size_t tableBytes = toPolar ? 0 : PolarColumnTableBytes(kWidth, kHeight);
+        Watch(async ? kBlockSize + tableBytes : tableBytes);
+        REALobject result = async ? ApplyAsync(effect, source, effect) : host.Call<REALobject>(effect, kApply, source);
+        EXPECT_NE(result, nullptr);
+        host.Unlock(result);
+        if (toPolar) {
+          EXPECT_EQ(columns.width, 0);
+          continue;
+        }
+        EXPECT_EQ(Watched(), std::pair(1, 0));
+        EXPECT_EQ(tableAfterBlock, async);
+        EXPECT_EQ(columns.width, kWidth);
+        EXPECT_EQ(columns.height, kHeight);
+        EXPECT_EQ(columns.roundness, 100.0);
+        EXPECT_EQ(columns.flipMapping, flip ? 1 : 0);
+        EXPECT_EQ(columns.angleOffset, 0.0);
+      }
+}
+
+// ---- barrel distortion --------------------------------------------------------------------
+
+TEST_F(BarrelEffect, NilSourceAndOtherDepthsAreRefused) {
+  REALobject effect = Keep(host.New(kBarrel));
+  REALobject source = NewSource(4, 3, kRGB);
+  for (uint8_t bits : {uint8_t{0}, uint8_t{8}, uint8_t{12}, uint8_t{32}}) {
+    SCOPED_TRACE(std::to_string(bits) + " bits");
+    REALobject run = bits == 8 ? nullptr : source;  // 8: a nil source
+    host.Bitmap(source).record->bitsPerChannel = bits;
+    const int64_t code = run ? 6 : 4;
+    ExpectRefused(effect, run, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
+    ExpectRefused(effect, run, code, [&] { return ApplyAsync(effect, run, effect); });
+  }
+  host.Bitmap(source).record->bitsPerChannel = 8;
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
+// One effect applies each row's settings (the first row its defaults) with
+// Apply and with ApplyAsync; distortion -1 and non-finite settings map every
+// pixel outside, so those results are all background.
+TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
+  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 77));
+  REALobject cmyk = Keep(host.NewCMYKColor(10, 60, 200, 30, 99));
+  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
+  REALobject effect = Keep(host.New(kBarrel));
+  struct Row {
+    double distortion, horizontal, vertical;
+    bool interpolate;
+    int64_t format, width, height;
+    int bits;
+    REALobject colour;  // nil: the default colour
+  };
+  const Row rows[] = {
+      {0.0, 0.0, 0.0, true, kRGBA, 12, 8, 8, nullptr},  {0.35, 0.1, -0.05, true, kRGBA, 37, 29, 16, rgb},
+      {0.35, 0.1, -0.05, false, kRGBA, 37, 29, 8, rgb}, {0.5, -0.2, 0.25, false, kCMYK, 10, 6, 16, rgb},
+      {-0.25, 0.0, 0.1, true, kBGRA, 7, 3, 8, cmyk},    {-1.0, 0.0, 0.0, false, kCMYKA, 5, 4, 8, rgb},
+      {-1.0, 0.0, 0.0, true, kRGBA, 6, 3, 16, cmyk},    {kNaN, 0.0, 0.0, true, kRGB, 9, 6, 8, rgb},
+      {kInf, 0.0, 0.0, false, kXRGB, 9, 6, 16, cmyk},   {0.0, kInf, 0.0, true, kRGB, 9, 6, 8, cmyk},
+      {0.0, 0.0, -kInf, false, kRGB, 9, 6, 16, rgb},    {0.0, 0.0, kNaN, true, kCMYK, 9, 6, 8, cmyk},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE("distortion " + std::to_string(row.distortion) + ", keystones " + std::to_string(row.horizontal) +
+                 "/" + std::to_string(row.vertical) + ", format " + std::to_string(row.format) + ", " +
+                 std::to_string(row.bits) + " bits" + (row.interpolate ? ", bilinear" : ""));
+    if (row.colour) host.Set<REALobject>(effect, "BackColor", row.colour);
+    host.Set<bool>(effect, "Interpolate", row.interpolate);
+    host.Set<double>(effect, "Distortion", row.distortion);
+    host.Set<double>(effect, "HorizontalKeystone", row.horizontal);
+    host.Set<double>(effect, "VerticalKeystone", row.vertical);
+    REALobject source = NewSource(row.width, row.height, row.format, row.bits, static_cast<uint32_t>(row.width));
+
+    BarrelDistortionParams params{};
+    const double keystone[9] = {1, 0, row.horizontal, 0, 1, row.vertical, row.horizontal, row.vertical, 1};
+    std::copy(keystone, keystone + 9, params.keystone);
+    params.distortion = row.distortion;
+    params.centerX = static_cast<double>(row.width) * 0.5;
+    params.centerY = static_cast<double>(row.height) * 0.5;
+    params.distortionPlusOne = row.distortion + 1.0;
+    REALobject colour = Keep(host.Get<REALobject>(effect, "BackColor"));
+    SetBackground(params, colour, row.format, row.bits, true);
+    const PartFunction reference = row.bits == 8
+                                       ? (row.interpolate ? rawfx::reference::BarrelDistortInterpolate8BitPart
+                                                          : rawfx::reference::BarrelDistort8BitPart)
+                                       : (row.interpolate ? rawfx::reference::BarrelDistortInterpolate16BitPart
+                                                          : rawfx::reference::BarrelDistort16BitPart);
+    const int32_t flags = row.bits == 8 ? 13 : 14;
+    ExpectMatchesReference(effect, source, &params, reference, {EngineCall::Parts, 3, flags, nullptr, true},
+                           [&] { return host.Call<REALobject>(effect, kApply, source); });
+    EXPECT_EQ(Seen().call.params, &DataOf<BarrelDistortionData>(effect, kBarrel).params) << "the block lives in the instance data";
+    EXPECT_EQ(Seen().call.deleteCallback, nullptr);
+
+    const rawfx::host::Host::AsyncCounts before = host.asyncCounts();
+    ExpectMatchesReference(effect, source, &params, reference, {EngineCall::PartsAsync, 3, flags, nullptr, true},
+                           [&] { return ApplyAsync(effect, source, Keep(host.NewCMYKColor(0, 0, 0, 0))); });
+    EXPECT_EQ(Seen().call.params, &DataOf<BarrelDistortionData>(effect, kBarrel).params);
+    EXPECT_EQ(host.asyncCounts().blocksDeleted, before.blocksDeleted) << "the block is handed back, not deleted";
+    EXPECT_GT(host.asyncCounts().deleteCallbacks, before.deleteCallbacks);
+    ASSERT_NE(Seen().call.deleteCallback, nullptr);
+    EXPECT_EQ(Seen().call.deleteCallback(effect, &DataOf<BarrelDistortionData>(effect, kBarrel).params.head), 0);
+  }
+  EXPECT_EQ(ColourState(rgb), rgbState);
+  EXPECT_EQ(ColourState(cmyk), cmykState);
+}
+
+// ---- oil paint ----------------------------------------------------------------------------
+
+// The source, then the brush size and smoothness (as stored in the instance
+// data, past the setters' clamps), then the depth.
+TEST_F(OilPaintEffect, RefusedSourcesAndSettingsStoreTheirCode) {
+  struct Row {
+    bool nilSource;
+    int bits;
+    uint8_t brush;
+    float smoothness;
+    int64_t code;
+  };
+  const Row rows[] = {{true, 8, 2, 0.4f, 4},     {true, 8, 0, 7.0f, 4},  {false, 16, 2, 0.4f, 6},
+                      {false, 8, 0, 0.4f, 4},    {false, 8, 6, 0.4f, 4}, {false, 8, 2, 1.0001f, 4},
+                      {false, 8, 2, 0.0399f, 4}, {false, 8, 2, std::numeric_limits<float>::quiet_NaN(), 4}, {false, 16, 6, 0.4f, 4}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE("brush " + std::to_string(row.brush) + ", smoothness " + std::to_string(row.smoothness) + ", " +
+                 std::to_string(row.bits) + " bits" + (row.nilSource ? ", nil source" : ""));
+    REALobject effect = Keep(host.New(kOilPaint));
+    DataOf<OilPaintData>(effect, kOilPaint).brushSize = row.brush;
+    DataOf<OilPaintData>(effect, kOilPaint).smoothness = row.smoothness;
+    REALobject source = row.nilSource ? nullptr : NewSource(4, 4, kRGB, row.bits);
+    ExpectRefused(effect, source, row.code, [&] { return host.Call<REALobject>(effect, kApply, source); });
+  }
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
+// One effect with its defaults (brush 2, 103 bins), then every 8-bit format
+// with brush sizes 1 to 5 and smoothness clamped or not; a third of them
+// masked (mask values 0 and 255 included), half with two bits per byte for
+// crowded bins.
+TEST_F(OilPaintEffect, RunsMatchTheReferenceKernels) {
+  const int64_t formats[] = {kRGBA, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 13, 14, 15, 16, 22, 23};
+  const float smoothnesses[] = {0.0f, 0.4f, 7.5f, 0.5f, 0.1f};
+  REALobject maskBitmap = NewSource(17, 13, kGrey, 8, 99);
+  host.Bitmap(maskBitmap).row(0)[0] = 0;
+  host.Bitmap(maskBitmap).row(0)[1] = 255;
+  REALobject mask = Keep(host.NewMask(maskBitmap));
+  REALobject effect = Keep(host.New(kOilPaint));
+  for (size_t i = 0; i < std::size(formats); ++i) {
+    const int64_t format = formats[i];
+    const bool fresh = i == 0, masked = i % 3 == 1, coarse = i % 2 == 1;
+    SCOPED_TRACE("format " + std::to_string(format) + (fresh ? ", fresh" : "") + (masked ? ", masked" : ""));
+    if (!fresh) {
+      host.Set<uint8_t>(effect, "BrushSize", static_cast<uint8_t>(1 + i % 5));
+      host.Set<float>(effect, "Smoothness", smoothnesses[i % 5]);
+    }
+    host.Set<REALobject>(effect, "Mask", masked ? mask : nullptr);
+    REALobject source = NewSource(17, 13, format, 8, static_cast<uint32_t>(i));
+    const rawfx::host::BitmapView view = host.Bitmap(source);
+    for (int64_t y = 0; coarse && y < view.height; ++y)
+      for (int64_t b = 0; b < view.width * view.pixelBytes; ++b) view.row(y)[b] &= 0xC0;
+
+    const rawfx::host::FormatInfo& info = *rawfx::host::FindFormat(format);
+    OilPaintParams params{};
+    params.brushSize = host.Get<uint8_t>(effect, "BrushSize");
+    params.smoothness = host.Get<float>(effect, "Smoothness");
+    params.maxLevel = static_cast<int16_t>(params.smoothness * 255.0f);
+    params.redOffset = info.red;
+    params.greenOffset = info.green;
+    params.blueOffset = info.blue;
+    const REALobject usedMask = masked ? mask : nullptr;
+    ExpectMatchesReference(
+        effect, source, &params, masked ? rawfx::reference::OilPaintMaskPart8bit : rawfx::reference::OilPaintPart8bit,
+        {EngineCall::Parts, 3, 5, usedMask, false}, [&] { return host.Call<REALobject>(effect, kApply, source); });
+  }
+}
+
+}  // namespace
