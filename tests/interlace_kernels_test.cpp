@@ -1,10 +1,9 @@
 // The interlace part functions. Hand-built blocks pin the reference (and the
 // shipped kernels) to which rows and pixels each phase setting and start row
-// fills, the fill value of every channel, the pixel steps of each depth and the
-// mask mix and its queries; random cases then demand that the fast kernels
-// leave every byte of memory (padding and gaps included, in place and
-// overlapping), progress, done and the mask queries as the reference does, on
-// the AVX2 path and the portable one.
+// fills and to the mask mix and its queries; random cases then demand that the
+// fast kernels leave every byte of memory (padding and gaps included, in place
+// and overlapping), progress, done and the mask queries as the reference does,
+// on the AVX2 path and the portable one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -128,57 +127,6 @@ TEST_P(InterlaceKernels, PhasesDecideWhichRowsAndPixelsAreFilled) {
           EXPECT_EQ(f.mask.values, values);
           EXPECT_EQ(f.mask.bits, 8 * sb);  // only the operations of the part's own depth
         }
-}
-
-// Four channels; the fourth is the alpha channel or no component at all.
-TEST_P(InterlaceKernels, FillTakesTheColourKeepsAlphaAndMaximisesChannelsWithoutColour) {
-  const struct {
-    const char* what;
-    bool alphaIsFourth;
-    uint8_t interlaceAlpha;
-    int32_t fourthEntry;  // 0: the colour's own
-    uint32_t expected[2];  // of the fourth channel, 8 and 16 bits
-  } cases[] = {
-      {"alpha kept", true, 0, 0, {7, 7}},
-      {"alpha interlaced", true, 1, 0, {204, 43001}},
-      {"no component", false, 0, -1, {255, 65535}},
-  };
-  for (const auto& c : cases)
-    for (int sb : {1, 2}) {
-      SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit"));
-      Frame f(GetParam().Part(sb, false), false, sb, 2, 1, 4, 4);
-      for (int x = 0; x < 2; ++x) f.src.SetSample(x, 0, 3, 7);
-      if (c.alphaIsFourth) f.srcRecord.alphaOffset = static_cast<uint8_t>(3 * sb);  // a byte position
-      f.params.interlaceAlpha = c.interlaceAlpha;
-      if (c.fourthEntry) f.params.channelValues[3] = c.fourthEntry;
-      f.SetTypes(1, 0);
-      f.RunAll();
-      for (int x = 0; x < 2; ++x) {
-        for (int ch = 0; ch < 3; ++ch) EXPECT_EQ(f.dst.Sample(x, 0, ch), Colour(sb, ch));
-        EXPECT_EQ(f.dst.Sample(x, 0, 3), c.expected[sb - 1]);
-      }
-    }
-}
-
-// 8-bit parts step by the head's pixel bytes and fill the source record's
-// bytesPerPixel channels; 16-bit parts step by each record's channelCount and
-// ignore the head's pixel bytes. Source pixels have three channels, the
-// destination's four: the fourth is no channel and stays untouched.
-TEST_P(InterlaceKernels, PixelsStepAsTheirDepthDefines) {
-  for (int sb : {1, 2}) {
-    SCOPED_TRACE(8 * sb);
-    Frame f(GetParam().Part(sb, false), false, sb, 3, 2, 3, 4);
-    if (sb == 2) f.params.head.srcPixelBytes = f.params.head.dstPixelBytes = 1;
-    f.SetTypes(0, 1);
-    f.RunAll();
-    for (int y = 0; y < 2; ++y)
-      for (int x = 0; x < 3; ++x) {
-        const bool filled = (x + y * 3) % 2 == 0;
-        for (int c = 0; c < 3; ++c)
-          EXPECT_EQ(f.dst.Sample(x, y, c), filled ? Colour(sb, c) : f.original.Sample(x, y, c)) << x << "," << y;
-        EXPECT_EQ(f.dst.Sample(x, y, 3), sb == 1 ? 0xEEu : 0xEEEEu);
-      }
-  }
 }
 
 // Channel 0: source 200 under fill 0; channel 1: a kept full alpha, which any
