@@ -208,39 +208,6 @@ TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
 INSTANTIATE_TEST_SUITE_P(EveryEffect, FaultRun, ::testing::ValuesIn(kCases),
                          [](const auto& test) { return CaseName(test.param); });
 
-// The observer stops a run wherever it happens to be, while the kernels run on
-// several workers: the result is then nil, or whole when the run had finished
-// first. Oil paint with the widest brush over 512 x 512 pixels takes long
-// enough for the cancel to land part way.
-TEST_F(AsyncHostTest, ObserverCancelGivesNilOrTheWholeResult) {
-  REALobject effect = NewEffect(host, kOilPaint);
-  host.Set<uint8_t>(effect, "BrushSize", 5);
-  REALobject source = NewPattern(host, 512, 512, kRGBA, 8, 3);
-  REALobject expected = host.Call<REALobject>(effect, kApply, source);
-  for (int64_t threshold : {0, 1, 256, 511, 512}) {
-    SCOPED_TRACE("cancel once " + std::to_string(threshold) + " rows are done");
-    int calls = 0;
-    bool stopped = false;
-    host.SetRunInspector([&](const EngineCall&, const GenericMPParams& params, const auto&, REALobject) {
-      stopped = params.cancel && params.progress < 512;
-    });
-    host.SetProgressObserver([&](int64_t done, int64_t total) {
-      ++calls;
-      EXPECT_LE(done, total);
-      return done < threshold;
-    });
-    REALobject result = host.Call<REALobject>(effect, kApply, source);
-    EXPECT_GE(calls, 1) << "the observer hears at least the end of the run";
-    EXPECT_TRUE(result ? SamePixels(host, result, expected) : ::testing::AssertionResult(stopped))
-        << "only a stopped run gives nil";
-    EXPECT_TRUE(result || threshold < 512) << "a cancel asked for at the end stops nothing";
-    host.Unlock(result);
-  }
-  host.SetProgressObserver(nullptr);
-  host.SetRunInspector(nullptr);
-  for (REALobject object : {expected, source, effect}) host.Unlock(object);
-}
-
 class FaultAsync : public AsyncHostTest {
  protected:
   void Start(REALobject effect, REALobject source, REALobject target) {

@@ -41,6 +41,7 @@ struct CopyParams {
   std::atomic<int> maskedCalls{0};
   std::atomic<bool> released{true};  // parts wait while false
   int holdAtProgress = 0;            // > 0: parts wait for a cancel once progress reaches it
+  bool write = true;                 // false: rows are finished without a byte written
 
   int RowsDone() const {
     int done = 0;
@@ -59,7 +60,7 @@ void* CopyRows(void* block) {
   }
   AwaitOrGiveUp([&] { return p.released.load(); });
   for (int32_t row = part->firstRow; row < part->endRow; ++row) {
-    std::memmove(h.dstPixels + int64_t{row} * h.dstRowBytes, h.srcPixels + int64_t{row} * h.srcRowBytes,
+    if (p.write) std::memmove(h.dstPixels + int64_t{row} * h.dstRowBytes, h.srcPixels + int64_t{row} * h.srcRowBytes,
                  size_t(h.width * h.srcPixelBytes));
     ++p.visits[static_cast<size_t>(row)];
     if (!rawfx::FinishRow(p.head)) break;
@@ -75,14 +76,6 @@ void* CopyRows(void* block) {
 void* MaskedCopyRows(void* block) {
   ++static_cast<CopyParams*>(static_cast<MPParamBlock*>(block)->params)->maskedCalls;
   return CopyRows(block);
-}
-
-// Finishes its rows without writing, for a block that holds nothing but the head.
-void* FinishRows(void* block) {
-  auto* part = static_cast<MPParamBlock*>(block);
-  for (int32_t row = part->firstRow; row < part->endRow; ++row)
-    if (!rawfx::FinishRow(*static_cast<GenericMPParams*>(part->params))) break;
-  return nullptr;
 }
 
 // What the program's progress handler and the delete callback were given.
@@ -127,18 +120,16 @@ class EngineTest : public AsyncHostTest {
   REALobject NewSource(int64_t height, int bits = 8) {
     return NewPattern(host, 9, height, kRGBA, bits, static_cast<uint32_t>(height), 8);
   }
-  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13,
-                     PartFunction part = &CopyRows) {
-    return engine->ops->ProcessParts(engine, params, part, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
+  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13) {
+    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
                                      formatFlags, 1);
   }
   REALobject InPlace(void* params, REALobject source, int32_t formatFlags = 13) {
     return engine->ops->ProcessPartsInPlace(engine, params, &CopyRows, &CopyRows, host.Bitmap(source).record, nullptr,
                                             2, formatFlags);
   }
-  void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter,
-                  PartFunction part = &CopyRows) {
-    engine->ops->ProcessPartsAsync(effect, engine, source, params, part, &MaskedCopyRows, host.Bitmap(source).record,
+  void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter) {
+    engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record,
                                    nullptr, 3, 13, 1, target, log.method(), deleter);
   }
 
@@ -182,7 +173,7 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
           int empty = 0;
           for (const auto& [first, end] : params.parts) {
             empty += first == end;
-            EXPECT_TRUE(!balanced || first % 4 == 0) << "a balanced part starts at row " << first;
+            EXPECT_TRUE(!balanced || first == end || first % 4 == 0) << "a balanced part starts at row " << first;
           }
           EXPECT_EQ(empty > 0, policy == SplitPolicy::WithEmptyParts);
           EXPECT_GE(int64_t(params.parts.size()), policy == SplitPolicy::Balanced ? std::min<int64_t>((height + 3) / 4, threads) : 1);
@@ -204,8 +195,9 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
           std::memset(dst.pixels, 0xA5, size_t(dst.rowBytes * height));
           host.Unlock(result);  // freed dirty, for the next result to reuse
 
-          GenericMPParams head{};
-          result = Process(&head, source, nullptr, flags, &FinishRows);
+          CopyParams blank(height);
+          blank.write = false;
+          result = Process(&blank, source, nullptr, flags);
           ASSERT_NE(result, nullptr);
           const std::vector<uint8_t> bytes = Pixels(host, result);
           EXPECT_EQ(std::count(bytes.begin(), bytes.end(), uint8_t{0}), std::ssize(bytes)) << "written where no part wrote";
@@ -256,22 +248,24 @@ TEST_F(EngineTest, RefusesWrongDepthsNilBlocksAndShortMasks) {
 
 // A cancel from the host's observer, from the program's handler, requested
 // while the run goes or before it stops every part between rows (a preset one
-// after each part's first row), gives nil, and holds for that run only.
+// after each part's first row), gives nil, and holds for that run only. One
+// that the observer asks for with the last row stops nothing.
 TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   host.SetThreads(2);
   host.SetSplitPolicy(SplitPolicy::WithEmptyParts);
-  for (const std::string by : {"observer", "handler", "request", "preset"}) {
+  for (const std::string by : {"observer", "handler", "request", "preset", "last row"}) {
     SCOPED_TRACE(by);
-    host.SetProgressObserver([this, by](int64_t done, int64_t) {
+    host.SetProgressObserver([this, by](int64_t done, int64_t total) {
       if (by == "request" && done >= 8) host.RequestCancel(effect);
-      return by != "observer" || done < 8;
+      return by == "last row" ? done < total : by != "observer" || done < 8;
     });
     gHandlers.cancelAt = by == "handler" ? 8 : 0;
     if (by == "preset") host.RequestCancel(effect);
     REALobject source = NewSource(64);
     CopyParams params(64);
-    params.holdAtProgress = by == "preset" ? 0 : 8;  // the parts wait there until the cancel arrives
-    EXPECT_EQ(Process(&params, source), nullptr);
+    params.holdAtProgress = by == "preset" || by == "last row" ? 0 : 8;  // the parts wait there for the cancel
+    REALobject result = Process(&params, source);
+    EXPECT_EQ(result != nullptr, by == "last row");
     int nonEmpty = 0;
     for (const auto& [first, end] : params.parts) {
       nonEmpty += first != end;
@@ -282,12 +276,13 @@ TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
         stopped = stopped || visits == 0;
       }
     }
-    EXPECT_LT(params.RowsDone(), 64);
+    EXPECT_EQ(params.RowsDone() < 64, by != "last row");
     EXPECT_EQ(params.head.progress, by == "preset" ? nonEmpty : params.RowsDone());
+    host.Unlock(result);
     host.SetProgressObserver(nullptr);
     gHandlers.cancelAt = 0;
     CopyParams again(64);  // the cancel was for one run only
-    REALobject result = Process(&again, source);
+    result = Process(&again, source);
     EXPECT_NE(result, nullptr);
     host.Unlock(result);
     host.Unlock(source);
@@ -295,52 +290,23 @@ TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   EXPECT_EQ(host.LastError(effect), 0);
 }
 
-// An asynchronous run returns before any row is done, holds the effect, the
-// source and the target while it goes, hands its block to the delete callback
-// before its one completion (blocks without one: the fault tests), and lets
-// the program's handler hear of its rows and cancel it: the completion then
-// receives nil.
-TEST_F(EngineTest, AsyncRunHoldsItsObjectsDisposesOfItsBlockAndCompletesOnce) {
+// An asynchronous run returns before any row is done and holds the effect,
+// the source, the target and its block while it goes: a run of any kind with
+// that block is refused before anything starts (nil, lastError 4, no part, no
+// completion, no disposal). The run hands its block to the delete callback
+// (blocks without one: the fault tests) before its one completion; then the
+// block runs again, and a cancel armed for the next run goes with a run the
+// engine refuses. The program's handler hears of an asynchronous run's rows
+// and may cancel it: the completion then receives nil.
+TEST_F(EngineTest, AsyncRunHoldsItsObjectsAndItsBlockDisposesOfItAndCompletesOnce) {
   host.SetThreads(2);
   REALobject source = NewSource(64), target = host.NewRGBColor(0, 0, 0);
   CopyParams params(64);
   params.released = false;
   StartAsync(&params, source, target, &RecordingDelete);
-  EXPECT_EQ(log.TotalCalls(), 0);
-  EXPECT_EQ(std::make_tuple(host.RefCount(effect), host.RefCount(source), host.RefCount(target)),
-            std::make_tuple(2, 2, 2));
-  EXPECT_EQ(std::make_tuple(host.lastEngineCall().operation, host.lastEngineCall().deleteCallback),
-            std::make_tuple(EngineCall::PartsAsync, &RecordingDelete));
-  params.released = true;
-  host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deletes.load(), gHandlers.deleteSelf.load(),
-                            gHandlers.deleteParams.load(), gHandlers.lastReport),
-            std::make_tuple(1, 1, effect, &params.head, std::pair<uint64_t, uint64_t>{64, 64}));
-  REALobject result = log.Take(target);
-  ASSERT_NE(result, nullptr);
-  EXPECT_TRUE(SamePixels(host, result, source));
-  host.Unlock(result);  // the completion's own lock; the fixture sees any other left
-
-  gHandlers.cancelAt = 1;
-  CopyParams cancelled(64);
-  StartAsync(&cancelled, source, target, &RecordingDelete);
-  host.WaitForAsync();
-  EXPECT_EQ(gHandlers.handlerSelf, effect);
-  EXPECT_LT(cancelled.RowsDone(), 64);
-  EXPECT_EQ(std::make_pair(log.Calls(target), log.Take(target)), std::make_pair(2, REALobject{nullptr}));
-  for (REALobject object : {target, source}) host.Unlock(object);
-}
-
-// A block that a run holds is not handed out again: a run of any kind with it
-// is refused before anything starts (nil, lastError 4, no part, and for
-// ProcessPartsAsync no completion and no disposal). Once the first run has
-// disposed of it the block runs again; a cancel armed for the next run goes
-// with a refused run instead of stopping that later one.
-TEST_F(EngineTest, ABlockThatARunHoldsIsRefusedUntilItIsGivenBack) {
-  REALobject source = NewSource(8), target = host.NewRGBColor(0, 0, 0);
-  CopyParams params(8);
-  params.released = false;
-  StartAsync(&params, source, target, &RecordingDelete);
+  EXPECT_EQ(std::make_tuple(log.TotalCalls(), host.RefCount(effect), host.RefCount(source), host.RefCount(target),
+                            host.lastEngineCall().operation, host.lastEngineCall().deleteCallback),
+            std::make_tuple(0, 2, 2, 2, EngineCall::PartsAsync, &RecordingDelete));
   const std::function<REALobject()> reuses[] = {
       [&] { return Process(&params, source); },
       [&] { return InPlace(&params, source); },
@@ -353,14 +319,27 @@ TEST_F(EngineTest, ABlockThatARunHoldsIsRefusedUntilItIsGivenBack) {
   }
   params.released = true;
   host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deletes.load(), params.RowsDone()), std::make_tuple(1, 1, 8));
-  host.Unlock(log.Take(target));
-
+  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deletes.load(), gHandlers.deleteSelf.load(),
+                            gHandlers.deleteParams.load(), gHandlers.lastReport, params.RowsDone()),
+            std::make_tuple(1, 1, effect, &params.head, std::pair<uint64_t, uint64_t>{64, 64}, 64));
+  REALobject result = log.Take(target);
+  ASSERT_NE(result, nullptr);
+  EXPECT_TRUE(SamePixels(host, result, source));
+  host.Unlock(result);  // the completion's own lock; the fixture sees any other left
   host.RequestCancel(effect);
   EXPECT_EQ(Process(&params, source, nullptr, 14), nullptr) << "refused: the depth bit is wrong";
-  REALobject result = Process(&params, source);
-  EXPECT_NE(result, nullptr);
-  for (REALobject object : {result, target, source}) host.Unlock(object);
+  result = Process(&params, source);
+  EXPECT_NE(result, nullptr) << "the block runs again, and the cancel went with the refused run";
+  host.Unlock(result);
+
+  gHandlers.cancelAt = 1;
+  CopyParams cancelled(64);
+  StartAsync(&cancelled, source, target, &RecordingDelete);
+  host.WaitForAsync();
+  EXPECT_EQ(gHandlers.handlerSelf, effect);
+  EXPECT_LT(cancelled.RowsDone(), 64);
+  EXPECT_EQ(std::make_pair(log.Calls(target), log.Take(target)), std::make_pair(2, REALobject{nullptr}));
+  for (REALobject object : {target, source}) host.Unlock(object);
 }
 
 // Every source the companion holds has a result it holds: result rows are

@@ -3,8 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
+#include <numeric>
 #include <tuple>
 
 #include "plugin/host_binding.h"
@@ -83,10 +83,6 @@ std::string RunInChild(const std::function<std::string()>& body) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? output : output + "(child died)";
 }
 
-int ScriptedHost::Asks(std::string_view name) const {
-  return static_cast<int>(std::count(asked.begin(), asked.end(), name));
-}
-
 void InFreshProcess(const std::function<void(ScriptedHost&)>& body) {
   EXPECT_EQ(RunInChild([&] {
               ScriptedHost host;
@@ -159,9 +155,7 @@ int CompletionLog::Calls(REALobject target) const {
 
 int CompletionLog::TotalCalls() const {
   std::lock_guard lock(mutex_);
-  int total = 0;
-  for (const auto& [target, calls] : calls_) total += calls;
-  return total;
+  return std::accumulate(calls_.begin(), calls_.end(), 0, [](int sum, const auto& call) { return sum + call.second; });
 }
 
 REALobject CompletionLog::Take(REALobject target) {

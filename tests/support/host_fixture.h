@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -49,7 +50,7 @@ struct ScriptedHost {
   void Learn(const char* name, Fn* routine) {
     known[name] = reinterpret_cast<void*>(routine);
   }
-  int Asks(std::string_view name) const;
+  int Asks(std::string_view name) const { return int(std::count(asked.begin(), asked.end(), name)); }
 };
 
 // Runs body in a fresh process (so every stub cache starts empty) with the
