@@ -206,7 +206,8 @@ void SetColour(Host& host, Input& in, Setup& setup) {
   const int kind = in.Pick(6);
   REALobject colour = nullptr;
   if (kind == 2) colour = host.NewRGBColor(in.Byte(), in.Byte(), in.Byte(), in.Byte());
-  if (kind == 3) colour = host.NewRGBColor16(in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>());
+  if (kind == 3)
+    colour = host.NewRGBColor16(in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>());
   if (kind == 4) colour = host.NewCMYKColor(in.Byte(), in.Byte(), in.Byte(), in.Byte(), in.Byte());
   setup.Hold(colour);
   if (kind == 5) colour = setup.source;
@@ -233,7 +234,8 @@ void SetMask(Host& host, Input& in, Setup& setup) {
     for (int64_t i = 0; i < maskView.rowBytes * maskView.height; ++i)
       maskView.pixels[i] = static_cast<uint8_t>(i * 37 + channel);
   }
-  host.Set<REALobject>(setup.object, "Mask", setup.Hold(host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0)));
+  REALobject mask = setup.Hold(host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0));
+  host.Set<REALobject>(setup.object, "Mask", mask);
   if (kind == 4) host.Set(setup.object, "Mask", nullptr);
 }
 
@@ -283,7 +285,8 @@ void CheckAgainstReference(Host& host, const Setup& setup, const std::vector<uin
   head.dstPixels = expected;
   head.progress = 0;
   head.cancel = 0;
-  const bool variant = gWorld->call.mask != nullptr || (setup.index == kBarrel && host.Get<bool>(setup.object, "Interpolate"));
+  const bool variant =
+      gWorld->call.mask != nullptr || (setup.index == kBarrel && host.Get<bool>(setup.object, "Interpolate"));
   const PartFunction part = *setup.row->parts[head.srcBitmap->bitsPerChannel == 16][variant];
   for (const MPParamBlock& engines : gWorld->parts) {
     MPParamBlock mine{engines.firstRow, engines.endRow, 0, {}, block.data()};
@@ -387,7 +390,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     World& seen = *gWorld;
     ++seen.runs;
     seen.call = call;
-    seen.params.assign(reinterpret_cast<const uint8_t*>(&params), reinterpret_cast<const uint8_t*>(&params) + seen.paramsBytes);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
+    seen.params.assign(bytes, bytes + seen.paramsBytes);
     seen.parts = parts;
     seen.destination = destination;
   });

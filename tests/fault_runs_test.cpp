@@ -1,11 +1,12 @@
 // Runs of every effect and method stopped or starved part way: a cancel at
 // every row of a small image or before the run starts, a result bitmap the
 // engine cannot make, a source record too large for any result and a mask one
-// row short. Then asynchronous runs under load and at the edges of their
-// objects' lives. Every stopped or starved run gives nil (in place: leaves the
-// rows after the stop as they were), stores no error, never writes the source
-// and leaves nothing alive; every asynchronous run completes exactly once and
-// disposes of its block exactly once.
+// row short. Then asynchronous runs under load, at the edges of their objects'
+// lives and on a barrel effect used again while its run waits. Every stopped
+// or starved run gives nil (in place: leaves the rows after the stop as they
+// were), stores no error, never writes the source and leaves nothing alive;
+// every asynchronous run completes exactly once and disposes of its block
+// exactly once.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -64,8 +65,8 @@ class FaultRun : public AsyncHostTest, public ::testing::WithParamInterface<Case
   } seen;
 
   void SetUp() override {
-    host.SetRunInspector([this](const EngineCall&, const GenericMPParams& params, const std::vector<MPParamBlock>& parts,
-                                REALobject destination) {
+    host.SetRunInspector([this](const EngineCall&, const GenericMPParams& params,
+                                const std::vector<MPParamBlock>& parts, REALobject destination) {
       seen = {seen.runs + 1, params.progress, params.cancel != 0, {}, Rows(host, destination)};
       for (const MPParamBlock& part : parts) seen.parts.emplace_back(part.firstRow, part.endRow);
     });
@@ -333,7 +334,8 @@ TEST_F(FaultAsync, ABarrelRunUnderWayKeepsItsBlockAndItsSettings) {
   REALobject holder = host.New("WorkerHolder");
   REALobject big = NewPattern(host, 600, 600, kRGBA, 8, 5), small = NewPattern(host, 16, 16, kRGBA, 8, 6);
   REALobject effect = NewEffect(host, kBarrel), twin = NewEffect(host, kBarrel);
-  REALobject expected = host.Call<REALobject>(twin, kApply, big), expectedNext = host.Call<REALobject>(twin, kApply, small);
+  REALobject expected = host.Call<REALobject>(twin, kApply, big);
+  REALobject expectedNext = host.Call<REALobject>(twin, kApply, small);
   WorkerHold hold;
   auto* engine = static_cast<MPImageFilterData*>(host.ClassData(holder, "MPImageFilterRaw"));
   engine->ops->ProcessPartsAsync(holder, engine, small, &hold, &HoldWorker, &HoldWorker, host.Bitmap(small).record,
@@ -361,8 +363,8 @@ TEST_F(FaultAsync, ABarrelRunUnderWayKeepsItsBlockAndItsSettings) {
   REALobject next = host.Call<REALobject>(effect, kApply, small);
   ASSERT_NE(next, nullptr) << "the block is free again";
   EXPECT_TRUE(SamePixels(host, next, expectedNext)) << "the keystone set during the run was not stored";
-  for (REALobject object : {next, result, target, refusedTarget, expectedNext, expected, twin, effect, small, big, holder})
-    host.Unlock(object);
+  for (REALobject o : {next, result, target, refusedTarget, expectedNext, expected, twin, effect, small, big, holder})
+    host.Unlock(o);
 }
 
 }  // namespace

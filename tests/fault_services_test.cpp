@@ -99,10 +99,11 @@ TourReport Tour(Host& host, bool locksWork) {
         const bool inPlace = declaration == kApplyInPlace;
         const auto method = kMethods.find(declaration);
         if (method == kMethods.end() && declaration != kPolarApply4) ADD_FAILURE() << "a method the tour does not know";
-        REALobject result = method == kMethods.end()
-                                ? host.Call<REALobject>(effect, kPolarApply4, source, static_cast<signed char>(0),
-                                                        static_cast<signed char>(1), keep(host.NewRGBColor(200, 100, 50)))
-                                : RunEffect(host, effect, method->second, source, log);
+        REALobject result =
+            method != kMethods.end()
+                ? RunEffect(host, effect, method->second, source, log)
+                : host.Call<REALobject>(effect, kPolarApply4, source, static_cast<signed char>(0),
+                                        static_cast<signed char>(1), keep(host.NewRGBColor(200, 100, 50)));
         if (lastError != 0) {
           report.codes[name].insert(lastError);
           EXPECT_EQ(result, nullptr) << "a refused run has no result";
@@ -113,7 +114,8 @@ TourReport Tour(Host& host, bool locksWork) {
         if (result) {
           EXPECT_EQ(host.Bitmap(result).width, host.Bitmap(source).width);
         }
-        if (result || (inPlace && lastError == 0)) ++report.results[name + "." + declaration.substr(0, declaration.find('('))];
+        if (result || (inPlace && lastError == 0))
+          ++report.results[name + "." + declaration.substr(0, declaration.find('('))];
         host.Unlock(result);
       }
     host.Unlock(effect);
@@ -152,7 +154,8 @@ TEST_P(FaultWithout, StartUpAndEveryMethodGiveTheDocumentedValue) {
     EXPECT_EQ(std::make_tuple(host.registeredClassNames().size(), host.New(kInterlace)), std::make_tuple(0u, nullptr));
     return;
   }
-  EXPECT_EQ(host.registeredClassNames(), std::vector<std::string>(std::begin(kEffectClasses), std::end(kEffectClasses)));
+  EXPECT_EQ(host.registeredClassNames(),
+            std::vector<std::string>(std::begin(kEffectClasses), std::end(kEffectClasses)));
   EXPECT_EQ(host.pluginVersion(), outcome == Without::NoVersionReport ? -1 : 13);
   const bool noData = outcome == Without::NoBitmapData || outcome == Without::NoBitmapDataOrColours;
   const bool noColours = outcome == Without::NilColours || outcome == Without::NoBitmapDataOrColours;
@@ -187,7 +190,8 @@ TEST(FaultServices, NilDefaultColourIsRefusedOrFilledWithZeros) {
     EXPECT_EQ(host.Get<REALobject>(effect, "BackColor"), nullptr);
     if (className == kBarrel) host.Set<double>(effect, "Distortion", 3.0);  // pulls the rim from outside
     REALobject result = host.Call<REALobject>(effect, kApply, source);
-    EXPECT_EQ(std::make_tuple(host.LastError(effect), result == nullptr), std::make_tuple(className == kPolar ? 4 : 0, className == kPolar));
+    EXPECT_EQ(std::make_tuple(host.LastError(effect), result == nullptr),
+              std::make_tuple(className == kPolar ? 4 : 0, className == kPolar));
     bool zeroBackground = false;  // some pixel was filled with the all-zero colour
     for (const std::vector<uint8_t>& row : result ? Rows(host, result) : std::vector<std::vector<uint8_t>>{})
       for (size_t x = 0; x < row.size(); x += 4) zeroBackground |= (row[x] | row[x + 1] | row[x + 2]) == 0;

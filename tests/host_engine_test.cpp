@@ -129,8 +129,8 @@ class EngineTest : public AsyncHostTest {
                                             2, formatFlags);
   }
   void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter) {
-    engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record,
-                                   nullptr, 3, 13, 1, target, log.method(), deleter);
+    engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows,
+                                   host.Bitmap(source).record, nullptr, 3, 13, 1, target, log.method(), deleter);
   }
 
   REALobject effect = nullptr;
@@ -176,7 +176,8 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
             EXPECT_TRUE(!balanced || first == end || first % 4 == 0) << "a balanced part starts at row " << first;
           }
           EXPECT_EQ(empty > 0, policy == SplitPolicy::WithEmptyParts);
-          EXPECT_GE(int64_t(params.parts.size()), policy == SplitPolicy::Balanced ? std::min<int64_t>((height + 3) / 4, threads) : 1);
+          const int64_t enough = policy == SplitPolicy::Balanced ? std::min<int64_t>((height + 3) / 4, threads) : 1;
+          EXPECT_GE(int64_t(params.parts.size()), enough) << "too few parts";
           const auto src = host.Bitmap(source), dst = host.Bitmap(result);
           const GenericMPParams& h = params.head;
           EXPECT_EQ(std::tie(h.width, h.height, h.progress, h.cancel, h.srcPixelBytes, h.dstPixelBytes, h.maskData),
@@ -200,7 +201,7 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
           result = Process(&blank, source, nullptr, flags);
           ASSERT_NE(result, nullptr);
           const std::vector<uint8_t> bytes = Pixels(host, result);
-          EXPECT_EQ(std::count(bytes.begin(), bytes.end(), uint8_t{0}), std::ssize(bytes)) << "written where no part wrote";
+          EXPECT_EQ(std::count(bytes.begin(), bytes.end(), uint8_t{0}), std::ssize(bytes)) << "a byte no part wrote";
           host.Unlock(result);
 
           CopyParams inPlace(height);
@@ -351,7 +352,8 @@ TEST(EngineSizeCap, EverySourceWithinTheCapHasAResult) {
   rawfx::host::Host capped(options);
   REALobject effect = capped.New(kPolar);
   for (const auto& [width, height, format, bits] :
-       {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8}, {3, 1365, kGray, 8}}) {
+       {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8},
+        {3, 1365, kGray, 8}}) {
     SCOPED_TRACE(::testing::Message() << width << " x " << height << " at " << bits << " bits");
     EXPECT_EQ(capped.NewBitmap(width, height + 1, format, bits), nullptr) << "a row more is past the cap";
     REALobject source = NewPattern(capped, width, height, format, bits, 7);

@@ -53,12 +53,11 @@ TEST_P(VersionGate, RegistersAllFourRecordsInOrderOrNothing) {
   EXPECT_EQ(output, "version 13 asked 1\n" + (GetParam().registers ? registered : "lock 0 classRef 0"));
 }
 
-INSTANTIATE_TEST_SUITE_P(HostVersions, VersionGate,
-                         ::testing::Values(GateCase{"v2011", 2011.0, false, true}, GateCase{"v2010_999", 2010.999, false, false},
-                                           GateCase{"v100", 100.0, false, true}, GateCase{"v100_5", 100.5, false, false},
-                                           GateCase{"v99", 99.0, false, false}, GateCase{"NaN", NAN, false, true},
-                                           GateCase{"v2024", 2024.0, false, true},
-                                           GateCase{"v2024_without_version_service", 2024.0, true, false}),
+const GateCase kGates[] = {
+    {"v2011", 2011.0, false, true}, {"v2010_999", 2010.999, false, false}, {"v100", 100.0, false, true},
+    {"v100_5", 100.5, false, false}, {"v99", 99.0, false, false},          {"NaN", NAN, false, true},
+    {"v2024", 2024.0, false, true},  {"v2024_without_version_service", 2024.0, true, false}};
+INSTANTIATE_TEST_SUITE_P(HostVersions, VersionGate, ::testing::ValuesIn(kGates),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(StartUp, ModuleExportsOnlyItsEntryPoint) {
