@@ -12,7 +12,6 @@
 
 #include "imaging/color_order.h"
 #include "imaging/cpu_dispatch.h"
-#include "imaging/mp_filter.h"
 #include "plugin/host_binding.h"
 #include "support/host_fixture.h"
 
@@ -210,14 +209,13 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
   });
 }
 
-// ---- bitmaps and progress handlers, through a real host --------------------------------------
+// ---- bitmap creation, through a real host ------------------------------------------------------
 
 rawfx::host::Host* gChildHost = nullptr;
 
 // The plug-in's own bitmap creation, bound to a real host in a fresh process:
 // every size the companion refuses gives nil and leaves no instance behind; a
-// valid one comes with its record. The progress handler is found by its exact
-// declaration, and a nil target has none.
+// valid one comes with its record.
 TEST(RawBitmapAccess, RefusedSizesGiveNilAndLeaveNothing) {
   const std::string report = rawfx::test::RunInChild([] {
     rawfx::host::Host host;
@@ -239,12 +237,6 @@ TEST(RawBitmapAccess, RefusedSizesGiveNilAndLeaveNothing) {
     if (!fine || !data || data->width != 3 || GetRawBitmapData(fine) != data) problems += "refused a valid size\n";
     host.Unlock(fine);
     if (host.LiveObjectCount() != 0 || host.StrayLockCalls() != 0) problems += "unbalanced at the end\n";
-    static const auto onProgress = [](REALobject, uint64_t, uint64_t, uint64_t, bool*) {};
-    host.DefineClass({"Listener", "MPImageFilterRaw", {{kOnProgressDecl, reinterpret_cast<void*>(+onProgress)}}});
-    REALobject listener = host.New("Listener");
-    if (GetProgressProc(listener) != reinterpret_cast<void*>(+onProgress) || GetProgressProc(nullptr))
-      problems += "progress handler\n";
-    host.Unlock(listener);
     return problems.empty() ? std::string("ok") : problems;
   });
   EXPECT_EQ(report, "ok");
