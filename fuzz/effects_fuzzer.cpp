@@ -14,10 +14,11 @@
 // A failed check aborts, so libFuzzer keeps the input as a crash artefact.
 //
 // Input layout, read front to back (bytes past the end read as 0): class,
-// method (not for oil paint), format, depth, width, height, padding, 4 bytes of
-// pixel seed, the patched depth (depth choice 7 only), split policy, colour
-// kind and its components, mask kind, channel and inversion, then the class's
-// own settings (ReadSettings). Each choice is a byte taken modulo its count.
+// method (only for classes with more than one), format, depth, width, height,
+// padding, 4 bytes of pixel seed, the patched depth (depth choice 7 only), split
+// policy, colour kind and its components, mask kind, channel and inversion,
+// then the class's own settings (its row of kEffects, then the extras of
+// ReadSettings). Each choice is a byte taken modulo its count.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -29,7 +30,6 @@
 #include <string>
 #include <vector>
 
-#include "effects/barrel/barrel_class.h"
 #include "effects/oilpaint/oilpaint_class.h"
 #include "host/host.h"
 #include "support/barrel_reference.h"
@@ -40,9 +40,8 @@
 namespace {
 
 using rawfx::host::BitmapView;
-using rawfx::host::EngineCall;
 using rawfx::host::Host;
-using rawfx::host::SplitPolicy;
+namespace ref = rawfx::reference;
 
 constexpr const char* kApply = "Apply(source as RawBitmap) as RawBitmap";
 constexpr const char* kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
@@ -61,8 +60,6 @@ constexpr int64_t kMaxSide = 64;
 void Check(bool condition, const char* what) {
   if (!condition) Fail(what);
 }
-
-// ---- reading the input ------------------------------------------------------------------
 
 class Input {
  public:
@@ -88,9 +85,8 @@ class Input {
                                       std::numeric_limits<double>::infinity(),
                                       -std::numeric_limits<double>::infinity(),
                                       std::numeric_limits<double>::denorm_min(), 0.1, -0.1, 0.25, -0.75};
-    constexpr int kCount = static_cast<int>(std::size(kSpecial));
     const int choice = Byte();
-    return choice < kCount ? kSpecial[choice] : choice < 128 ? (choice - 80) / 16.0 : Raw<double>();
+    return choice < int(std::size(kSpecial)) ? kSpecial[choice] : choice < 128 ? (choice - 80) / 16.0 : Raw<double>();
   }
 
   // Mostly the valid enum values 0..2 and their neighbours, sometimes any int64.
@@ -105,112 +101,73 @@ class Input {
   size_t at_ = 0;
 };
 
-// ---- the run being checked ----------------------------------------------------------------
+// ---- the classes, as data ----------------------------------------------------------------
 
-enum class Effect { Interlace, Polar, Barrel, OilPaint };
 enum class Method { Apply, PolarApply4, InPlace, Async };
+enum class Kind { Enum, Flag, Double, Byte, Float };  // how a setting is read from the input
 
-const char* ClassName(Effect effect) {
-  switch (effect) {
-    case Effect::Interlace: return "InterlaceEffectRaw";
-    case Effect::Polar: return "PolarCoordinatesEffectRaw";
-    case Effect::Barrel: return "BarrelDistortEffectRaw";
-    case Effect::OilPaint: return "OilPaintEffectRaw";
-  }
-  return "";
-}
-
-size_t ParamsBytes(Effect effect) {
-  switch (effect) {
-    case Effect::Interlace: return sizeof(InterlaceParams);
-    case Effect::Polar: return sizeof(PolarCoordinatesParams);
-    case Effect::Barrel: return sizeof(BarrelDistortionParams);
-    case Effect::OilPaint: return sizeof(OilPaintParams);
-  }
-  return 0;
-}
-
-Method ChooseMethod(Effect effect, Input& in) {
-  switch (effect) {
-    case Effect::Interlace: return in.Flag() ? Method::InPlace : Method::Apply;
-    case Effect::Polar: {
-      const Method methods[] = {Method::Apply, Method::PolarApply4, Method::Async};
-      return methods[in.Pick(3)];
-    }
-    case Effect::Barrel: return in.Flag() ? Method::Async : Method::Apply;
-    case Effect::OilPaint: return Method::Apply;
-  }
-  return Method::Apply;
-}
-
-// What the inspector saw of the run: a copy of the parameter block while it was
-// alive, the parts, and the destination.
-struct Inspection {
-  size_t paramsBytes = 0;  // set before the run
-  int runs = 0;
-  EngineCall call;
-  std::vector<uint8_t> params;
-  std::vector<MPParamBlock> parts;
-  REALobject destination = nullptr;
+struct EffectRow {
+  const char* className;
+  size_t paramsBytes;
+  std::vector<Method> methods;  // one input byte picks among more than one
+  // The reference kernel by depth (8, 16) and variant (plain, then masked for
+  // interlace and oil paint, interpolating for barrel).
+  const PartFunction* parts[2][2];
+  std::vector<std::pair<const char*, Kind>> settings;
 };
 
+const EffectRow kEffects[] = {
+    {"InterlaceEffectRaw", sizeof(InterlaceParams), {Method::Apply, Method::InPlace},
+     {{&ref::InterlacePart, &ref::InterlaceMaskPart}, {&ref::InterlacePart16, &ref::InterlaceMaskPart16}},
+     {{"HorizontalInterlaceType", Kind::Enum}, {"VerticalInterlaceType", Kind::Enum},
+      {"InterlaceAlphaChannel", Kind::Flag}}},
+    {"PolarCoordinatesEffectRaw", sizeof(PolarCoordinatesParams), {Method::Apply, Method::PolarApply4, Method::Async},
+     {{&ref::PolarCoordinatesPart, &ref::PolarCoordinatesPart},
+      {&ref::PolarCoordinatesPart16, &ref::PolarCoordinatesPart16}},
+     {}},
+    {"BarrelDistortEffectRaw", sizeof(BarrelDistortionParams), {Method::Apply, Method::Async},
+     {{&ref::BarrelDistort8BitPart, &ref::BarrelDistortInterpolate8BitPart},
+      {&ref::BarrelDistort16BitPart, &ref::BarrelDistortInterpolate16BitPart}},
+     {{"Interpolate", Kind::Flag}, {"Distortion", Kind::Double}, {"VerticalKeystone", Kind::Double},
+      {"HorizontalKeystone", Kind::Double}}},
+    // Oil paint refuses 16-bit sources before any kernel.
+    {"OilPaintEffectRaw", sizeof(OilPaintParams), {Method::Apply},
+     {{&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}, {&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}},
+     {{"BrushSize", Kind::Byte}, {"Smoothness", Kind::Float}}},
+};
+enum { kInterlace, kPolar, kBarrel, kOilPaint };  // rows of kEffects
+
+// ---- the run being checked ---------------------------------------------------------------
+
+// What the run inspector saw: a copy of the parameter block while it was alive,
+// the parts and the destination; and what the completion method was given.
 struct World {
   std::unique_ptr<Host> host;
-  Inspection inspection;
-  int completions = 0;
-  REALobject asyncResult = nullptr;  // locked by the completion
+  size_t paramsBytes = 0;  // set before the run
+  int runs = 0, completions = 0;
+  rawfx::host::EngineCall call;
+  std::vector<uint8_t> params;
+  std::vector<MPParamBlock> parts;
+  REALobject destination = nullptr, asyncResult = nullptr;  // the result locked by the completion
 };
 World* gWorld = nullptr;
 
-void KeepAsyncResult(REALobject, REALobject result) {
-  ++gWorld->completions;
-  if (result) gWorld->host->Lock(result);
-  gWorld->asyncResult = result;
-}
-
-void Inspect(const EngineCall& call, const GenericMPParams& params, const std::vector<MPParamBlock>& parts,
-             REALobject destination) {
-  Inspection& seen = gWorld->inspection;
-  ++seen.runs;
-  seen.call = call;
-  const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
-  seen.params.assign(bytes, bytes + seen.paramsBytes);
-  seen.parts = parts;
-  seen.destination = destination;
-}
-
-// ---- building the run ----------------------------------------------------------------------
-
 struct Setup {
-  Effect effect;
+  const EffectRow* row;
+  int index;
   Method method;
-  REALobject object = nullptr;  // the effect
-  REALobject source = nullptr;
-  REALobject colourArgument = nullptr;  // the four-argument Apply's colour
+  REALobject object = nullptr, source = nullptr;  // the effect and its source
+  REALobject colourArgument = nullptr;            // the four-argument Apply's colour
   signed char rectangularToPolar = 0, flipMapping = 0;
-  bool interpolate = false;  // barrel: the part the effect will pick
   std::vector<REALobject> held;  // released at the end
+
+  REALobject Hold(REALobject made) {
+    if (made) held.push_back(made);
+    return made;
+  }
 };
 
-REALobject Hold(Setup& setup, REALobject object) {
-  if (object) setup.held.push_back(object);
-  return object;
-}
-
-// A source bitmap as the input describes it; nil when the input asks for none.
-REALobject MakeSource(Host& host, Input& in, Setup& setup) {
-  const auto& formats = rawfx::host::Formats();
-  const rawfx::host::FormatInfo& format = formats[in.Pick(static_cast<int>(formats.size()))];
-  const int depthChoice = in.Pick(8);
-  const int bits = depthChoice < 4 ? 8 : 16;
-  const int64_t width = in.Pick(kMaxSide + 1), height = in.Pick(kMaxSide + 1);
-  const int64_t padding = in.Pick(9) * (bits / 8);
-  const uint32_t seed = in.Raw<uint32_t>();
-  if (width == 0 && height == 0 && depthChoice == 0) return nullptr;
-  REALobject source = Hold(setup, host.NewBitmap(std::max<int64_t>(width, 1), std::max<int64_t>(height, 1),
-                                                 format.code, bits, padding));
-  Check(source != nullptr, "the host refused a bitmap it should make");
-  const BitmapView view = host.Bitmap(source);
+void Fill(const BitmapView& view, uint32_t seed) {
   uint32_t state = seed | 1;
   for (int64_t i = 0; i < view.rowBytes * view.height; ++i) {
     state ^= state << 13;
@@ -218,7 +175,22 @@ REALobject MakeSource(Host& host, Input& in, Setup& setup) {
     state ^= state << 5;
     view.pixels[i] = static_cast<uint8_t>(state >> 24);
   }
-  // A record that says no pixels, or another depth, than the memory has.
+}
+
+// A source bitmap as the input describes it; nil when the input asks for none.
+// The record may say no pixels, or another depth, than the memory has.
+REALobject MakeSource(Host& host, Input& in, Setup& setup) {
+  const auto& formats = rawfx::host::Formats();
+  const rawfx::host::FormatInfo& format = formats[in.Pick(static_cast<int>(formats.size()))];
+  const int depthChoice = in.Pick(8), bits = depthChoice < 4 ? 8 : 16;
+  const int64_t width = in.Pick(kMaxSide + 1), height = in.Pick(kMaxSide + 1), padding = in.Pick(9) * (bits / 8);
+  const uint32_t seed = in.Raw<uint32_t>();
+  if (width == 0 && height == 0 && depthChoice == 0) return nullptr;
+  REALobject source = setup.Hold(host.NewBitmap(std::max<int64_t>(width, 1), std::max<int64_t>(height, 1),
+                                                format.code, bits, padding));
+  Check(source != nullptr, "the host refused a bitmap it should make");
+  const BitmapView view = host.Bitmap(source);
+  Fill(view, seed);
   if (width == 0) view.record->width = 0;
   if (height == 0) view.record->height = 0;
   if (depthChoice == 7) {
@@ -228,27 +200,22 @@ REALobject MakeSource(Host& host, Input& in, Setup& setup) {
   return source;
 }
 
-REALobject MakeColour(Host& host, Input& in, Setup& setup, int kind) {
-  switch (kind) {
-    case 2: return Hold(setup, host.NewRGBColor(in.Byte(), in.Byte(), in.Byte(), in.Byte()));
-    case 3: return Hold(setup, host.NewRGBColor16(in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>(),
-                                                  in.Raw<uint16_t>()));
-    case 4: return Hold(setup, host.NewCMYKColor(in.Byte(), in.Byte(), in.Byte(), in.Byte(), in.Byte()));
-    default: return nullptr;
-  }
-}
-
 // Colour kinds: 0 the default, 1 nil, 2 RGB, 3 16-bit RGB, 4 CMYK, 5 an object
 // that is not a colour (only a method argument can be that).
 void SetColour(Host& host, Input& in, Setup& setup) {
   const int kind = in.Pick(6);
-  REALobject colour = kind == 5 ? setup.source : MakeColour(host, in, setup, kind);
+  REALobject colour = nullptr;
+  if (kind == 2) colour = host.NewRGBColor(in.Byte(), in.Byte(), in.Byte(), in.Byte());
+  if (kind == 3)
+    colour = host.NewRGBColor16(in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>());
+  if (kind == 4) colour = host.NewCMYKColor(in.Byte(), in.Byte(), in.Byte(), in.Byte(), in.Byte());
+  setup.Hold(colour);
+  if (kind == 5) colour = setup.source;
   if (setup.method == Method::PolarApply4) {
     setup.colourArgument = colour;
-    return;
+  } else if (setup.index != kOilPaint && kind != 0 && kind != 5) {
+    host.Set<REALobject>(setup.object, "BackColor", colour);  // nil is ignored
   }
-  if (setup.effect == Effect::OilPaint || kind == 0 || kind == 5) return;
-  host.Set<REALobject>(setup.object, "BackColor", colour);  // nil is ignored
 }
 
 // Mask kinds: 0 none, 1 a grey bitmap of the source's size, 2 a channel of the
@@ -257,83 +224,48 @@ void SetMask(Host& host, Input& in, Setup& setup) {
   const int kind = in.Pick(5);
   const uint8_t channel = in.Byte();
   const bool inverted = in.Flag();
-  if (setup.effect != Effect::Interlace && setup.effect != Effect::OilPaint) return;
-  if (kind == 0 || !setup.source) return;
+  if ((setup.index != kInterlace && setup.index != kOilPaint) || kind == 0 || !setup.source) return;
   const BitmapView view = host.Bitmap(setup.source);
   const int64_t width = std::max<int64_t>(view.width, 1), height = std::max<int64_t>(view.height, 1);
   REALobject maskBitmap = setup.source;
   if (kind != 2) {
-    maskBitmap = Hold(setup, host.NewBitmap(width, kind == 3 ? std::max<int64_t>(height - 1, 1) : height, 0, 8));
+    maskBitmap = setup.Hold(host.NewBitmap(width, kind == 3 ? std::max<int64_t>(height - 1, 1) : height, 0, 8));
     const BitmapView maskView = host.Bitmap(maskBitmap);
     for (int64_t i = 0; i < maskView.rowBytes * maskView.height; ++i)
       maskView.pixels[i] = static_cast<uint8_t>(i * 37 + channel);
   }
-  REALobject mask = Hold(setup, host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0));
+  REALobject mask = setup.Hold(host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0));
   host.Set<REALobject>(setup.object, "Mask", mask);
   if (kind == 4) host.Set(setup.object, "Mask", nullptr);
 }
 
+// The class's settings row, then what its setters would not let through.
 void ReadSettings(Host& host, Input& in, Setup& setup) {
-  REALobject effect = setup.object;
-  switch (setup.effect) {
-    case Effect::Interlace:
-      host.Set<int64_t>(effect, "HorizontalInterlaceType", in.Enum());
-      host.Set<int64_t>(effect, "VerticalInterlaceType", in.Enum());
-      host.Set<bool>(effect, "InterlaceAlphaChannel", in.Flag());
-      break;
-    case Effect::Polar: {
-      // The flags are bytes the host writes itself; any value may lie there.
-      auto* flags = static_cast<uint8_t*>(host.ClassData(effect, ClassName(setup.effect)));
-      flags[0] = in.Byte() % 3;
-      flags[1] = in.Byte() % 3;
-      setup.rectangularToPolar = static_cast<signed char>(in.Byte());
-      setup.flipMapping = static_cast<signed char>(in.Byte());
-      break;
-    }
-    case Effect::Barrel:
-      host.Set<bool>(effect, "Interpolate", in.Flag());
-      host.Set<double>(effect, "Distortion", in.Double());
-      host.Set<double>(effect, "VerticalKeystone", in.Double());
-      host.Set<double>(effect, "HorizontalKeystone", in.Double());
-      setup.interpolate = static_cast<BarrelDistortionData*>(host.ClassData(effect, ClassName(setup.effect)))
-                              ->interpolate != 0;
-      break;
-    case Effect::OilPaint: {
-      host.Set<uint8_t>(effect, "BrushSize", in.Byte());
-      host.Set<float>(effect, "Smoothness", in.Raw<float>());
-      // Values the setters would clamp, written straight into the instance data.
-      auto* data = static_cast<OilPaintData*>(host.ClassData(effect, ClassName(setup.effect)));
-      if (in.Pick(4) == 0) data->brushSize = in.Byte();
-      if (in.Pick(4) == 0) data->smoothness = in.Raw<float>();
-      break;
-    }
+  for (const auto& [name, kind] : setup.row->settings) {
+    if (kind == Kind::Enum) host.Set<int64_t>(setup.object, name, in.Enum());
+    if (kind == Kind::Flag) host.Set<bool>(setup.object, name, in.Flag());
+    if (kind == Kind::Double) host.Set<double>(setup.object, name, in.Double());
+    if (kind == Kind::Byte) host.Set<uint8_t>(setup.object, name, in.Byte());
+    if (kind == Kind::Float) host.Set<float>(setup.object, name, in.Raw<float>());
+  }
+  void* data = host.ClassData(setup.object, setup.row->className);
+  if (setup.index == kPolar) {
+    // The flags are bytes the host writes itself; any value may lie there.
+    static_cast<uint8_t*>(data)[0] = in.Byte() % 3;
+    static_cast<uint8_t*>(data)[1] = in.Byte() % 3;
+    setup.rectangularToPolar = static_cast<signed char>(in.Byte());
+    setup.flipMapping = static_cast<signed char>(in.Byte());
+  }
+  if (setup.index == kOilPaint) {  // values the setters would clamp, written straight into the instance data
+    if (in.Pick(4) == 0) static_cast<OilPaintData*>(data)->brushSize = in.Byte();
+    if (in.Pick(4) == 0) static_cast<OilPaintData*>(data)->smoothness = in.Raw<float>();
   }
 }
 
-// ---- checking the run --------------------------------------------------------------------------
+// ---- checking the run -------------------------------------------------------------------
 
 std::vector<uint8_t> AllBytes(const BitmapView& view) {
   return {view.pixels, view.pixels + view.rowBytes * view.height};
-}
-
-PartFunction ReferencePart(const Setup& setup, int bits, bool masked) {
-  const bool wide = bits == 16;
-  switch (setup.effect) {
-    case Effect::Interlace:
-      if (wide) return masked ? rawfx::reference::InterlaceMaskPart16 : rawfx::reference::InterlacePart16;
-      return masked ? rawfx::reference::InterlaceMaskPart : rawfx::reference::InterlacePart;
-    case Effect::Polar:
-      return wide ? rawfx::reference::PolarCoordinatesPart16 : rawfx::reference::PolarCoordinatesPart;
-    case Effect::Barrel:
-      if (wide)
-        return setup.interpolate ? rawfx::reference::BarrelDistortInterpolate16BitPart
-                                 : rawfx::reference::BarrelDistort16BitPart;
-      return setup.interpolate ? rawfx::reference::BarrelDistortInterpolate8BitPart
-                               : rawfx::reference::BarrelDistort8BitPart;
-    case Effect::OilPaint:
-      return masked ? rawfx::reference::OilPaintMaskPart8bit : rawfx::reference::OilPaintPart8bit;
-  }
-  return nullptr;
 }
 
 // Runs the reference kernel over the run's own block and parts, on the source
@@ -341,46 +273,42 @@ PartFunction ReferencePart(const Setup& setup, int bits, bool masked) {
 // run is repeated on the source's own memory, put back as it was, since a mask
 // may read that memory too.
 void CheckAgainstReference(Host& host, const Setup& setup, const std::vector<uint8_t>& sourceBefore) {
-  const Inspection& seen = gWorld->inspection;
-  std::vector<uint8_t> block = seen.params;
+  std::vector<uint8_t> block = gWorld->params, source = sourceBefore;
   auto& head = *reinterpret_cast<GenericMPParams*>(block.data());
-  const BitmapView destination = host.Bitmap(seen.destination);
+  const BitmapView destination = host.Bitmap(gWorld->destination);
   const std::vector<uint8_t> actual = AllBytes(destination);
-  std::vector<uint8_t> source = sourceBefore;
   std::vector<uint8_t> separate(actual.size(), 0);
-  uint8_t* expected = separate.data();
-  if (setup.method == Method::InPlace) {
-    expected = destination.pixels;
-    std::copy(sourceBefore.begin(), sourceBefore.end(), expected);
-  }
-  head.srcPixels = setup.method == Method::InPlace ? expected : source.data();
+  const bool inPlace = setup.method == Method::InPlace;
+  uint8_t* expected = inPlace ? destination.pixels : separate.data();
+  if (inPlace) std::copy(sourceBefore.begin(), sourceBefore.end(), expected);
+  head.srcPixels = inPlace ? expected : source.data();
   head.dstPixels = expected;
   head.progress = 0;
   head.cancel = 0;
-  const PartFunction part = ReferencePart(setup, head.srcBitmap->bitsPerChannel, seen.call.mask != nullptr);
-  for (const MPParamBlock& engines : seen.parts) {
+  const bool variant =
+      gWorld->call.mask != nullptr || (setup.index == kBarrel && host.Get<bool>(setup.object, "Interpolate"));
+  const PartFunction part = *setup.row->parts[head.srcBitmap->bitsPerChannel == 16][variant];
+  for (const MPParamBlock& engines : gWorld->parts) {
     MPParamBlock mine{engines.firstRow, engines.endRow, 0, {}, block.data()};
     part(&mine);
   }
   const int64_t rowPixelsBytes = destination.width * destination.pixelBytes;
   for (int64_t y = 0; y < destination.height; ++y)
-    for (int64_t i = 0; i < destination.rowBytes; ++i) {
-      const size_t at = static_cast<size_t>(y * destination.rowBytes + i);
-      if (actual[at] != expected[at])
-        Fail(std::string(ClassName(setup.effect)) + ": destination byte " + std::to_string(i) + " of row " +
+    for (int64_t i = 0; i < destination.rowBytes; ++i)
+      if (actual[size_t(y * destination.rowBytes + i)] != expected[size_t(y * destination.rowBytes + i)])
+        Fail(std::string(setup.row->className) + ": destination byte " + std::to_string(i) + " of row " +
              std::to_string(y) + (i < rowPixelsBytes ? " differs from the reference" : " (padding) was written"));
-    }
 }
 
 // A refused run stored its code and ran nothing; an accepted run's result (if
-// any) is the inspected destination.
+// any) is the inspected destination, of its source's shape.
 void CheckOutcome(Host& host, const Setup& setup, REALobject result, int64_t lastError, int64_t asyncStarted) {
-  const Inspection& seen = gWorld->inspection;
+  const World& seen = *gWorld;
   Check(lastError == 0 || lastError == 4 || lastError == 6, "an error code other than 4 or 6");
   if (lastError != 0)
     Check(seen.runs == 0 && asyncStarted == 0 && !result, "a refused run reached the engine or gave a result");
   if (setup.method == Method::Async)
-    Check(gWorld->completions == (asyncStarted > 0 ? 1 : 0), "an asynchronous run did not complete exactly once");
+    Check(seen.completions == (asyncStarted > 0 ? 1 : 0), "an asynchronous run did not complete exactly once");
   Check(seen.runs <= 1, "one call made more than one run");
   if (result && result != setup.source) {
     Check(seen.runs == 1 && result == seen.destination, "a result that is not the run's destination");
@@ -390,33 +318,33 @@ void CheckOutcome(Host& host, const Setup& setup, REALobject result, int64_t las
           "a result of another shape than its source");
   }
   if (result == setup.source && result)
-    Check(setup.effect == Effect::Interlace && seen.runs == 0, "only interlace with nothing to do returns its source");
+    Check(setup.index == kInterlace && seen.runs == 0, "only interlace with nothing to do returns its source");
 }
 
-// ---- one input ------------------------------------------------------------------------------
+// ---- one input -----------------------------------------------------------------------------
 
 void RunOne(Host& host, Input& in) {
   Setup setup;
-  setup.effect = static_cast<Effect>(in.Pick(4));
-  setup.method = ChooseMethod(setup.effect, in);
-  setup.object = Hold(setup, host.New(ClassName(setup.effect)));
+  setup.index = in.Pick(4);
+  setup.row = &kEffects[setup.index];
+  const std::vector<Method>& methods = setup.row->methods;
+  setup.method = methods.size() > 1 ? methods[size_t(in.Pick(int(methods.size())))] : methods[0];
+  setup.object = setup.Hold(host.New(setup.row->className));
   setup.source = MakeSource(host, in, setup);
-  const SplitPolicy policies[] = {SplitPolicy::Balanced, SplitPolicy::SinglePart, SplitPolicy::SmallParts,
-                                  SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts};
+  const rawfx::host::SplitPolicy policies[] = {
+      rawfx::host::SplitPolicy::Balanced, rawfx::host::SplitPolicy::SinglePart, rawfx::host::SplitPolicy::SmallParts,
+      rawfx::host::SplitPolicy::OddStarts, rawfx::host::SplitPolicy::WithEmptyParts};
   host.SetSplitPolicy(policies[in.Pick(5)]);
   SetColour(host, in, setup);
   SetMask(host, in, setup);
   ReadSettings(host, in, setup);
 
-  const std::vector<uint8_t> sourceBefore =
-      setup.source ? AllBytes(host.Bitmap(setup.source)) : std::vector<uint8_t>{};
-  Inspection& seen = gWorld->inspection;
-  seen = Inspection{};
-  seen.paramsBytes = ParamsBytes(setup.effect);
-  gWorld->completions = 0;
-  gWorld->asyncResult = nullptr;
+  const std::vector<uint8_t> sourceBefore = setup.source ? AllBytes(host.Bitmap(setup.source)) : std::vector<uint8_t>{};
+  World& seen = *gWorld;
+  seen.paramsBytes = setup.row->paramsBytes;
+  seen.runs = seen.completions = 0;
+  seen.destination = seen.asyncResult = nullptr;
   const int64_t asyncBefore = host.asyncCounts().started;
-
   REALobject result = nullptr;
   switch (setup.method) {
     case Method::Apply: result = host.Call<REALobject>(setup.object, kApply, setup.source); break;
@@ -427,18 +355,22 @@ void RunOne(Host& host, Input& in) {
     case Method::InPlace: host.Call<void>(setup.object, kApplyInPlace, setup.source); break;
     case Method::Async:
       host.Call<void>(setup.object, kApplyAsync, setup.source, setup.object,
-                      reinterpret_cast<void*>(&KeepAsyncResult));
+                      reinterpret_cast<void*>(+[](REALobject, REALobject done) {
+                        ++gWorld->completions;
+                        if (done) gWorld->host->Lock(done);
+                        gWorld->asyncResult = done;
+                      }));
       host.WaitForAsync();
-      result = gWorld->asyncResult;
+      result = seen.asyncResult;
       break;
   }
-  Hold(setup, result);
+  setup.Hold(result);
 
   CheckOutcome(host, setup, result, host.LastError(setup.object), host.asyncCounts().started - asyncBefore);
   if (setup.source && setup.method != Method::InPlace)
     Check(AllBytes(host.Bitmap(setup.source)) == sourceBefore, "the source was written");
-  const bool completed = seen.runs == 1 && reinterpret_cast<GenericMPParams*>(seen.params.data())->cancel == 0;
-  if (completed) CheckAgainstReference(host, setup, sourceBefore);
+  if (seen.runs == 1 && reinterpret_cast<GenericMPParams*>(seen.params.data())->cancel == 0)
+    CheckAgainstReference(host, setup, sourceBefore);
 
   for (REALobject object : setup.held) host.Unlock(object);
   host.WaitForAsync();
@@ -453,7 +385,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   rawfx::host::HostOptions options;
   options.threads = kWorkers;
   world.host = std::make_unique<Host>(options);
-  world.host->SetRunInspector(&Inspect);
+  world.host->SetRunInspector([](const rawfx::host::EngineCall& call, const GenericMPParams& params,
+                                 const std::vector<MPParamBlock>& parts, REALobject destination) {
+    World& seen = *gWorld;
+    ++seen.runs;
+    seen.call = call;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
+    seen.params.assign(bytes, bytes + seen.paramsBytes);
+    seen.parts = parts;
+    seen.destination = destination;
+  });
   gWorld = &world;
   return 0;
 }

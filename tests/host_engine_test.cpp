@@ -5,37 +5,16 @@
 // and blocks that a run still holds.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <new>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "support/fault_checks.h"
-
-// A watch on the global operator delete, for the asynchronous disposal rule.
-namespace {
-std::atomic<void*> gWatchedBlock{nullptr};
-std::atomic<int> gWatchedBlockDeletes{0};
-}  // namespace
-
-void* operator new(std::size_t bytes) {
-  if (void* memory = std::malloc(bytes ? bytes : 1)) return memory;
-  throw std::bad_alloc();
-}
-// The engine also allocates with the nothrow form, which must pair with the delete below.
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept { return std::malloc(bytes ? bytes : 1); }
-void operator delete(void* memory) noexcept {
-  if (memory && memory == gWatchedBlock.load()) ++gWatchedBlockDeletes;
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+#include "support/host_fixture.h"
 
 namespace {
 
@@ -43,7 +22,6 @@ using namespace rawfx::test;
 using namespace rawfx::test::fault;
 using rawfx::host::EngineCall;
 using rawfx::host::SplitPolicy;
-using Parts = std::vector<std::pair<int32_t, int32_t>>;
 
 // Waits until the condition holds (or gives up after 5 s).
 template <class Condition>
@@ -58,36 +36,37 @@ struct CopyParams {
   explicit CopyParams(int64_t height) : visits(static_cast<size_t>(height)) {}
   GenericMPParams head{};
   std::mutex mutex;
-  Parts parts;
+  std::vector<std::pair<int32_t, int32_t>> parts;
   std::vector<std::atomic<int>> visits;
   std::atomic<int> maskedCalls{0};
   std::atomic<bool> released{true};  // parts wait while false
   int holdAtProgress = 0;            // > 0: parts wait for a cancel once progress reaches it
+  bool write = true;                 // false: rows are finished without a byte written
 
   int RowsDone() const {
     int done = 0;
     for (const auto& v : visits) done += v;
     return done;
   }
-  bool Cancelled() { return rawfx::CancelRequested(head); }
 };
 
 void* CopyRows(void* block) {
   auto* part = static_cast<MPParamBlock*>(block);
   auto& p = *static_cast<CopyParams*>(part->params);
+  const GenericMPParams& h = p.head;
   {
     std::lock_guard lock(p.mutex);
     p.parts.emplace_back(part->firstRow, part->endRow);
   }
   AwaitOrGiveUp([&] { return p.released.load(); });
   for (int32_t row = part->firstRow; row < part->endRow; ++row) {
-    std::memmove(p.head.dstPixels + int64_t{row} * p.head.dstRowBytes,
-                 p.head.srcPixels + int64_t{row} * p.head.srcRowBytes, size_t(p.head.width * p.head.srcPixelBytes));
+    if (p.write) std::memmove(h.dstPixels + int64_t{row} * h.dstRowBytes, h.srcPixels + int64_t{row} * h.srcRowBytes,
+                 size_t(h.width * h.srcPixelBytes));
     ++p.visits[static_cast<size_t>(row)];
     if (!rawfx::FinishRow(p.head)) break;
-    if (p.holdAtProgress > 0 && rawfx::ProgressOf(p.head) >= p.holdAtProgress) {
-      AwaitOrGiveUp([&] { return p.Cancelled(); });
-      if (p.Cancelled()) break;
+    if (p.holdAtProgress > 0 && rawfx::ProgressOf(h) >= p.holdAtProgress) {
+      AwaitOrGiveUp([&] { return rawfx::CancelRequested(h); });
+      if (rawfx::CancelRequested(h)) break;
     }
   }
   part->done = 1;
@@ -99,14 +78,6 @@ void* MaskedCopyRows(void* block) {
   return CopyRows(block);
 }
 
-// Finishes its rows without writing, for a block that holds nothing but the head.
-void* FinishRows(void* block) {
-  auto* part = static_cast<MPParamBlock*>(block);
-  for (int32_t row = part->firstRow; row < part->endRow; ++row)
-    if (!rawfx::FinishRow(*static_cast<GenericMPParams*>(part->params))) break;
-  return nullptr;
-}
-
 // What the program's progress handler and the delete callback were given.
 struct Handlers {
   std::pair<uint64_t, uint64_t> lastReport;
@@ -115,19 +86,18 @@ struct Handlers {
   std::atomic<int> deletes{0};
   std::atomic<REALobject> deleteSelf{nullptr};
   std::atomic<GenericMPParams*> deleteParams{nullptr};
-};
-Handlers* gHandlers = nullptr;
+} gHandlers;
 
 void OnProgress(REALobject self, uint64_t value, uint64_t total, uint64_t, bool* cancel) {
-  gHandlers->handlerSelf = self;
-  gHandlers->lastReport = {value, total};
-  if (gHandlers->cancelAt && value >= gHandlers->cancelAt) *cancel = true;
+  gHandlers.handlerSelf = self;
+  gHandlers.lastReport = {value, total};
+  if (gHandlers.cancelAt && value >= gHandlers.cancelAt) *cancel = true;
 }
 
 int RecordingDelete(REALobject self, GenericMPParams* params) {
-  gHandlers->deleteSelf = self;
-  gHandlers->deleteParams = params;
-  ++gHandlers->deletes;
+  gHandlers.deleteSelf = self;
+  gHandlers.deleteParams = params;
+  ++gHandlers.deletes;
   return 0;
 }
 
@@ -137,7 +107,8 @@ class EngineTest : public AsyncHostTest {
     host.DefineClass({"ProgressEffect", "MPImageFilterRaw", {{kOnProgressDecl, reinterpret_cast<void*>(&OnProgress)}}});
     effect = host.New("ProgressEffect");
     engine = static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"));
-    gHandlers = &handlers;
+    gHandlers.cancelAt = 0;
+    gHandlers.deletes = 0;
   }
   void TearDown() override {
     host.WaitForAsync();
@@ -149,43 +120,32 @@ class EngineTest : public AsyncHostTest {
   REALobject NewSource(int64_t height, int bits = 8) {
     return NewPattern(host, 9, height, kRGBA, bits, static_cast<uint32_t>(height), 8);
   }
-  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13,
-                     PartFunction part = &CopyRows) {
-    return engine->ops->ProcessParts(engine, params, part, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
+  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13) {
+    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
                                      formatFlags, 1);
   }
-  void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter,
-                  PartFunction part = &CopyRows) {
-    engine->ops->ProcessPartsAsync(effect, engine, source, params, part, &MaskedCopyRows, host.Bitmap(source).record,
-                                   nullptr, 3, 13, 1, target, log.method(), deleter);
+  REALobject InPlace(void* params, REALobject source, int32_t formatFlags = 13) {
+    return engine->ops->ProcessPartsInPlace(engine, params, &CopyRows, &CopyRows, host.Bitmap(source).record, nullptr,
+                                            2, formatFlags);
+  }
+  void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter) {
+    engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows,
+                                   host.Bitmap(source).record, nullptr, 3, 13, 1, target, log.method(), deleter);
   }
 
   REALobject effect = nullptr;
   MPImageFilterData* engine = nullptr;
-  Handlers handlers;
 };
-
-// ---- splitting, the head and the result ------------------------------------------------
-
-// Whether a part of rows [first, first + size) fits the policy's cut.
-bool Fits(SplitPolicy policy, int32_t first, int32_t size, int64_t height) {
-  switch (policy) {
-    case SplitPolicy::Balanced:
-    case SplitPolicy::WithEmptyParts: return first % 4 == 0;
-    case SplitPolicy::SmallParts: return size >= 1 && size <= 3;
-    case SplitPolicy::OddStarts: return first == 0 || first % 2 == 1;
-    case SplitPolicy::SinglePart: return size == height;
-  }
-  return false;
-}
 
 // Under every policy, thread count, height and depth: every row lies in
 // exactly one part, the head is filled whole (stale values replaced), and the
 // result, with the source's shape but rows padded its own way, comes with one
 // reference, the caller's. Progress reaches the host's observer, on the thread
 // that started the run, and the program's handler. In place, the source is the
-// destination and comes back itself, without a new reference.
-TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndTheHeadIsFilledWhole) {
+// destination and comes back itself, without a new reference. A result is
+// cleared by the parts that fill it: where no part writes, even in memory just
+// freed dirty, it reads zero.
+TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
   std::pair<int64_t, int64_t> observed;
   bool onCaller = true;
   host.SetProgressObserver([&, caller = std::this_thread::get_id()](int64_t done, int64_t total) {
@@ -194,14 +154,14 @@ TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndTheHeadIsFilledWhole) {
     return true;
   });
   for (SplitPolicy policy : {SplitPolicy::Balanced, SplitPolicy::SinglePart, SplitPolicy::SmallParts,
-                             SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts}) {
-    host.SetSplitPolicy(policy);
-    for (int threads : {1, 2, 3}) {
-      host.SetThreads(threads);
-      for (int64_t height : {1, 4, 5, 37})
+                             SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts})
+    for (int threads : {1, 2, 3})
+      for (int64_t height : {1, 4, 5, 37, 301})
         for (int bits : {8, 16}) {
-          SCOPED_TRACE("policy " + std::to_string(static_cast<int>(policy)) + ", " + std::to_string(threads) +
-                       " threads, " + std::to_string(height) + " rows, " + std::to_string(bits) + " bits");
+          SCOPED_TRACE(::testing::Message() << "policy " << int(policy) << ", " << threads << " threads, " << height
+                                            << " rows, " << bits << " bits");
+          host.SetSplitPolicy(policy);
+          host.SetThreads(threads);
           const int32_t flags = bits == 8 ? 13 : 14;
           REALobject source = NewSource(height, bits);
           CopyParams params(height);
@@ -209,17 +169,16 @@ TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndTheHeadIsFilledWhole) {
           REALobject result = Process(&params, source, nullptr, flags);
           ASSERT_NE(result, nullptr);
           for (int64_t row = 0; row < height; ++row) EXPECT_EQ(params.visits[size_t(row)], 1) << row;
+          const bool balanced = policy == SplitPolicy::Balanced || policy == SplitPolicy::WithEmptyParts;
           int empty = 0;
           for (const auto& [first, end] : params.parts) {
             empty += first == end;
-            EXPECT_TRUE(first == end || Fits(policy, first, end - first, height)) << "part " << first << ".." << end;
+            EXPECT_TRUE(!balanced || first == end || first % 4 == 0) << "a balanced part starts at row " << first;
           }
           EXPECT_EQ(empty > 0, policy == SplitPolicy::WithEmptyParts);
-          if (policy == SplitPolicy::Balanced) {
-            EXPECT_GE(int64_t(params.parts.size()), std::min<int64_t>((height + 3) / 4, threads)) << "too few parts";
-          }
-          const auto src = host.Bitmap(source);
-          const auto dst = host.Bitmap(result);
+          const int64_t enough = policy == SplitPolicy::Balanced ? std::min<int64_t>((height + 3) / 4, threads) : 1;
+          EXPECT_GE(int64_t(params.parts.size()), enough) << "too few parts";
+          const auto src = host.Bitmap(source), dst = host.Bitmap(result);
           const GenericMPParams& h = params.head;
           EXPECT_EQ(std::tie(h.width, h.height, h.progress, h.cancel, h.srcPixelBytes, h.dstPixelBytes, h.maskData),
                     std::make_tuple(9, height, height, 0, 4 * bits / 8, 4 * bits / 8, nullptr));
@@ -233,119 +192,98 @@ TEST_F(EngineTest, EveryRowLiesInExactlyOnePartAndTheHeadIsFilledWhole) {
                     std::make_tuple(EngineCall::Parts, static_cast<void*>(&params), &CopyRows, &MaskedCopyRows, 2,
                                     flags, 1, static_cast<int>(params.parts.size())));
           EXPECT_EQ(observed, std::make_pair(height, height));
-          EXPECT_EQ(handlers.lastReport, std::make_pair(uint64_t(height), uint64_t(height)));
+          EXPECT_EQ(gHandlers.lastReport, std::make_pair(uint64_t(height), uint64_t(height)));
+          std::memset(dst.pixels, 0xA5, size_t(dst.rowBytes * height));
+          host.Unlock(result);  // freed dirty, for the next result to reuse
+
+          CopyParams blank(height);
+          blank.write = false;
+          result = Process(&blank, source, nullptr, flags);
+          ASSERT_NE(result, nullptr);
+          const std::vector<uint8_t> bytes = Pixels(host, result);
+          EXPECT_EQ(std::count(bytes.begin(), bytes.end(), uint8_t{0}), std::ssize(bytes)) << "a byte no part wrote";
           host.Unlock(result);
 
           CopyParams inPlace(height);
-          EXPECT_EQ(
-              engine->ops->ProcessPartsInPlace(engine, &inPlace, &CopyRows, &CopyRows, src.record, nullptr, 2, flags),
-              source);
+          EXPECT_EQ(InPlace(&inPlace, source, flags), source);
           EXPECT_EQ(std::tie(inPlace.head.srcPixels, inPlace.head.dstPixels, inPlace.head.dstBitmap),
                     std::tie(src.pixels, src.pixels, src.record));
           EXPECT_EQ(std::make_tuple(inPlace.RowsDone(), host.RefCount(source), host.lastEngineCall().operation),
                     std::make_tuple(height, 1, EngineCall::PartsInPlace));
           host.Unlock(source);
         }
-    }
-  }
   host.SetProgressObserver(nullptr);
   EXPECT_TRUE(onCaller);
-  EXPECT_EQ(handlers.handlerSelf, effect);
+  EXPECT_EQ(gHandlers.handlerSelf, effect);
 }
 
-// The result is cleared by the parts that fill it; rows and padding that no
-// part writes must still read zero, even in memory freed dirty just before.
-TEST_F(EngineTest, AResultIsAllZeroWhereNoPartWrote) {
-  for (SplitPolicy policy :
-       {SplitPolicy::Balanced, SplitPolicy::SmallParts, SplitPolicy::OddStarts, SplitPolicy::WithEmptyParts}) {
-    host.SetSplitPolicy(policy);
-    for (int bits : {8, 16}) {
-      REALobject source = NewSource(301, bits);
-      REALobject dirty = host.NewBitmap(9, 301, kRGBA, bits, 24);  // a result's size, freed dirty
-      std::memset(host.Bitmap(dirty).pixels, 0xA5, Pixels(host, dirty).size());
-      host.Unlock(dirty);
-      GenericMPParams head{};
-      REALobject result = Process(&head, source, nullptr, bits == 8 ? 13 : 14, &FinishRows);
-      ASSERT_NE(result, nullptr);
-      const std::vector<uint8_t> bytes = Pixels(host, result);
-      EXPECT_EQ(size_t(std::count(bytes.begin(), bytes.end(), uint8_t{0})), bytes.size())
-          << "policy " << static_cast<int>(policy) << ", " << bits << " bits";
-      host.Unlock(result);
-      host.Unlock(source);
-    }
-  }
-}
-
-TEST_F(EngineTest, RefusesDepthsTheFlagsDoNotAllowAndMasksThatDoNotCoverTheSource) {
+// Depths the flags do not allow, a nil block and a mask that does not cover
+// the source are refused before any part starts; a mask that covers it
+// selects the masked part function.
+TEST_F(EngineTest, RefusesWrongDepthsNilBlocksAndShortMasks) {
   for (auto [bits, flags, runs] :
        {std::tuple{8, 13, true}, {8, 5, true}, {8, 14, false}, {16, 14, true}, {16, 13, false}, {16, 5, false}}) {
-    SCOPED_TRACE(std::to_string(bits) + " bits, flags " + std::to_string(flags));
+    SCOPED_TRACE(::testing::Message() << bits << " bits, flags " << flags);
     REALobject source = NewSource(4, bits);
     CopyParams params(4);
     REALobject result = Process(&params, source, nullptr, flags);
-    EXPECT_EQ(result != nullptr, runs);
-    EXPECT_EQ(params.parts.empty(), !runs);
-    EXPECT_EQ(host.lastEngineCall().parts, runs ? static_cast<int>(params.parts.size()) : 0);
+    EXPECT_EQ(std::make_tuple(result != nullptr, params.parts.empty(), host.lastEngineCall().parts),
+              std::make_tuple(runs, !runs, static_cast<int>(params.parts.size())));
     host.Unlock(result);
     host.Unlock(source);
   }
   EXPECT_EQ(engine->ops->ProcessParts(engine, nullptr, &CopyRows, &CopyRows, nullptr, nullptr, 2, 13, 1), nullptr);
 
-  // A mask selects the masked part function, and must cover the source.
   REALobject source = NewSource(8);
   REALobject maskBitmap = host.NewBitmap(9, 8, kGray), smallBitmap = host.NewBitmap(9, 7, kGray);
   REALobject mask = host.NewMask(maskBitmap), smallMask = host.NewMask(smallBitmap);
   CopyParams params(8), refused(8);
   REALobject result = Process(&params, source, mask);
   ASSERT_NE(result, nullptr);
-  EXPECT_EQ(params.maskedCalls.load(), static_cast<int>(params.parts.size()));
-  EXPECT_EQ(params.head.maskData, host.ClassData(mask, "RawBitmapMask"));
-  EXPECT_EQ(host.lastEngineCall().mask, mask);
+  EXPECT_EQ(std::make_tuple(params.maskedCalls.load(), params.head.maskData, host.lastEngineCall().mask),
+            std::make_tuple(int(params.parts.size()), host.ClassData(mask, "RawBitmapMask"), mask));
   EXPECT_EQ(Process(&refused, source, smallMask), nullptr);
   EXPECT_TRUE(refused.parts.empty());
   for (REALobject object : {result, smallMask, smallBitmap, mask, maskBitmap, source}) host.Unlock(object);
 }
 
-// ---- cancel ------------------------------------------------------------------------------------
-
 // A cancel from the host's observer, from the program's handler, requested
 // while the run goes or before it stops every part between rows (a preset one
-// after each part's first row), gives nil, and holds for that run only.
+// after each part's first row), gives nil, and holds for that run only. One
+// that the observer asks for with the last row stops nothing.
 TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   host.SetThreads(2);
   host.SetSplitPolicy(SplitPolicy::WithEmptyParts);
-  for (const std::string by : {"observer", "handler", "request", "preset"}) {
+  for (const std::string by : {"observer", "handler", "request", "preset", "last row"}) {
     SCOPED_TRACE(by);
-    host.SetProgressObserver([this, by](int64_t done, int64_t) {
+    host.SetProgressObserver([this, by](int64_t done, int64_t total) {
       if (by == "request" && done >= 8) host.RequestCancel(effect);
-      return by != "observer" || done < 8;
+      return by == "last row" ? done < total : by != "observer" || done < 8;
     });
-    handlers.cancelAt = by == "handler" ? 8 : 0;
+    gHandlers.cancelAt = by == "handler" ? 8 : 0;
     if (by == "preset") host.RequestCancel(effect);
     REALobject source = NewSource(64);
     CopyParams params(64);
-    params.holdAtProgress = by == "preset" ? 0 : 8;  // the parts wait there until the cancel arrives
-    EXPECT_EQ(Process(&params, source), nullptr);
+    params.holdAtProgress = by == "preset" || by == "last row" ? 0 : 8;  // the parts wait there for the cancel
+    REALobject result = Process(&params, source);
+    EXPECT_EQ(result != nullptr, by == "last row");
     int nonEmpty = 0;
     for (const auto& [first, end] : params.parts) {
       nonEmpty += first != end;
       for (int32_t row = first, stopped = 0; row < end; ++row) {  // the rows done are a prefix of the part
         const int visits = params.visits[size_t(row)];
         EXPECT_LE(visits, stopped ? 0 : 1) << "row " << row;
-        EXPECT_TRUE(by != "preset" || visits == (row == first))
-            << "a preset cancel: row " << row << " done " << visits << " times";
+        EXPECT_TRUE(by != "preset" || visits == (row == first)) << "a preset cancel: row " << row << " done " << visits;
         stopped = stopped || visits == 0;
       }
     }
-    EXPECT_LT(params.RowsDone(), 64);
-    EXPECT_EQ(params.head.progress, params.RowsDone());
-    if (by == "preset") {
-      EXPECT_EQ(params.head.progress, nonEmpty);
-    }
+    EXPECT_EQ(params.RowsDone() < 64, by != "last row");
+    EXPECT_EQ(params.head.progress, by == "preset" ? nonEmpty : params.RowsDone());
+    host.Unlock(result);
     host.SetProgressObserver(nullptr);
-    handlers.cancelAt = 0;
+    gHandlers.cancelAt = 0;
     CopyParams again(64);  // the cancel was for one run only
-    REALobject result = Process(&again, source);
+    result = Process(&again, source);
     EXPECT_NE(result, nullptr);
     host.Unlock(result);
     host.Unlock(source);
@@ -353,76 +291,26 @@ TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   EXPECT_EQ(host.LastError(effect), 0);
 }
 
-// ---- asynchronous runs ---------------------------------------------------------------------------
-
-TEST_F(EngineTest, AsyncRunHoldsItsObjectsCompletesOnceAndDisposesOfItsBlock) {
-  REALobject source = NewSource(24);
-  REALobject target = host.NewRGBColor(0, 0, 0);
-  CopyParams params(24);
-  params.released = false;
-  StartAsync(&params, source, target, &RecordingDelete);
-  // Back before any row is done: the caller is not blocked.
-  EXPECT_EQ(log.TotalCalls(), 0);
-  EXPECT_EQ(std::make_tuple(host.RefCount(effect), host.RefCount(source), host.RefCount(target)),
-            std::make_tuple(2, 2, 2));
-  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::PartsAsync);
-  EXPECT_EQ(host.lastEngineCall().deleteCallback, &RecordingDelete);
-  params.released = true;
-  host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.Calls(target), handlers.deletes.load(), handlers.deleteSelf.load(),
-                            handlers.deleteParams.load()),
-            std::make_tuple(1, 1, effect, &params.head));
-  REALobject result = log.Take(target);
-  ASSERT_NE(result, nullptr);
-  EXPECT_TRUE(SamePixels(host, result, source));
-  EXPECT_EQ(handlers.lastReport, (std::pair<uint64_t, uint64_t>{24, 24})) << "the handler hears of the last row";
-  host.Unlock(result);  // the completion's own lock; the fixture sees any other left
-
-  auto* plain = new GenericMPParams{};  // without a delete callback the engine deletes the block
-  gWatchedBlock = plain;
-  gWatchedBlockDeletes = 0;
-  StartAsync(plain, source, target, nullptr, &FinishRows);
-  host.WaitForAsync();
-  gWatchedBlock = nullptr;
-  EXPECT_EQ(std::make_tuple(gWatchedBlockDeletes.load(), log.Calls(target), handlers.deletes.load()),
-            std::make_tuple(1, 2, 1));
-  result = log.Take(target);
-  EXPECT_NE(result, nullptr);
-  for (REALobject object : {result, target, source}) host.Unlock(object);
-}
-
-// The program's handler hears of an asynchronous run from the workers and may
-// cancel it: the completion then receives nil.
-TEST_F(EngineTest, AsyncRunReportsToTheHandlerWhichMayCancelIt) {
+// An asynchronous run returns before any row is done and holds the effect,
+// the source, the target and its block while it goes: a run of any kind with
+// that block is refused before anything starts (nil, lastError 4, no part, no
+// completion, no disposal). The run hands its block to the delete callback
+// (blocks without one: the fault tests) before its one completion; then the
+// block runs again, and a cancel armed for the next run goes with a run the
+// engine refuses. The program's handler hears of an asynchronous run's rows
+// and may cancel it: the completion then receives nil.
+TEST_F(EngineTest, AsyncRunHoldsItsObjectsAndItsBlockDisposesOfItAndCompletesOnce) {
   host.SetThreads(2);
-  handlers.cancelAt = 1;
-  REALobject source = NewSource(64);
-  REALobject target = host.NewRGBColor(0, 0, 0);
+  REALobject source = NewSource(64), target = host.NewRGBColor(0, 0, 0);
   CopyParams params(64);
-  StartAsync(&params, source, target, &RecordingDelete);
-  host.WaitForAsync();
-  EXPECT_EQ(handlers.handlerSelf, effect);
-  EXPECT_LT(params.RowsDone(), 64);
-  EXPECT_EQ(std::make_pair(log.Calls(target), log.Take(target)), std::make_pair(1, REALobject{nullptr}));
-  for (REALobject object : {target, source}) host.Unlock(object);
-}
-
-// A block that a run holds is not handed out again: a run of any kind with it
-// is refused before anything starts (nil, lastError 4, no part, and for
-// ProcessPartsAsync no completion and no disposal). Once the first run has
-// disposed of it the block runs again; a cancel armed for the next run goes
-// with a refused run instead of stopping that later one.
-TEST_F(EngineTest, ABlockThatARunHoldsIsRefusedUntilItIsGivenBack) {
-  REALobject source = NewSource(8), target = host.NewRGBColor(0, 0, 0);
-  CopyParams params(8);
   params.released = false;
   StartAsync(&params, source, target, &RecordingDelete);
+  EXPECT_EQ(std::make_tuple(log.TotalCalls(), host.RefCount(effect), host.RefCount(source), host.RefCount(target),
+                            host.lastEngineCall().operation, host.lastEngineCall().deleteCallback),
+            std::make_tuple(0, 2, 2, 2, EngineCall::PartsAsync, &RecordingDelete));
   const std::function<REALobject()> reuses[] = {
       [&] { return Process(&params, source); },
-      [&] {
-        return engine->ops->ProcessPartsInPlace(engine, &params, &CopyRows, &CopyRows, host.Bitmap(source).record,
-                                                nullptr, 2, 13);
-      },
+      [&] { return InPlace(&params, source); },
       [&] { return StartAsync(&params, source, target, &RecordingDelete), nullptr; },
   };
   for (const auto& reuse : reuses) {
@@ -432,14 +320,27 @@ TEST_F(EngineTest, ABlockThatARunHoldsIsRefusedUntilItIsGivenBack) {
   }
   params.released = true;
   host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.Calls(target), handlers.deletes.load(), params.RowsDone()), std::make_tuple(1, 1, 8));
-  host.Unlock(log.Take(target));
-
+  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deletes.load(), gHandlers.deleteSelf.load(),
+                            gHandlers.deleteParams.load(), gHandlers.lastReport, params.RowsDone()),
+            std::make_tuple(1, 1, effect, &params.head, std::pair<uint64_t, uint64_t>{64, 64}, 64));
+  REALobject result = log.Take(target);
+  ASSERT_NE(result, nullptr);
+  EXPECT_TRUE(SamePixels(host, result, source));
+  host.Unlock(result);  // the completion's own lock; the fixture sees any other left
   host.RequestCancel(effect);
   EXPECT_EQ(Process(&params, source, nullptr, 14), nullptr) << "refused: the depth bit is wrong";
-  REALobject result = Process(&params, source);
-  EXPECT_NE(result, nullptr);
-  for (REALobject object : {result, target, source}) host.Unlock(object);
+  result = Process(&params, source);
+  EXPECT_NE(result, nullptr) << "the block runs again, and the cancel went with the refused run";
+  host.Unlock(result);
+
+  gHandlers.cancelAt = 1;
+  CopyParams cancelled(64);
+  StartAsync(&cancelled, source, target, &RecordingDelete);
+  host.WaitForAsync();
+  EXPECT_EQ(gHandlers.handlerSelf, effect);
+  EXPECT_LT(cancelled.RowsDone(), 64);
+  EXPECT_EQ(std::make_pair(log.Calls(target), log.Take(target)), std::make_pair(2, REALobject{nullptr}));
+  for (REALobject object : {target, source}) host.Unlock(object);
 }
 
 // Every source the companion holds has a result it holds: result rows are
@@ -451,8 +352,9 @@ TEST(EngineSizeCap, EverySourceWithinTheCapHasAResult) {
   rawfx::host::Host capped(options);
   REALobject effect = capped.New(kPolar);
   for (const auto& [width, height, format, bits] :
-       {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8}, {3, 1365, kGray, 8}}) {
-    SCOPED_TRACE(std::to_string(width) + " x " + std::to_string(height) + " at " + std::to_string(bits) + " bits");
+       {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8},
+        {3, 1365, kGray, 8}}) {
+    SCOPED_TRACE(::testing::Message() << width << " x " << height << " at " << bits << " bits");
     EXPECT_EQ(capped.NewBitmap(width, height + 1, format, bits), nullptr) << "a row more is past the cap";
     REALobject source = NewPattern(capped, width, height, format, bits, 7);
     REALobject result = capped.Call<REALobject>(effect, kApply, source);

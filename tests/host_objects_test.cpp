@@ -1,15 +1,16 @@
-// The host's object runtime: class registration and object layout, reference
-// counts and the account of live objects, properties by name, methods by
-// declaration, program classes, and the services the plug-in resolves.
-//
-// The tests register a probe class of their own, so they depend on no effect.
+// The host's object runtime and its companion classes: class registration and
+// object layout, reference counts and the account of live objects, properties
+// by name, methods by declaration, program classes and the services the
+// plug-in resolves (on a probe class of the test's own, so that they depend on
+// no effect); then RawBitmap records by format, RawBitmapMask values, and the
+// colour classes with their conversion tables.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "host/host.h"
 #include "plugin/class_definition.h"
 #include "plugin/host_binding.h"
 #include "support/host_fixture.h"
@@ -19,6 +20,7 @@ namespace {
 using rawfx::host::Host;
 using rawfx::host::HostError;
 using Events = std::vector<std::string>;
+using V = std::vector<int>;
 
 struct ProbeData {
   uint8_t flag;      // 0
@@ -45,18 +47,17 @@ void ProbeDestructor(REALobject self) {
 float GetScale(REALobject self, int64_t) { return Probe(self)->scale; }
 void SetScale(REALobject self, int64_t, float scale) { Probe(self)->scale = scale; }
 int64_t Twice(REALobject, int64_t x) { return 2 * x; }
+void ProgramOnProgress(REALobject, uint64_t, uint64_t, uint64_t, bool*) {}
 
 const char* const kModeValues[] = {"MODE_A = 0", "MODE_B = 1"};
 const ClassEnumEntry kProbeEnums[] = {rawfx::Enum("Modes", kModeValues)};
 const ClassPropertyEntry kProbeProperties[] = {
-    rawfx::DirectProperty("Flag", "Boolean", 0),
-    rawfx::DirectProperty("Level", "UInt8", 1),
-    rawfx::DirectProperty("Gain", "Double", 8),
-    rawfx::DirectProperty("Mode", "ProbeEffect.Modes", 16),
+    rawfx::DirectProperty("Flag", "Boolean", 0),      rawfx::DirectProperty("Level", "UInt8", 1),
+    rawfx::DirectProperty("Gain", "Double", 8),       rawfx::DirectProperty("Mode", "ProbeEffect.Modes", 16),
     rawfx::DirectProperty("Mask", "RawBitmapMask", 24),
     rawfx::Property("Scale", "Single", rawfx::Fn(&GetScale), rawfx::Fn(&SetScale)),
-    rawfx::DirectProperty("Beyond", "Double", 36),
-    rawfx::DirectProperty("Strange", "Currency", 8),
+    rawfx::DirectProperty("Beyond", "Double", 36),    // outside the instance data
+    rawfx::DirectProperty("Strange", "Currency", 8),  // a type the host does not know
 };
 const ClassMethodEntry kProbeMethods[] = {rawfx::Method(rawfx::Fn(&Twice), "Twice(x as Integer) as Integer")};
 
@@ -84,53 +85,43 @@ class ObjectsTest : public rawfx::test::HostTest {
     host.Unlock(probe);
     HostTest::TearDown();
   }
+  // An object's plug-in data through the services the plug-in uses.
+  void* PluginData(REALobject object, const char* className) {
+    return Service<void* (*)(REALobject, REALclassRef)>(host, "PluginGetPluginData")(
+        object, Service<REALclassRef (*)(const char*)>(host, "pluginObjectType")(className));
+  }
+
   REALobject probe = nullptr;
 };
 
 // Registration refuses an unknown superclass and a second registration of a
-// class; the class data lies after the engine object, zeroed, and the services
-// find it, test types and make instances.
-TEST_F(ObjectsTest, RegistrationLayoutAndTheServicesThatFindClassData) {
+// class; the class data lies after the engine object, zeroed. (The services
+// that find class data, test types and make instances serve every effect run.)
+TEST_F(ObjectsTest, RegistrationAndLayout) {
   REALclassDefinition orphan = rawfx::FilterClassRecord("Orphan", 8, nullptr, nullptr, rawfx::kSyncInterfaces, {});
   orphan.superName = "NoSuchClass";
   Service<void (*)(REALclassDefinition*)>(host, "PluginRegisterClass")(&orphan);
   Service<void (*)(REALclassDefinition*)>(host, "PluginRegisterClass")(&ProbeRecord);
-  EXPECT_EQ(std::make_tuple(host.New("Orphan"), orphan.dataOffset), std::make_tuple(nullptr, 0));
-  EXPECT_EQ(host.registeredRecords().size(), 5u);  // the four effects and the probe, once
-
+  EXPECT_EQ(std::make_tuple(host.New("Orphan"), orphan.dataOffset, host.registeredRecords().size()),
+            std::make_tuple(nullptr, 0, 5u));  // the four effects and the probe, once
   auto* data = static_cast<uint8_t*>(REALGetClassData(probe, &ProbeRecord));
-  EXPECT_EQ(std::make_tuple(host.ClassData(probe, "ProbeEffect"), host.ClassData(probe, "MPImageFilterRaw")),
-            std::make_tuple(data, data - 72));
-  for (size_t i = 0; i < sizeof(ProbeData); ++i) ASSERT_EQ(data[i], 0) << "instance data byte " << i;
-  auto classRef = Service<REALclassRef (*)(const char*)>(host, "pluginObjectType");
-  auto pluginData = Service<void* (*)(REALobject, REALclassRef)>(host, "PluginGetPluginData");
-  auto isA = Service<bool (*)(REALobject, REALclassRef)>(host, "RuntimeObjectIsa");
-  auto create = Service<REALobject (*)(REALclassRef)>(host, "CreateInstance");
-  EXPECT_EQ(std::make_tuple(pluginData(probe, classRef("ProbeEffect")), pluginData(probe, classRef("RawBitmap"))),
-            std::make_tuple(data, nullptr));
-  EXPECT_EQ(std::make_tuple(isA(probe, classRef("MPImageFilterRaw")), isA(probe, classRef("RawBitmap"))),
-            std::make_tuple(true, false));
-  EXPECT_EQ(std::make_tuple(classRef("NoSuchClass"), create(nullptr)), std::make_tuple(nullptr, nullptr));
-  EXPECT_EQ(create(classRef("ZandoriaColors.GenericColor")), nullptr);  // only its subclasses are made
-  for (REALobject made : {Service<REALobject (*)(REALclassDefinition*)>(host, "PluginNewInstanceOfClass")(&ProbeRecord),
-                          create(classRef("ProbeEffect"))}) {
-    EXPECT_EQ(std::make_tuple(host.ClassName(made), host.RefCount(made)), std::make_tuple("ProbeEffect", 1));
-    host.Unlock(made);
-  }
-  EXPECT_EQ(host.resolve("NoSuchService"), nullptr);
-  EXPECT_EQ(host.lookups("NoSuchService"), 1);
+  EXPECT_EQ(std::make_tuple(host.ClassData(probe, "ProbeEffect"), host.ClassData(probe, "MPImageFilterRaw"),
+                            PluginData(probe, "ProbeEffect"), PluginData(probe, "RawBitmap")),
+            std::make_tuple(data, data - 72, data, nullptr));
+  EXPECT_EQ(std::vector<uint8_t>(data, data + sizeof(ProbeData)), std::vector<uint8_t>(sizeof(ProbeData), 0));
 }
 
 // The subclass goes first, while the engine is alive, at zero references; nil is
-// no object to lock (and no stray lock for the fixture). Leaked objects go with the host.
-TEST_F(ObjectsTest, DestroysAtZeroSubclassFirstIgnoresNilAndTheHostTakesLeftovers) {
+// no object to lock (and no stray lock for the fixture). Leaked objects go with
+// the host, and hosts alive together keep their objects and modules apart; an
+// over-release is counted, not acted on.
+TEST_F(ObjectsTest, DestroysAtZeroSubclassFirstAndHostsKeepTheirObjectsApart) {
   host.Lock(probe);
-  EXPECT_EQ(host.RefCount(probe), 2);
   host.Unlock(probe);
-  EXPECT_EQ(gEvents, Events{"construct, engine ready"});
+  EXPECT_EQ(std::make_tuple(host.RefCount(probe), gEvents), std::make_tuple(1, Events{"construct, engine ready"}));
   host.Unlock(probe);
-  EXPECT_EQ(gEvents, (Events{"construct, engine ready", "destroy, engine alive"}));
-  EXPECT_EQ(host.LiveObjectCount(), 0u);
+  EXPECT_EQ(std::make_tuple(host.LiveObjectCount(), gEvents),
+            std::make_tuple(0u, Events{"construct, engine ready", "destroy, engine alive"}));
   probe = nullptr;
   Service<void (*)(REALobject)>(host, "REALLockObject")(nullptr);
   Service<void (*)(REALobject)>(host, "REALUnlockObject")(nullptr);
@@ -138,21 +129,16 @@ TEST_F(ObjectsTest, DestroysAtZeroSubclassFirstIgnoresNilAndTheHostTakesLeftover
     Host leaky;
     RegisterProbe(leaky);
     leaky.Set(leaky.New("ProbeEffect"), "Mask", leaky.NewMask(leaky.NewBitmap(1, 1, 0)));  // a leaked chain
+    REALobject colour = leaky.NewRGBColor(9, 8, 7);
+    EXPECT_EQ(std::make_tuple(leaky.IsA(colour, "ZandoriaColors.GenericColor"),
+                              host.IsA(colour, "ZandoriaColors.GenericColor"), host.RefCount(colour)),
+              std::make_tuple(true, false, 0));
+    leaky.Unlock(colour);
+    leaky.Unlock(colour);
+    EXPECT_EQ(leaky.StrayLockCalls(), 1);
+    EXPECT_NE(leaky.registeredRecords().at(0), host.registeredRecords().at(0)) << "each loads its own module copy";
   }
-  EXPECT_EQ(gEvents, (Events{"construct, engine ready", "destroy, engine alive"}));
-}
-
-TEST(HostObjects, HostsAliveTogetherKeepTheirObjectsApart) {
-  Host first;
-  Host second;
-  REALobject colour = first.NewRGBColor(9, 8, 7);
-  EXPECT_EQ(std::make_tuple(first.IsA(colour, "ZandoriaColors.GenericColor"),
-                            second.IsA(colour, "ZandoriaColors.GenericColor"), second.RefCount(colour)),
-            std::make_tuple(true, false, 0));
-  first.Unlock(colour);
-  first.Unlock(colour);  // the fixture's leak check relies on over-releases being counted, not acted on
-  EXPECT_EQ(std::make_tuple(first.StrayLockCalls(), first.LiveObjectCount()), std::make_tuple(1, 0u));
-  EXPECT_NE(first.registeredRecords().at(0), second.registeredRecords().at(0)) << "each loads its own module copy";
+  EXPECT_EQ(gEvents, (Events{"construct, engine ready", "destroy, engine alive"})) << "the leaked probe went too";
 }
 
 TEST_F(ObjectsTest, PropertiesUseTheirFieldsAccessorsAndTypes) {
@@ -167,15 +153,13 @@ TEST_F(ObjectsTest, PropertiesUseTheirFieldsAccessorsAndTypes) {
                             host.Get<double>(probe, "Gain"), host.Get<int32_t>(probe, "Mode"),
                             host.Get<float>(probe, "Scale")),
             std::make_tuple(true, 200, 2.5, 1, 1.5f));
-
   REALobject bitmap = host.NewBitmap(1, 1, 0);
-  EXPECT_THROW(host.Get<double>(probe, "Flag"), HostError);
-  EXPECT_THROW(host.Set(probe, "Gain", true), HostError);
-  EXPECT_THROW(host.Set(probe, "Mode", 1.0), HostError);
-  EXPECT_THROW(host.Get<double>(probe, "NoSuchProperty"), HostError);
-  EXPECT_THROW(host.Get<double>(probe, "Beyond"), HostError);  // field outside the instance data
-  EXPECT_THROW(host.Get<double>(probe, "Strange"), HostError);
-  EXPECT_THROW(host.Set(probe, "Mask", bitmap), HostError);  // a bitmap is no RawBitmapMask
+  for (const std::function<void()>& wrong : std::vector<std::function<void()>>{
+           [&] { host.Get<double>(probe, "Flag"); }, [&] { host.Set(probe, "Gain", true); },
+           [&] { host.Set(probe, "Mode", 1.0); }, [&] { host.Get<double>(probe, "NoSuchProperty"); },
+           [&] { host.Get<double>(probe, "Beyond"); }, [&] { host.Get<double>(probe, "Strange"); },
+           [&] { host.Set(probe, "Mask", bitmap); }})  // a bitmap is no RawBitmapMask
+    EXPECT_THROW(wrong(), HostError);
   EXPECT_EQ(Probe(probe)->gain, 2.5);
   REALobject mask = host.NewMask(bitmap);
   host.Set(probe, "Mask", mask);
@@ -186,8 +170,6 @@ TEST_F(ObjectsTest, PropertiesUseTheirFieldsAccessorsAndTypes) {
   for (REALobject object : {got, mask, bitmap}) host.Unlock(object);
 }
 
-void ProgramOnProgress(REALobject, uint64_t, uint64_t, uint64_t, bool*) {}
-
 TEST_F(ObjectsTest, ProgramClassMethodsAreFoundByExactDeclarationAlongTheChain) {
   host.DefineClass({"ProgramProbe", "ProbeEffect", {{kOnProgressDecl, reinterpret_cast<void*>(&ProgramOnProgress)}}});
   EXPECT_THROW(host.DefineClass({"Lost", "NoSuchClass", {}}), HostError);
@@ -197,14 +179,116 @@ TEST_F(ObjectsTest, ProgramClassMethodsAreFoundByExactDeclarationAlongTheChain) 
   EXPECT_EQ(std::make_tuple(host.IsA(program, "ProbeEffect"), host.ClassName(program)),
             std::make_tuple(true, "ProgramProbe"));
   auto loadMethod = Service<void* (*)(REALobject, const char*)>(host, "REALLoadObjectMethod");
-  EXPECT_EQ(loadMethod(program, kOnProgressDecl), rawfx::Fn(&ProgramOnProgress));
-  EXPECT_EQ(loadMethod(program, "Twice(x as Integer) as Integer"), rawfx::Fn(&Twice));
-  EXPECT_EQ(loadMethod(program, "Twice(x as Integer)  as Integer"), nullptr);
+  EXPECT_EQ(std::make_tuple(loadMethod(program, kOnProgressDecl), loadMethod(program, "Twice(x as Integer) as Integer"),
+                            loadMethod(program, "Twice(x as Integer)  as Integer")),
+            std::make_tuple(rawfx::Fn(&ProgramOnProgress), rawfx::Fn(&Twice), nullptr));
   EXPECT_EQ((host.Call<int64_t, int64_t>(program, "Twice(x as Integer) as Integer", 21)), 42);
   EXPECT_THROW(host.Call<void>(program, "Missing()"), HostError);
   host.Set(program, "Gain", 3.0);  // properties of the plug-in class too
   EXPECT_EQ(host.Get<double>(program, "Gain"), 3.0);
   host.Unlock(program);
+}
+
+// ---- companions ------------------------------------------------------------------------------
+
+// Every format at both depths: the record's byte positions are the format's
+// sample indices scaled by the depth, rows are padded as asked, and the
+// services find the record. Spot checks of the documented layout: 16-bit RGBA
+// has alpha at byte 6, XRGB a fourth byte but no alpha, grey reads as red,
+// green and blue. Sizes, formats and depths the companion refuses give nil.
+TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
+  for (const rawfx::host::FormatInfo& f : rawfx::host::Formats())
+    for (int bits : {8, 16}) {
+      SCOPED_TRACE(::testing::Message() << f.name << " at " << bits << " bits");
+      REALobject bitmap = host.NewBitmap(5, 3, f.code, bits, 6);
+      ASSERT_NE(bitmap, nullptr);
+      const rawfx::host::BitmapView view = host.Bitmap(bitmap);
+      const RawBitmap& r = *view.record;
+      const auto at = [&](uint8_t index) { return index == 0xFF ? 0xFF : index * bits / 8; };
+      EXPECT_EQ((V{int(r.channelCount), r.redOffset, r.greenOffset, r.blueOffset, r.alphaOffset, r.blackOffset,
+                   int(r.bytesPerPixel), int(view.rowBytes), int(r.width), int(r.height), r.bitsPerChannel,
+                   int(r.format), r.isValid, r.hasAlpha}),
+                (V{f.channels, at(f.red), at(f.green), at(f.blue), at(f.alpha), at(f.black), f.channels * bits / 8,
+                   5 * f.channels * bits / 8 + 6, 5, 3, bits, int(f.code), 1, f.hasAlpha}));
+      EXPECT_EQ(view.record, PluginData(bitmap, "RawBitmap"));
+      host.Unlock(bitmap);
+    }
+  const auto* rgba = rawfx::host::FindFormat(5), *xrgb = rawfx::host::FindFormat(9), *grey = rawfx::host::FindFormat(0);
+  EXPECT_EQ((V{rgba->alpha * 2, xrgb->channels, xrgb->hasAlpha, grey->red + grey->green + grey->blue, grey->channels}),
+            (V{6, 4, false, 0, 1}));
+  for (const auto& [width, height, format, bits, padding] :
+       {std::tuple{0, 4, 3, 8, 0}, {4, -1, 3, 8, 0}, {4, 4, 11, 8, 0}, {4, 4, 3, 12, 0}, {4, 4, 3, 16, 3},
+        {1 << 20, 1 << 20, 5, 8, 0}}) {  // odd padding: 16-bit rows must stay aligned
+    EXPECT_EQ(host.NewBitmap(width, height, format, bits, padding), nullptr) << width << "x" << height;
+  }
+  EXPECT_THROW(host.Bitmap(nullptr), HostError);
+}
+
+// A mask reads its bitmap's active channel (inverted if asked) through its 8-
+// or 16-bit operations, holds the bitmap, and outside it lets the effect through.
+TEST_F(ObjectsTest, MaskValuesComeFromTheActiveChannel) {
+  const auto maskAt = [&](REALobject mask, int64_t y, int32_t x, bool wide = false) {
+    auto* data = static_cast<RawBitmapMaskData*>(PluginData(mask, "RawBitmapMask"));
+    return int(wide ? MaskAt16(data, MaskRow16(data, y), x) : MaskAt8(data, MaskRow8(data, y), x));
+  };
+  REALobject bitmap = host.NewBitmap(3, 2, 3);  // RGB, 8 bits
+  host.Bitmap(bitmap).row(1)[2 * 3 + 1] = 200;  // green of pixel (2, 1)
+  REALobject mask = host.NewMask(bitmap, false, 1), inverted = host.NewMask(bitmap, true, 1);
+  EXPECT_EQ((V{maskAt(mask, 1, 2), maskAt(mask, 1, 1), maskAt(mask, 1, 2, true), maskAt(inverted, 1, 2),
+               maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
+            (V{200, 0, 200 * 257, 55, 65535, 0, 0, 0}));
+  EXPECT_EQ(host.RefCount(bitmap), 3);  // each mask holds the bitmap
+  EXPECT_EQ(std::make_tuple(host.NewMask(bitmap, false, 3), host.NewMask(nullptr)), std::make_tuple(nullptr, nullptr))
+      << "RGB has no fourth channel";
+  REALobject grey = host.NewBitmap(2, 1, 0, 16);
+  const uint16_t value = 0xABCD;
+  std::memcpy(host.Bitmap(grey).row(0) + 2, &value, sizeof value);
+  REALobject deep = host.NewMask(grey);
+  EXPECT_EQ((V{maskAt(deep, 0, 1, true), maskAt(deep, 0, 1)}), (V{0xABCD, 0xAB}));
+  for (REALobject object : {mask, inverted, deep, grey, bitmap}) host.Unlock(object);
+}
+
+// New colours are opaque black generic colours; the generic colour itself is
+// not made. Conversions are the naive ones, through the table before the
+// colour: K = 255 - max; C = (max - R) * 255 / max, rounded; back
+// R = (255 - C) * (255 - K) / 255. Each colour keeps its own values.
+TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
+  REALobject rgb = host.New(kRGBColorClass), cmyk = host.New(kCMYKColorClass);
+  const RGBColorData r = host.RGBColor(rgb);
+  const CMYKColorData c = host.CMYKColor(cmyk);
+  EXPECT_EQ((V{r.red, r.green, r.blue, r.alpha, r.red16, r.alpha16, c.cyan, c.magenta, c.yellow, c.black, c.alpha,
+               c.black16, c.alpha16}),
+            (V{0, 0, 0, 255, 0, 65535, 0, 0, 0, 255, 255, 65535, 65535}));
+  EXPECT_EQ(std::make_tuple(host.New("ZandoriaColors.GenericColor"), host.IsA(rgb, "ZandoriaColors.GenericColor"),
+                            host.IsA(rgb, kCMYKColorClass), PluginData(rgb, kCMYKColorClass)),
+            std::make_tuple(nullptr, true, false, nullptr));
+  EXPECT_THROW(host.RGBColor(probe), HostError);
+  for (REALobject object : {rgb, cmyk}) host.Unlock(object);
+
+  for (const auto& [r8, g8, b8, c8, m8, y8, k8] :
+       {std::tuple{0, 0, 0, 0, 0, 0, 255}, {255, 255, 255, 0, 0, 0, 0}, {255, 0, 0, 0, 255, 255, 0},
+        {0, 128, 255, 255, 127, 0, 0}, {100, 50, 0, 0, 128, 255, 155}}) {
+    SCOPED_TRACE(::testing::Message() << "RGB " << r8 << " " << g8 << " " << b8);
+    rgb = host.NewRGBColor(uint8_t(r8), uint8_t(g8), uint8_t(b8), 128);
+    cmyk = host.NewCMYKColor(uint8_t(c8), uint8_t(m8), uint8_t(y8), uint8_t(k8));
+    void *rgbData = PluginData(rgb, kRGBColorClass), *cmykData = PluginData(cmyk, kCMYKColorClass);
+    EXPECT_EQ(static_cast<uint8_t*>(PluginData(rgb, "ZandoriaColors.GenericColor")) + 8, rgbData);
+    CMYKColorData ink{};
+    ConversionTableOf(rgbData)->ToCMYK(rgbData, &ink);
+    EXPECT_EQ((V{ink.cyan, ink.magenta, ink.yellow, ink.black, ink.alpha, ink.black16, ink.alpha16}),
+              (V{c8, m8, y8, k8, 128, k8 * 257, 128 * 257}));
+    RGBColorData back{};
+    ConversionTableOf(cmykData)->ToRGB(cmykData, &back);
+    EXPECT_LE(std::max({std::abs(back.red - r8), std::abs(back.green - g8), std::abs(back.blue - b8)}), 1);
+    EXPECT_EQ(host.RGBColor(rgb).red, r8);
+    host.Unlock(rgb);
+    host.Unlock(cmyk);
+  }
+  REALobject deep = host.NewRGBColor16(0, 0x8000, 0xFFFF, 0x1234);
+  const CMYKColorData c16 = host.CMYKColor(deep);
+  EXPECT_EQ((V{c16.cyan16, c16.magenta16, c16.yellow16, c16.black16, c16.alpha16, c16.alpha}),
+            (V{65535, 0x7FFF, 0, 0, 0x1234, 0x12}));
+  host.Unlock(deep);
 }
 
 }  // namespace

@@ -1,20 +1,19 @@
-// Imaging support against hand-built RawBitmap records: channel ordering,
-// format families, mask values, background colour conversion, bitmap creation
-// and the progress handler. Cases that fill class caches run in forked children.
+// Imaging support: channel ordering against hand-built RawBitmap records,
+// format families, mask values, the background colour through a scripted host
+// (which class is asked first, which conversion runs), and bitmap creation
+// through a real host. Cases that fill class caches run in forked children.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstring>
 #include <map>
-#include <sstream>
 #include <string>
 #include <tuple>
 
 #include "imaging/color_order.h"
 #include "imaging/cpu_dispatch.h"
-#include "imaging/mp_filter.h"
 #include "plugin/host_binding.h"
-#include "support/child_process.h"
+#include "support/host_fixture.h"
 
 namespace {
 
@@ -42,12 +41,15 @@ CMYKColorData Cmyk(uint8_t c, uint8_t m, uint8_t y, uint8_t k, uint8_t a) {
           uint16_t(a * 257)};
 }
 
-// Sixteen entries are offered, so that writes past the eighth show up.
-struct Entries {
+// Sixteen entries are offered, so that writes past the eighth show up; the
+// first n after the call.
+template <class Order>
+V Entries(size_t n, Order order) {
   int values[16];
-  Entries() { std::fill(std::begin(values), std::end(values), U); }
-  V First(size_t n) const { return V(values, values + n); }
-};
+  std::fill(std::begin(values), std::end(values), U);
+  order(values);
+  return V(values, values + n);
+}
 
 TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
   const struct {
@@ -83,19 +85,18 @@ TEST(ChannelOrder, ComponentsGoToTheirPositionsAndNothingElseIsWritten) {
       {"CMYK never past the eighth", Record(200, {0, 1, 2, 4, 3}, 14), 1, true, {11, 22, 33, 44, 55, -1, -1, -1, U}},
   };
   for (auto c : cases) {
-    Entries entries;
     RGBColorData rgb = Rgb(10, 20, 30, 40);
     CMYKColorData cmyk = Cmyk(11, 22, 33, 44, 55);
-    if (c.cmyk)
-      CMYKPartsToChannelOrder(&c.bitmap, c.includeAlpha, entries.values, &cmyk);
-    else
-      RGBColorPartsToChannelOrder(&c.bitmap, c.includeAlpha, entries.values, &rgb);
-    EXPECT_EQ(entries.First(c.expected.size()), c.expected) << c.what;
+    EXPECT_EQ(Entries(c.expected.size(),
+                      [&](int* values) {
+                        if (c.cmyk) CMYKPartsToChannelOrder(&c.bitmap, c.includeAlpha, values, &cmyk);
+                        else RGBColorPartsToChannelOrder(&c.bitmap, c.includeAlpha, values, &rgb);
+                      }),
+              c.expected)
+        << c.what;
   }
 }
 
-// The one-channel test compares signed: a negative code reads as one grey channel,
-// while the CMYK test compares unsigned and never takes it for CMYK.
 #if defined(__x86_64__)
 // The module reads cpuid and XCR0 itself; the compiler's runtime (which a test may
 // link) must come to the same answer on this machine.
@@ -105,6 +106,8 @@ TEST(CpuDispatch, DetectsAVX2AsTheCompilerRuntimeDoes) {
 }
 #endif
 
+// The one-channel test compares signed: a negative code reads as one grey channel,
+// while the CMYK test compares unsigned and never takes it for CMYK.
 TEST(Formats, FamiliesByCode) {
   for (int64_t format : {13, 14, 15, 16}) EXPECT_TRUE(IsCMYKFormat(format)) << format;
   for (int64_t format : {int64_t{-1}, int64_t{0}, int64_t{12}, int64_t{17}, int64_t{22}, INT64_MIN, INT64_MAX})
@@ -122,26 +125,13 @@ TEST(MaskValues, KeepOnlyTheKernelsDepth) {
       nullptr, [](RawBitmapMaskData*, int64_t row) { return MaskRowHandle(row * 100); },
       [](RawBitmapMaskData*, MaskRowHandle row, int32_t x) { return uint32_t(0x10000u | (row + x)); }};
   RawBitmapMaskData mask{&ops};
-  EXPECT_EQ(MaskAt8(&mask, MaskRow8(&mask, 3), 5), 35);
-  EXPECT_EQ(MaskAt16(&mask, MaskRow16(&mask, 3), 5), 305);
+  EXPECT_EQ((V{MaskAt8(&mask, MaskRow8(&mask, 3), 5), MaskAt16(&mask, MaskRow16(&mask, 3), 5)}), (V{35, 305}));
 }
 
-// ---- through the binding, against a scripted host ---------------------------------
+// ---- the background colour, against a scripted host ----------------------------------------
 
-using rawfx::test::InFreshProcess;
-using rawfx::test::ScriptedHost;
 S gCalls, gClassLookups;
-
-const REALclassRef kRGBClass = reinterpret_cast<REALclassRef>(16);
-const REALclassRef kCMYKClass = reinterpret_cast<REALclassRef>(32);
-const REALclassRef kBitmapClass = reinterpret_cast<REALclassRef>(48);
-
-REALclassRef FakeObjectType(const char* name) {
-  gClassLookups.push_back(name);
-  const std::map<std::string, REALclassRef> classes = {
-      {"ZandoriaColors.RGBColor", kRGBClass}, {"ZandoriaColors.CMYKColor", kCMYKClass}, {"RawBitmap", kBitmapClass}};
-  return classes.contains(name) ? classes.at(name) : nullptr;
-}
+const REALclassRef kRGBClass = reinterpret_cast<REALclassRef>(16), kCMYKClass = reinterpret_cast<REALclassRef>(32);
 
 // A colour object as the companion lays it out: the conversion table in the
 // word before the plug-in data.
@@ -160,10 +150,15 @@ const ColorConversionTable kConversions = {[](const void*, CMYKColorData* result
                                              *result = Rgb(6, 7, 8, 9);
                                            }};
 
-// The bitmap's format family decides which conversion runs; the colour object keeps its bytes.
+// The bitmap's format family decides which conversion runs and, unless the
+// effect asks for RGB first, which class is asked about; the colour object
+// keeps its bytes, and the CMYK class is looked up once.
 TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
-  InFreshProcess([](ScriptedHost& host) {
-    host.Learn("pluginObjectType", FakeObjectType);
+  rawfx::test::InFreshProcess([](rawfx::test::ScriptedHost& host) {
+    host.Learn("pluginObjectType", +[](const char* name) {
+      gClassLookups.push_back(name);
+      return std::string(name) == kCMYKColorClass ? kCMYKClass : nullptr;
+    });
     host.Learn("RuntimeObjectIsa", +[](REALobject object, REALclassRef classRef) {
       gCalls.push_back(classRef == kRGBClass ? "is RGB" : classRef == kCMYKClass ? "is CMYK" : "is other");
       return reinterpret_cast<FakeColour*>(object)->classRef == classRef;
@@ -173,7 +168,6 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
       return colour->classRef == classRef ? colour->data : nullptr;
     });
     gRGBRef = kRGBClass;  // the effects' constructors fill it
-    gCMYKRef = nullptr;
     const auto family = ColourTestOrder::ByBitmapFamily, rgbFirst = ColourTestOrder::RGBFirst;
     const struct {
       bool cmykColour;
@@ -195,94 +189,57 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
         {false, Record(3, {2, 1, 0, 9}, 12), rgbFirst, {30, 20, 10, U}, {"is RGB"}},
     };
     for (auto c : cases) {
-      SCOPED_TRACE("format " + std::to_string(c.bitmap.format) + (c.cmykColour ? ", CMYK colour" : ", RGB colour") +
-                   (c.order == rgbFirst ? ", RGB first" : ""));
+      SCOPED_TRACE(::testing::Message() << "format " << c.bitmap.format << (c.cmykColour ? ", CMYK" : ", RGB")
+                                        << " colour" << (c.order == rgbFirst ? ", RGB first" : ""));
       FakeColour colour{c.cmykColour ? kCMYKClass : kRGBClass, &kConversions, {}};
       const RGBColorData rgb = Rgb(10, 20, 30, 40);
       const CMYKColorData ink = Cmyk(10, 20, 30, 40, 50);
       std::memcpy(colour.data, c.cmykColour ? static_cast<const void*>(&ink) : &rgb, c.cmykColour ? 16 : 12);
       const FakeColour before = colour;
-      Entries entries;
-      OrderBackgroundColour(reinterpret_cast<REALobject>(&colour), &c.bitmap, 1, entries.values, c.order);
-      EXPECT_EQ(entries.First(c.values.size()), c.values);
+      EXPECT_EQ(Entries(c.values.size(),
+                        [&](int* values) {
+                          OrderBackgroundColour(reinterpret_cast<REALobject>(&colour), &c.bitmap, 1, values, c.order);
+                        }),
+                c.values);
       EXPECT_EQ(gCalls, c.calls);
       EXPECT_EQ(std::memcmp(&before, &colour, sizeof before), 0) << "the colour object changed";
       gCalls.clear();
     }
-    EXPECT_EQ(gCMYKRef, kCMYKClass);
-    EXPECT_EQ(gClassLookups, S{"ZandoriaColors.CMYKColor"});
+    EXPECT_EQ(std::make_tuple(gCMYKRef, gClassLookups), std::make_tuple(kCMYKClass, S{kCMYKColorClass}));
   });
 }
 
-RawBitmap gCreated{};
-uint8_t gValidAfterConstruction = 0;
-FakeColour gInstanceStorage{};  // any addressable object will do as the new instance
-const REALobject kInstance = reinterpret_cast<REALobject>(&gInstanceStorage);
+// ---- bitmap creation, through a real host ------------------------------------------------------
 
-void FakeBitmapConstructor(REALobject self, REALobject srcBlock, int64_t width, int64_t height, int64_t rowBytes,
-                           int64_t format) {
-  std::ostringstream call;
-  call << "construct " << (self == kInstance) << (srcBlock == nullptr) << " " << width << " " << height << " "
-       << rowBytes << " " << format;
-  gCalls.push_back(call.str());
-  gCreated.isValid = gValidAfterConstruction;
-}
+rawfx::host::Host* gChildHost = nullptr;
 
-void* FakeLoadObjectMethod(REALobject, const char* declaration) {
-  gCalls.push_back(std::string("load ") + declaration);
-  return reinterpret_cast<void*>(FakeBitmapConstructor);
-}
-
-// CreateRawBitmap gives a valid bitmap or nil holding no reference; the class is
-// looked up once and start-up resets the caches; the progress handler is loaded
-// by its exact declaration, and a nil target has none.
-TEST(RawBitmapAccess, CreationDataCachesAndTheProgressHandler) {
-  InFreshProcess([](ScriptedHost& host) {
-    EXPECT_EQ(GetProgressProc(nullptr), nullptr);
-    EXPECT_TRUE(host.asked.empty());
-    host.Learn("pluginObjectType", FakeObjectType);
+// The plug-in's own bitmap creation, bound to a real host in a fresh process:
+// every size the companion refuses gives nil and leaves no instance behind; a
+// valid one comes with its record.
+TEST(RawBitmapAccess, RefusedSizesGiveNilAndLeaveNothing) {
+  const std::string report = rawfx::test::RunInChild([] {
+    rawfx::host::Host host;
+    gChildHost = &host;
+    gResolver = [](const char* name) { return gChildHost->resolve(name); };
+    InitializeRawBitmapSupport();
+    std::string problems;
+    const std::tuple<int64_t, int64_t, int64_t, int64_t> refused[] = {
+        {0, 4, 0, 5},  {4, 0, 0, 5},  {-3, 4, 0, 5}, {4, -3, 0, 5}, {4, 4, 15, 5}, {4, 4, 0, 99},
+        {4, 4, 0, -1}, {int64_t{1} << 31, 1, 0, 0},  {1 << 20, 1 << 20, 0, 5}, {INT64_MAX, INT64_MAX, 0, 5},
+        {4, 4, INT64_MAX, 5}};
+    for (const auto& [width, height, rowBytes, format] : refused) {
+      RawBitmap* data = nullptr;  // not to be used after a refusal: it belongs to the released instance
+      if (CreateRawBitmap(width, height, rowBytes, format, &data) || host.LiveObjectCount() != 0)
+        problems += "accepted or kept " + std::to_string(width) + "x" + std::to_string(height) + "\n";
+    }
     RawBitmap* data = nullptr;
-    EXPECT_EQ(CreateRawBitmap(3, 2, 12, 4, &data), nullptr);  // no instance: nothing loaded or released
-    EXPECT_EQ(host.Asks("REALLoadObjectMethod") + host.Asks("REALUnlockObject"), 0);
-
-    host.Learn("REALLoadObjectMethod", FakeLoadObjectMethod);
-    host.Learn("CreateInstance", +[](REALclassRef classRef) {
-      gCalls.push_back(classRef == kBitmapClass ? "new RawBitmap" : "new other");
-      return kInstance;
-    });
-    host.Learn("PluginGetPluginData", +[](REALobject, REALclassRef classRef) -> void* {
-      return classRef == kBitmapClass ? &gCreated : nullptr;
-    });
-    host.Learn("REALLockObject", +[](REALobject) { gCalls.push_back("lock"); });
-    host.Learn("REALUnlockObject", +[](REALobject object) {
-      gCalls.push_back(object == kInstance ? "unlock instance" : "unlock other");
-    });
-    gValidAfterConstruction = 0;  // an invalid result is released once and gives nil
-    EXPECT_EQ(CreateRawBitmap(640, 480, 2560, 4, &data), nullptr);
-    EXPECT_EQ(gCalls, (S{"new RawBitmap",
-                         "load Constructor(srcBlock as MemoryBlock, width as Integer,height as Integer,"
-                         "rowBytes as Integer,imageFormat as RawBitmap.RawBitmapFormat)",
-                         "construct 11 640 480 2560 4", "unlock instance"}));
-    gCalls.clear();
-    gValidAfterConstruction = 1;  // a valid one comes with its data; the constructor is kept
-    EXPECT_EQ(CreateRawBitmap(3, 2, 12, 13, &data), kInstance);
-    EXPECT_EQ(data, &gCreated);
-    EXPECT_EQ(CreateRawBitmap(5, 1, 20, 4, &data), kInstance);
-    EXPECT_EQ(gCalls, (S{"new RawBitmap", "construct 11 3 2 12 13", "new RawBitmap", "construct 11 5 1 20 4"}));
-    EXPECT_EQ(gClassLookups, S{"RawBitmap"});
-    EXPECT_EQ(RawBitmapRef, kBitmapClass);
-    InitializeRawBitmapSupport();  // clears the caches and asks for both classes without keeping the answers
-    EXPECT_EQ(std::make_tuple(RawBitmapRef, RawBitmapMaskRef, RawBitmapConstructor),
-              std::make_tuple(nullptr, nullptr, nullptr));
-    GetRawBitmapData(kInstance);  // fills the cache again, once
-    EXPECT_EQ(GetRawBitmapData(kInstance), &gCreated);
-    EXPECT_EQ(gClassLookups, (S{"RawBitmap", "RawBitmap", "RawBitmapMask", "RawBitmap"}));
-
-    gCalls.clear();
-    EXPECT_EQ(GetProgressProc(reinterpret_cast<REALobject>(64)), reinterpret_cast<void*>(FakeBitmapConstructor));
-    EXPECT_EQ(gCalls, S{"load OnProgress(value as UInt64,total as UInt64,extraInfo as UInt64,ByRef cancel as "
-                        "Boolean)"});
+    REALobject fine = CreateRawBitmap(3, 2, 0, 5, &data);
+    if (!fine || !data || data->width != 3 || GetRawBitmapData(fine) != data) problems += "refused a valid size\n";
+    host.Unlock(fine);
+    if (host.LiveObjectCount() != 0 || host.StrayLockCalls() != 0) problems += "unbalanced at the end\n";
+    return problems.empty() ? std::string("ok") : problems;
   });
+  EXPECT_EQ(report, "ok");
 }
 
 }  // namespace

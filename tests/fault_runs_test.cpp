@@ -1,0 +1,370 @@
+// Runs of every effect and method stopped or starved part way: a cancel at
+// every row of a small image or before the run starts, a result bitmap the
+// engine cannot make, a source record too large for any result and a mask one
+// row short. Then asynchronous runs under load, at the edges of their objects'
+// lives and on a barrel effect used again while its run waits. Every stopped
+// or starved run gives nil (in place: leaves the rows after the stop as they
+// were), stores no error, never writes the source and leaves nothing alive;
+// every asynchronous run completes exactly once and disposes of its block
+// exactly once.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "support/host_fixture.h"
+
+namespace {
+
+using namespace rawfx::test;
+using namespace rawfx::test::fault;
+using rawfx::host::EngineCall;
+using rawfx::host::SplitPolicy;
+using RowBytes = std::vector<std::vector<uint8_t>>;
+
+// One effect, one of its methods and one depth.
+struct Case {
+  const char* className;
+  Method method;
+  int bits;
+};
+const Case kCases[] = {
+    {kInterlace, Method::Apply, 8},    {kInterlace, Method::Apply, 16}, {kInterlace, Method::InPlace, 8},
+    {kInterlace, Method::InPlace, 16}, {kPolar, Method::Apply, 8},      {kPolar, Method::Apply, 16},
+    {kPolar, Method::Async, 8},        {kPolar, Method::Async, 16},     {kBarrel, Method::Apply, 8},
+    {kBarrel, Method::Apply, 16},      {kBarrel, Method::Async, 8},     {kBarrel, Method::Async, 16},
+    {kOilPaint, Method::Apply, 8},
+};
+const char* const kMethodNames[] = {"Apply", "ApplyInPlace", "ApplyAsync"};  // by Method
+const EngineCall::Operation kOperations[] = {EngineCall::Parts, EngineCall::PartsInPlace, EngineCall::PartsAsync};
+
+std::string CaseName(const Case& c) {
+  const std::string name = c.className;
+  return name.substr(0, name.find("EffectRaw")) + "_" + kMethodNames[int(c.method)] + "_" + std::to_string(c.bits) +
+         "bit";
+}
+void PrintTo(const Case& c, std::ostream* out) { *out << CaseName(c); }
+
+class FaultRun : public AsyncHostTest, public ::testing::WithParamInterface<Case> {
+ protected:
+  static constexpr int32_t kWidth = 7, kHeight = 9;
+
+  // What the inspector saw when the run ended: progress, cancel, parts and the destination's rows.
+  struct Seen {
+    int runs = 0;
+    int32_t progress = -1;
+    bool cancel = false;
+    std::vector<std::pair<int32_t, int32_t>> parts;
+    RowBytes rows;
+  } seen;
+
+  void SetUp() override {
+    host.SetRunInspector([this](const EngineCall&, const GenericMPParams& params,
+                                const std::vector<MPParamBlock>& parts, REALobject destination) {
+      seen = {seen.runs + 1, params.progress, params.cancel != 0, {}, Rows(host, destination)};
+      for (const MPParamBlock& part : parts) seen.parts.emplace_back(part.firstRow, part.endRow);
+    });
+  }
+  void TearDown() override {
+    host.SetRunInspector(nullptr);
+    AsyncHostTest::TearDown();
+  }
+  REALobject NewSource(int bits) { return NewPattern(host, kWidth, kHeight, kRGBA, bits, 77, 6); }
+
+  // The destination rows of an uncancelled run of the case.
+  RowBytes FullRun(SplitPolicy policy) {
+    host.SetSplitPolicy(policy);
+    REALobject effect = NewEffect(host, GetParam().className), source = NewSource(GetParam().bits);
+    REALobject result = RunEffect(host, effect, GetParam().method, source, log);
+    RowBytes rows = Rows(host, GetParam().method == Method::InPlace ? source : result);
+    for (REALobject object : {result, source, effect}) host.Unlock(object);
+    host.SetSplitPolicy(SplitPolicy::Balanced);
+    return rows;
+  }
+};
+
+// What each row holds when it is processed after the rows before it in the
+// same part (following), and as the first row of a part (starting). Interlace
+// starts its row phase afresh in every part, so a part that starts at an odd row
+// fills differently; with OddStarts every odd row starts a part, and balanced
+// parts start at even rows. The other effects give the same rows for any split.
+// Row -1 stands for a cancel requested before the run, with the parts [0,1)
+// [1,3) [3,6) [6,7) [7,9): each part does its first row only.
+TEST_P(FaultRun, CancelAtEveryRowOrBeforeTheRunStopsAfterThatRow) {
+  const Case& c = GetParam();
+  const RowBytes following = FullRun(SplitPolicy::Balanced), oddStarts = FullRun(SplitPolicy::OddStarts);
+  RowBytes starting = following;
+  for (size_t y = 1; y < oddStarts.size(); y += 2) starting[y] = oddStarts[y];
+  for (int32_t row = -1; row <= kHeight; ++row) {
+    SCOPED_TRACE("cancel at row " + std::to_string(row));
+    REALobject effect = NewEffect(host, c.className), source = NewSource(c.bits);
+    const RowBytes original = Rows(host, source);
+    seen = {};
+    if (row < 0) {
+      host.SetSplitPolicy(SplitPolicy::SmallParts);
+      host.RequestCancel(effect);
+    } else {
+      host.CancelAtRow(effect, row);
+    }
+    REALobject result = RunEffect(host, effect, c.method, source, log);
+    host.SetSplitPolicy(SplitPolicy::Balanced);
+
+    const auto done = [&](int32_t y) { return row < 0 ? y == 0 || y == 1 || y == 3 || y == 6 || y == 7 : y <= row; };
+    const int32_t rowsDone = row < 0 ? 5 : std::min(row + 1, kHeight);
+    ASSERT_EQ(seen.runs, 1);
+    EXPECT_EQ(std::make_tuple(seen.progress, seen.cancel), std::make_tuple(rowsDone, row < kHeight));
+    if (row >= 0 && row < kHeight) {
+      EXPECT_EQ(seen.parts, (std::vector<std::pair<int32_t, int32_t>>{{0, row}, {row, kHeight}}));
+    }
+    // Rows before the cut are the full run's, the row at the cut starts a part,
+    // and the rest keep what the destination held.
+    for (int32_t y = 0; y < kHeight; ++y) {
+      const std::vector<uint8_t> untouched =
+          c.method == Method::InPlace ? original[y] : std::vector<uint8_t>(original[y].size(), 0);
+      EXPECT_EQ(seen.rows[y], !done(y) ? untouched : y < row ? following[y] : starting[y]) << "row " << y;
+    }
+    EXPECT_EQ(Rows(host, source), c.method == Method::InPlace ? seen.rows : original) << "the source is never written";
+    EXPECT_EQ(result == nullptr, c.method == Method::InPlace || rowsDone < kHeight);
+    if (result) {
+      EXPECT_EQ(Rows(host, result), following);
+    }
+    EXPECT_EQ(host.LastError(effect), 0) << "a cancel is not an error of the effect";
+    for (REALobject object : {result, source, effect}) host.Unlock(object);
+    ASSERT_EQ(host.LiveObjectCount(), 0u);
+  }
+}
+
+// A cancel requested with no run going is for the effect's next run; a call
+// that the effect refuses (nil source, lastError 4) takes it away, so the
+// run after that is whole.
+TEST_P(FaultRun, ACancelBeforeARefusedCallDoesNotStopTheNextRun) {
+  REALobject effect = NewEffect(host, GetParam().className), source = NewSource(GetParam().bits);
+  host.RequestCancel(effect);
+  EXPECT_EQ(RunEffect(host, effect, GetParam().method, nullptr, log), nullptr);
+  EXPECT_EQ(host.LastError(effect), 4);
+  LastErrorField(host, effect) = 0;
+  seen = {};
+  REALobject result = RunEffect(host, effect, GetParam().method, source, log);
+  EXPECT_EQ(std::make_tuple(seen.runs, seen.cancel, seen.progress), std::make_tuple(1, false, kHeight));
+  for (REALobject object : {result, source, effect}) host.Unlock(object);
+}
+
+// A result the engine cannot make, a record too large for any result and a
+// mask one row short: nil, no error code, the engine asked but no part run,
+// an asynchronous run's block disposed of, the source unchanged and nothing
+// made left alive. With the resource there again the same effect runs. An
+// in-place run makes no result, so a refusal waiting for one passes it by.
+TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
+  const Case& c = GetParam();
+  enum Fault { NoResult, HugeRecord, ShortMask };
+  for (Fault fault : {NoResult, HugeRecord, ShortMask}) {
+    if (fault == HugeRecord && c.method == Method::InPlace) continue;  // the record is the destination's
+    if (fault == ShortMask && c.className != kInterlace && c.className != kOilPaint) continue;
+    SCOPED_TRACE("fault " + std::to_string(fault));
+    REALobject effect = NewEffect(host, c.className), source = NewSource(c.bits);
+    const std::vector<uint8_t> before = Pixels(host, source);
+    RawBitmap* record = host.Bitmap(source).record;
+    if (fault == NoResult) host.FailResultCreation(1);
+    if (fault == HugeRecord) record->height = (int64_t{1} << 31) / host.Bitmap(source).rowBytes;  // no result fits
+    if (fault == ShortMask) {
+      REALobject shortBitmap = host.NewBitmap(kWidth, kHeight - 1, kGray), mask = host.NewMask(shortBitmap);
+      host.Set<REALobject>(effect, "Mask", mask);
+      host.Unlock(mask);  // the effect's lock keeps the mask, and the mask its bitmap
+      host.Unlock(shortBitmap);
+    }
+    const size_t alive = host.LiveObjectCount();
+    const int64_t disposed = host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks;
+    const bool passesBy = fault == NoResult && c.method == Method::InPlace;
+    seen = {};
+    EXPECT_EQ(RunEffect(host, effect, c.method, source, log), nullptr);
+    record->height = kHeight;
+    EXPECT_EQ(host.LastError(effect), 0) << "the failure is the engine's, not a refused setting";
+    const EngineCall call = host.lastEngineCall();
+    EXPECT_EQ(std::make_tuple(call.operation, call.parts == 0, seen.runs),
+              std::make_tuple(kOperations[int(c.method)], !passesBy, passesBy ? 1 : 0));
+    EXPECT_EQ(host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks,
+              disposed + (c.method == Method::Async));
+    EXPECT_EQ(Pixels(host, source) == before, !passesBy);
+    EXPECT_EQ(host.LiveObjectCount(), alive) << "nothing made is left";
+    if (passesBy) {
+      EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr) << "the refusal is still waiting";
+    }
+
+    if (fault == ShortMask) host.Set(effect, "Mask", nullptr);
+    seen = {};
+    REALobject result = RunEffect(host, effect, c.method, source, log);
+    EXPECT_EQ(std::make_tuple(seen.runs, seen.progress, result != nullptr),
+              std::make_tuple(1, kHeight, c.method != Method::InPlace)) << "one refusal only";
+    for (REALobject object : {result, effect, source}) host.Unlock(object);
+    EXPECT_EQ(host.LiveObjectCount(), 0u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryEffect, FaultRun, ::testing::ValuesIn(kCases),
+                         [](const auto& test) { return CaseName(test.param); });
+
+class FaultAsync : public AsyncHostTest {
+ protected:
+  void Start(REALobject effect, REALobject source, REALobject target) {
+    host.Call<void>(effect, kApplyAsync, source, target, log.method());
+  }
+  int64_t BlocksDisposed() { return host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks; }
+};
+
+// Polar runs share two effects and overlap freely (each has its own block on
+// the heap, deleted by the engine); a barrel effect's block lives in the
+// effect and goes back through its delete callback, so every barrel run gets
+// an effect of its own, released as soon as the run is started. A quarter of
+// the runs get a cancel request after they start (this run, one still going
+// or the next), an eighth of the barrel runs one before. Targets stay alive to
+// the end so that no two runs share a target's address.
+TEST_F(FaultAsync, ThousandBackToBackRunsWithRandomCancels) {
+  host.SetThreads(3);
+  std::mt19937 random(20240611);
+  const REALobject polars[2] = {NewEffect(host, kPolar), NewEffect(host, kPolar)};
+  host.Set<bool>(polars[1], "RectangularToPolar", false);
+  std::vector<REALobject> held(polars, polars + 2);  // released at the end
+  struct Source {
+    REALobject bitmap, expected[3];  // by the two polar effects and by a barrel effect
+  };
+  std::vector<Source> sources;
+  for (const auto& [w, h, format, bits] : {std::tuple{16, 12, kRGBA, 8}, std::tuple{9, 21, kCMYK, 16},
+                                           std::tuple{1, 1, kRGBA, 8}, std::tuple{33, 5, kRGBA, 16}}) {
+    Source& s = sources.emplace_back(Source{held.emplace_back(NewPattern(host, w, h, format, bits, w * h, 2)), {}});
+    REALobject barrel = NewEffect(host, kBarrel);
+    for (int i = 0; i < 3; ++i)
+      s.expected[i] = held.emplace_back(host.Call<REALobject>(i < 2 ? polars[i] : barrel, kApply, s.bitmap));
+    host.Unlock(barrel);
+  }
+  constexpr int kRuns = 1000;
+  std::vector<std::pair<REALobject, REALobject>> runs;  // target, expected result
+  int polarRuns = 0;
+  for (int i = 0; i < kRuns; ++i) {
+    const Source& source = sources[random() % sources.size()];
+    REALobject target = held.emplace_back(host.NewRGBColor(1, 2, 3));
+    const int which = random() % 2 == 0 ? static_cast<int>(random() % 2) : 2;
+    REALobject effect = which < 2 ? polars[which] : NewEffect(host, kBarrel);
+    if (which == 2 && random() % 8 == 0) host.RequestCancel(effect);
+    Start(effect, source.bitmap, target);
+    if (random() % 4 == 0) host.RequestCancel(effect);
+    if (which == 2) host.Unlock(effect);  // the run keeps the effect alive
+    polarRuns += which < 2;
+    runs.emplace_back(target, source.expected[which]);
+  }
+  host.WaitForAsync();
+  int completedWithResult = 0;
+  for (const auto& [target, expected] : runs) {
+    EXPECT_EQ(log.Calls(target), 1) << "every run completes exactly once";
+    if (REALobject result = log.Take(target)) {
+      ++completedWithResult;
+      EXPECT_TRUE(SamePixels(host, result, expected));
+      host.Unlock(result);
+    }
+  }
+  EXPECT_EQ(log.TotalCalls(), kRuns) << "no completion for a target that had no run";
+  EXPECT_GT(completedWithResult, 0);
+  const rawfx::host::Host::AsyncCounts counts = host.asyncCounts();
+  EXPECT_EQ(std::tie(counts.started, counts.completionCalls, counts.blocksDeleted, counts.deleteCallbacks),
+            std::make_tuple(kRuns, kRuns, polarRuns, kRuns - polarRuns));
+  for (REALobject object : held) host.Unlock(object);
+}
+
+// The program drops every reference right after starting the run: the run
+// still completes with the right result and the objects go once it has ended.
+// An effect that is its own target and is released by its completion goes
+// after its block was handed back.
+TEST_F(FaultAsync, ObjectsReleasedWhileTheirRunIsUnderWayOrByItsCompletion) {
+  for (const char* className : {kPolar, kBarrel}) {
+    SCOPED_TRACE(className);
+    REALobject source = NewPattern(host, 40, 30, kRGBA, 8, 9), effect = NewEffect(host, className);
+    REALobject expected = host.Call<REALobject>(effect, kApply, source), target = host.NewCMYKColor(1, 2, 3, 4);
+    Start(effect, source, target);
+    for (REALobject object : {effect, source, target}) host.Unlock(object);
+    host.WaitForAsync();
+    EXPECT_EQ(log.Calls(target), 1);
+    EXPECT_EQ(host.LiveObjectClasses(), (std::vector<std::string>{"RawBitmap", "RawBitmap"}))
+        << "only the two results are left";
+    REALobject result = log.Take(target);
+    ASSERT_NE(result, nullptr);
+    EXPECT_TRUE(SamePixels(host, result, expected));
+    for (REALobject object : {expected, result}) host.Unlock(object);
+    log.Clear();
+
+    log.releaseTarget = true;
+    source = NewPattern(host, 8, 8, kRGBA, 16, 4);
+    effect = NewEffect(host, className);
+    const int64_t disposed = BlocksDisposed();
+    Start(effect, source, effect);
+    host.WaitForAsync();
+    EXPECT_EQ(std::make_tuple(log.Calls(effect), BlocksDisposed()), std::make_tuple(1, disposed + 1));
+    log.Clear();
+    host.Unlock(source);
+    EXPECT_EQ(host.LiveObjectCount(), 0u) << "the effect is gone";
+    log.releaseTarget = false;
+  }
+}
+
+// A block whose part holds the engine's worker until released, so that the
+// runs started meanwhile stay queued behind it.
+struct WorkerHold {
+  GenericMPParams head{};
+  std::atomic<bool> released{false};
+};
+
+void* HoldWorker(void* block) {
+  auto& hold = *static_cast<WorkerHold*>(static_cast<MPParamBlock*>(block)->params);
+  while (!hold.released) std::this_thread::yield();
+  return nullptr;
+}
+
+// A barrel effect's block lives in the effect. While its run waits behind a
+// held worker, a second ApplyAsync (of another size) and an Apply on the same
+// effect are refused with lastError 4 before they touch the block, and a
+// keystone set meanwhile is not stored (the run is reading the matrix). The
+// run under way completes once, with the result of its own settings.
+TEST_F(FaultAsync, ABarrelRunUnderWayKeepsItsBlockAndItsSettings) {
+  host.SetThreads(1);
+  host.DefineClass({"WorkerHolder", "MPImageFilterRaw", {}});
+  REALobject holder = host.New("WorkerHolder");
+  REALobject big = NewPattern(host, 600, 600, kRGBA, 8, 5), small = NewPattern(host, 16, 16, kRGBA, 8, 6);
+  REALobject effect = NewEffect(host, kBarrel), twin = NewEffect(host, kBarrel);
+  REALobject expected = host.Call<REALobject>(twin, kApply, big);
+  REALobject expectedNext = host.Call<REALobject>(twin, kApply, small);
+  WorkerHold hold;
+  auto* engine = static_cast<MPImageFilterData*>(host.ClassData(holder, "MPImageFilterRaw"));
+  engine->ops->ProcessPartsAsync(holder, engine, small, &hold, &HoldWorker, &HoldWorker, host.Bitmap(small).record,
+                                 nullptr, 2, 13, 1, nullptr, nullptr, +[](REALobject, GenericMPParams*) { return 0; });
+  REALobject target = host.NewRGBColor(1, 2, 3), refusedTarget = host.NewRGBColor(4, 5, 6);
+  Start(effect, big, target);
+  const std::function<REALobject()> misuses[] = {
+      [&] { return Start(effect, small, refusedTarget), nullptr; },
+      [&] { return host.Call<REALobject>(effect, kApply, small); },
+  };
+  for (const auto& misuse : misuses) {
+    LastErrorField(host, effect) = 0;
+    EXPECT_EQ(misuse(), nullptr);
+    EXPECT_EQ(host.LastError(effect), 4);
+  }
+  const double keystone = host.Get<double>(effect, "HorizontalKeystone");
+  host.Set<double>(effect, "HorizontalKeystone", -0.2);
+  EXPECT_EQ(host.Get<double>(effect, "HorizontalKeystone"), keystone);
+  hold.released = true;
+  host.WaitForAsync();
+  EXPECT_EQ(log.Calls(refusedTarget), 0);
+  REALobject result = log.Take(target);
+  ASSERT_NE(result, nullptr);
+  EXPECT_TRUE(SamePixels(host, result, expected)) << "the run kept the settings it started with";
+  REALobject next = host.Call<REALobject>(effect, kApply, small);
+  ASSERT_NE(next, nullptr) << "the block is free again";
+  EXPECT_TRUE(SamePixels(host, next, expectedNext)) << "the keystone set during the run was not stored";
+  for (REALobject o : {next, result, target, refusedTarget, expectedNext, expected, twin, effect, small, big, holder})
+    host.Unlock(o);
+}
+
+}  // namespace
