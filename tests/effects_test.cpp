@@ -169,7 +169,7 @@ TEST_F(Effects, HeldObjectsTakeOneLockEach) {
 
 // Interlace types and barrel settings are stored as given, extremes included
 // (Apply refuses what it cannot run); oil paint clamps its brush and smoothness.
-// The defaults are those of docs/classes.md, which docs_classes_test checks.
+// The defaults are those of docs/classes.md, which startup_test checks.
 TEST_F(Effects, PropertiesReadBackAsStoredOrClamped) {
   REALobject interlace = Keep(host.New(kInterlace));
   SetTypes(interlace, 7, -5);
