@@ -316,6 +316,26 @@ TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
   EXPECT_EQ(ColourState(cmyk), cmykState);
 }
 
+// Eight channels, the most a colour fills, run: a 16-bit RGBA bitmap's memory
+// seen in place as eight 8-bit channels.
+TEST_F(InterlaceEffect, EightChannelsOfEightBitsRun) {
+  REALobject effect = NewInterlace(1, 1);
+  REALobject source = NewSource(5, 4, kRGBA, 16);
+  host.Bitmap(source).record->bitsPerChannel = 8;
+  InterlaceParams params{};
+  params.horizontalType = params.verticalType = 1;
+  params.interlaceAlpha = 1;
+  // The default opaque black at the record's byte offsets, now channel numbers.
+  const RawBitmap& record = *host.Bitmap(source).record;
+  std::fill_n(params.channelValues, kMaxChannels, -1);
+  for (const uint8_t colour : {record.redOffset, record.greenOffset, record.blueOffset})
+    params.channelValues[colour] = 0;
+  params.channelValues[record.alphaOffset] = 255;
+  ExpectMatchesReference(effect, source, &params, rawfx::reference::InterlacePart,
+                         {EngineCall::PartsInPlace, 2, 13, nullptr, false}, [&] { return ApplyInPlace(effect, source); });
+  host.Bitmap(source).record->bitsPerChannel = 16;
+}
+
 // ---- polar coordinates --------------------------------------------------------------------
 
 // Every form refuses a nil source or colour with 4, a source too large for
