@@ -143,12 +143,10 @@ struct HandBuiltRun {
   }
 };
 
-// Times part over every row of params, whose head FillHead has filled;
-// startRun does what the class does before each run.
-template <class Params, class StartRun = void (*)()>
-void TimeParts(benchmark::State& state, Params& params, PartFunction part, StartRun startRun = [] {}) {
+// Times part over every row of params, whose head FillHead has filled.
+template <class Params>
+void TimeParts(benchmark::State& state, Params& params, PartFunction part) {
   for (auto _ : state) {
-    startRun();
     params.head.progress = 0;
     MPParamBlock block{0, static_cast<int32_t>(kSide), 0, {}, &params};
     part(&block);
@@ -195,8 +193,8 @@ void InterlaceParts(benchmark::State& state, Kernels kernels, int channels, bool
 }
 
 // Runs get the table the class makes for them (the reference kernels ignore
-// it): polar to rectangular the column table, made once outside the timing,
-// rectangular to polar a fresh ray table for every run, which its parts fill.
+// it): polar to rectangular the column table, made once outside the timing;
+// rectangular to polar none, as the class makes none.
 void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alpha, int bits, bool toPolar) {
   HandBuiltRun run(channels, alpha, bits);
   Host& host = *run.fixture.host;
@@ -216,15 +214,11 @@ void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alp
     params.backColor16[i] = static_cast<uint16_t>(background[i]);
   }
   const auto side = static_cast<int32_t>(kSide);
-  std::vector<double> tableStorage(
-      std::max(PolarColumnTableBytes(kSide, kSide), PolarRayTableBytes(kSide, kSide)) / sizeof(double) + 1);
+  std::vector<double> tableStorage(PolarColumnTableBytes(kSide, kSide) / sizeof(double) + 1);
   if (!toPolar) params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, side, side);
   TimeParts(state, params,
             bits == 8 ? Pick(kernels, PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart)
-                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16),
-            [&] {
-              if (toPolar) params.rayTable = MakePolarRayTable(tableStorage.data(), params.settings, side, side);
-            });
+                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16));
 }
 
 // The class keeps its block in its instance data and fills it on Apply: one

@@ -364,20 +364,17 @@ TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
     const int64_t code = row.bits == 8 || row.bits == 16 ? 4 : 6;
     ExpectRefused(effect, compared, code, [&] { return host.Call<REALobject>(effect, kApply, run); });
     ExpectRefused(effect, compared, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
-    const size_t table = row.nilSource ? 0
-                         : row.toPolar ? PolarRayTableBytes(9, row.height)
-                                       : PolarColumnTableBytes(9, row.height);
+    const size_t table = row.nilSource || row.toPolar ? 0 : PolarColumnTableBytes(9, row.height);
     Watch(kBlockSize + table);
     ExpectRefused(effect, compared, code, [&] { return ApplyAsync(effect, run, effect); });
     EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
   }
   host.Bitmap(source).record->bitsPerChannel = 8;
-  host.Bitmap(source).record->height = 1;  // a single row takes no ray table, so the block is the one allocation
-  host.Set<bool>(effect, "RectangularToPolar", true);
+  host.Bitmap(source).record->height = 6;
+  host.Set<bool>(effect, "RectangularToPolar", true);  // wrapping takes no table: the block is the one allocation
   Watch(kBlockSize, true);
   ExpectRefused(effect, source, 5, [&] { return ApplyAsync(effect, source, effect); });
   Watch(0);
-  host.Bitmap(source).record->height = 6;
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
 

@@ -8,7 +8,6 @@
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <memory>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -207,17 +206,12 @@ PolarizeSettings RandomSettings(Rng& rng) {
 
 using PolarCase = KernelCase<PolarCoordinatesParams>;
 
-// A column table and a fresh ray table for every run in the case's own
-// storage, made for width x height and s (none for sizes that take none).
-void AttachTables(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
+// A column table in the case's own storage, made for width x height and s
+// (none for sizes that take none).
+void AttachColumnTable(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
   const size_t bytes = PolarColumnTableBytes(width, height);
   c.storage.assign(bytes / sizeof(double) + 1, 0.0);
   c.params.columnTable = bytes ? MakePolarColumnTable(c.storage.data(), s, width, height) : nullptr;
-  const size_t rayBytes = PolarRayTableBytes(width, height);
-  auto rays = std::make_shared<std::vector<double>>(rayBytes / sizeof(double) + 1);
-  c.startRun = [=](PolarCoordinatesParams& block) {
-    block.rayTable = rayBytes ? MakePolarRayTable(rays->data(), s, width, height) : nullptr;
-  };
 }
 
 // The source has guard bytes before and after: hand-built settings can put an
@@ -233,7 +227,6 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
-  c.params.rayTable = nullptr;
   const bool eightBit = l.sampleBytes == 1;
   c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
   c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
@@ -258,7 +251,7 @@ PolarCase RandomCase(Rng& rng, int index) {
     const uint8_t flip = Chance(rng, 0.5), toPolar = Chance(rng, 0.5);
     const PolarizeSettings settings{100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
     PolarCase c = NewCase(rng, PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3), settings);
-    AttachTables(c, settings, width, height);
+    AttachColumnTable(c, settings, width, height);
     return c;
   }
   Layout l = RandomLayout(rng, 300, false);
@@ -276,10 +269,9 @@ PolarCase RandomCase(Rng& rng, int index) {
   const double angle = other.angleOffset;
   const int64_t table = Chance(rng, 0.25) ? Uniform(rng, 0, 4) : Chance(rng, 2.0 / 3) ? 5 : 6;  // stale, matching, none
   if (table == 2) other.flipMapping = other.flipMapping ? 0 : 1;
-  if (table == 2) other.centerAtTop = other.centerAtTop ? 0 : 1;
   if (table == 3) other.roundness = other.roundness == 0.0 ? 1.0 : 0.0;
   if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
-  if (table < 6) AttachTables(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
+  if (table < 6) AttachColumnTable(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
   c.settings += "; table " + std::to_string(table);
   return c;
 }
@@ -319,7 +311,7 @@ TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
   Rng rng(0x5EED0004);
   PolarCase c = NewCase(rng, PackedLayout(24, 16, 1, 3), PolarizeSettings{100.0, 1, 1, 0, 0.0, 0, 0, 0.0, 0.0});
   c.parts.ranges = {{0, 16}};
-  AttachTables(c, c.params.settings, 24, 16);
+  AttachColumnTable(c, c.params.settings, 24, 16);
   const Outcome expected = c.Run(false);
   auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
   std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);

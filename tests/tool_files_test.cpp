@@ -252,7 +252,6 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   GTEST_SKIP() << "a sanitizer's shadow memory does not fit in a limited address space";
 #endif
   ScratchDir scratch;
-  // Large enough that polar takes no ray table (kept to pictures of about 8 megapixels).
   const Image large = test::RampImage(3000, 2800, Layout::RGBA);
   const size_t bytes = large.data.size();
   SaveImage(test::RampImage(8, 8, Layout::RGBA), scratch / "tiny.tif");

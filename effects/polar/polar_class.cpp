@@ -155,11 +155,12 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
 
 // Bytes of the table that a run over source takes, 0 for none: polar to
 // rectangular takes the column table, whose per-column work (a tangent, a sine
-// and a cosine) it saves on every row; rectangular to polar the ray table,
-// through which the two rows of each mirrored pair share their atan and source
-// rows.
+// and a cosine) it saves on every row. Rectangular to polar takes none: handing
+// the rays from a row to its mirror about the centre row through a table made
+// runs through the engine slower, and would cost more memory than a run may
+// own (see polar_kernels.h).
 size_t TableBytes(const RawBitmap& bitmap, bool toPolar) {
-  return toPolar ? PolarRayTableBytes(bitmap.width, bitmap.height) : PolarColumnTableBytes(bitmap.width, bitmap.height);
+  return toPolar ? 0 : PolarColumnTableBytes(bitmap.width, bitmap.height);
 }
 
 size_t RunTableBytes(REALobject source, signed char rectangularToPolar) {
@@ -173,10 +174,7 @@ void AttachRunTable(PolarCoordinatesParams* params, void* storage, size_t tableB
   const bool toPolar = params->settings.rectangularToPolar != 0;
   if (!storage || tableBytes == 0 || tableBytes != TableBytes(bitmap, toPolar)) return;
   const auto width = static_cast<int32_t>(bitmap.width), height = static_cast<int32_t>(bitmap.height);
-  if (toPolar)
-    params->rayTable = MakePolarRayTable(storage, params->settings, width, height);
-  else
-    params->columnTable = MakePolarColumnTable(storage, params->settings, width, height);
+  params->columnTable = MakePolarColumnTable(storage, params->settings, width, height);
 }
 
 // The four-argument Apply: the arguments serve this call only, the properties keep their values.

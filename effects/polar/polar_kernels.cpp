@@ -6,8 +6,8 @@
 // - what depends only on the row or only on the run is computed once for it;
 // - rectangular to polar: a pixel and its mirror about the centre column see
 //   the centre at the same distance, so they share one atan and the ray's
-//   square roots, and the two rows mirrored about the centre row share them
-//   as well, through the run's ray table when the effect made one;
+//   square roots (each row computes its own: see polar_kernels.h for why the
+//   two rows mirrored about the centre row do not share them);
 // - polar to rectangular: what depends only on the column comes from the run's
 //   column table when the effect made one;
 // - fmod is replaced where it is exact to do so without the call.
@@ -197,15 +197,6 @@ PolarizeSettings WithGeometry(const PolarizeSettings& options, int32_t width, in
   return s;
 }
 
-bool RayTableFits(const PolarRayTable* table, const PolarizeSettings& s) {
-  return table && s.rectangularToPolar && table->width == s.width && table->height == s.height &&
-         table->centerAtTop == (s.centerAtTop != 0) &&
-         std::memcmp(&table->roundness, &s.roundness, sizeof(double)) == 0;
-}
-
-// How a rectangular-to-polar row uses the run's ray table.
-enum class RayUse { None, Read, Fill };
-
 // One destination row and everything its pixels need.
 struct RowJob {
   const Geometry* geometry;
@@ -218,9 +209,6 @@ struct RowJob {
   uint8_t* out;
   int64_t step;  // bytes, whole samples
   bool toPolar;
-  RayUse rayUse;
-  double* rayAngles;  // the row pair's entries in the ray table
-  double* raySourceRows;
 };
 
 using RowMapper = void (*)(const RowJob&);
@@ -240,40 +228,6 @@ const uint8_t* BackgroundOf(const PolarCoordinatesParams& p) {
     return p.backColor8;
   else
     return reinterpret_cast<const uint8_t*>(p.backColor16);
-}
-
-// Sets how row y uses the ray table: it reads the row pair's entries when the
-// part of the mirrored row has published them, fills them when it is the first
-// to take the pair (then it returns the pair's state byte, to publish the row
-// with), and otherwise maps the row in full, as a row without a table.
-uint8_t* TakeRayRow(PolarRayTable* table, int32_t y, RowJob& job) {
-  job.rayUse = RayUse::None;
-  const int32_t mirror = table ? table->height - 1 - y : y;
-  if (mirror == y) return nullptr;
-  const int32_t pair = std::min(y, mirror);
-  uint8_t* state = table->States() + pair;
-  job.rayAngles = table->Angles(pair);
-  job.raySourceRows = table->SourceRows(pair);
-  if (__atomic_load_n(state, __ATOMIC_ACQUIRE) == kRayRowReady) {
-    job.rayUse = RayUse::Read;
-    return nullptr;
-  }
-  uint8_t empty = kRayRowEmpty;
-  if (!__atomic_compare_exchange_n(state, &empty, kRayRowFilling, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
-    return nullptr;
-  job.rayUse = RayUse::Fill;
-  return state;
-}
-
-// Pads the filled row to its stride with its last entry (a lane group read at
-// the row's end repeats the last pair) and publishes it.
-void PublishRayRow(const PolarRayTable& table, const RowJob& job, uint8_t* state) {
-  const int32_t entries = table.width - table.width / 2;
-  for (int32_t k = entries; k < table.stride; ++k) {
-    job.rayAngles[k] = job.rayAngles[entries - 1];
-    job.raySourceRows[k] = job.raySourceRows[entries - 1];
-  }
-  __atomic_store_n(state, kRayRowReady, __ATOMIC_RELEASE);
 }
 
 // The usual pixels (three or four samples) get blends compiled for their size.
@@ -302,11 +256,7 @@ void* PolarCoordinatesRows(void* block) {
              std::clamp<int>(head.srcPixelBytes / kSampleBytes, 0, kMaxSamples),
              nullptr,
              head.dstPixelBytes / kSampleBytes * kSampleBytes,
-             settings.rectangularToPolar != 0,
-             RayUse::None,
-             nullptr,
-             nullptr};
-  PolarRayTable* rays = RayTableFits(p.rayTable, settings) ? p.rayTable : nullptr;
+             settings.rectangularToPolar != 0};
   const bool addressable = SourceOffsetsFitInt32(head);
   const RowMapper mapRow = RowMapperFor<Sample>(job.channels);
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
@@ -316,9 +266,7 @@ void* PolarCoordinatesRows(void* block) {
       for (int32_t x = 0; x < head.width; ++x)
         std::memcpy(job.out + x * job.step, job.background, static_cast<size_t>(job.channels) * kSampleBytes);
     } else if (head.width > 0) {
-      uint8_t* state = TakeRayRow(rays, y, job);
       mapRow(job);
-      if (state) PublishRayRow(*rays, job, state);
     }
     if (!rawfx::FinishRow(p.head)) break;
   }
@@ -363,23 +311,6 @@ const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettin
     values[stride + x] = c.yStep;
     values[2 * stride + x] = c.radius;
   }
-  return table;
-}
-
-size_t PolarRayTableBytes(int64_t width, int64_t height) {
-  if (width < 2 || height < 2 || width > kLargestRayTable || height > kLargestRayTable) return 0;
-  const int64_t rows = height / 2;
-  const int64_t stride = (width - width / 2 + 3) / 4 * 4;
-  const int64_t bytes = int64_t{sizeof(PolarRayTable)} + (rows + 7) / 8 * 8 + rows * stride * 2 * 8;
-  return bytes <= kLargestRayTable ? static_cast<size_t>(bytes) : 0;
-}
-
-PolarRayTable* MakePolarRayTable(void* storage, const PolarizeSettings& settings, int32_t width, int32_t height) {
-  const int32_t rows = height / 2;
-  auto* table = new (storage) PolarRayTable{width, height, settings.roundness,
-                                            static_cast<uint8_t>(settings.centerAtTop != 0), rows,
-                                            (width - width / 2 + 3) / 4 * 4};
-  std::memset(table->States(), kRayRowEmpty, static_cast<size_t>(rows));
   return table;
 }
 

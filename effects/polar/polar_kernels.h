@@ -78,39 +78,20 @@ struct PolarColumnTable {
 };
 static_assert(sizeof(PolarColumnTable) % alignof(double) == 0);
 
-// The rays of one rectangular-to-polar run. Seen from the centre, the four
-// pixels mirrored about both centre lines, (x, y), (W - 1 - x, y),
-// (x, H - 1 - y) and (W - 1 - x, H - 1 - y), have offsets from the centre that
-// are the same exact doubles up to sign: cx = (W - 1) * 0.5 and cy are
-// multiples of 0.5, so x - cx and cx - (W - 1 - x) are one exact value, and
-// likewise cy - y and (H - 1 - y) - cy. The mapping feeds those offsets only
-// into the atan argument, the distance, the border's slope (through fabs) and
-// so the radius and source row: all four share them bit for bit, and only the
-// angle's quadrant formula differs. So the part that maps one row of a pair
-// stores, for each column at or right of the centre, the atan (0 where the
-// source row is outside) and the source row, and the part that maps the
-// mirrored row reads them instead of computing them again. The table lives in
-// memory the effect owns for the run (about 4 bytes per pixel); each row pair
-// has a state byte, taken and published with atomic operations, so a part
-// never waits: a row whose pair is not yet published is mapped in full.
-struct PolarRayTable {
-  int32_t width;
-  int32_t height;
-  double roundness;
-  uint8_t centerAtTop;  // 0 or 1
-  int32_t rows;         // row pairs: the rows above the centre
-  int32_t stride;       // entries per row: the columns at or right of the centre, rounded up to 4
-  uint8_t* States() { return reinterpret_cast<uint8_t*>(this + 1); }
-  double* Angles(int32_t row) { return Data() + int64_t{row} * 2 * stride; }
-  double* SourceRows(int32_t row) { return Angles(row) + stride; }
-
- private:
-  double* Data() { return reinterpret_cast<double*>(States() + (rows + 7) / 8 * 8); }
-};
-static_assert(sizeof(PolarRayTable) % alignof(double) == 0);
-
-// The states of a row pair in a ray table.
-inline constexpr uint8_t kRayRowEmpty = 0, kRayRowFilling = 1, kRayRowReady = 2;
+// Rectangular to polar, the four pixels mirrored about both centre lines,
+// (x, y), (W - 1 - x, y), (x, H - 1 - y) and (W - 1 - x, H - 1 - y), have
+// offsets from the centre that are the same exact doubles up to sign:
+// cx = (W - 1) * 0.5 and cy are multiples of 0.5, so x - cx and
+// cx - (W - 1 - x) are one exact value, and likewise cy - y and
+// (H - 1 - y) - cy. The mapping feeds those offsets only into the atan
+// argument, the distance, the border's slope (through fabs) and so the radius
+// and source row: all four share them bit for bit, and only the angle's
+// quadrant formula differs. The parts share them between a pixel and its
+// mirror in the same row, and compute them again for the mirrored row: handing
+// them from one row to the other would take a table filled and read across
+// the parts, which through the engine made runs erratic and slower at one
+// thread, and which costs about 4 bytes a pixel beyond the source and the
+// result, more memory than a run may own.
 
 struct PolarCoordinatesParams {
   GenericMPParams head;         // 0: filled by the engine
@@ -118,14 +99,12 @@ struct PolarCoordinatesParams {
   uint8_t backColor8[8];        // 136: background samples in the source's channel order
   uint16_t backColor16[8];      // 144: the same for 16-bit sources
   const PolarColumnTable* columnTable;  // 160: nil, or the run's columns (only read)
-  PolarRayTable* rayTable;              // 168: nil, or the run's rays (filled and read by the parts)
 };
 static_assert(offsetof(PolarCoordinatesParams, settings) == 88);
 static_assert(offsetof(PolarCoordinatesParams, backColor8) == 136);
 static_assert(offsetof(PolarCoordinatesParams, backColor16) == 144);
 static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
-static_assert(offsetof(PolarCoordinatesParams, rayTable) == 168);
-static_assert(sizeof(PolarCoordinatesParams) == 176);
+static_assert(sizeof(PolarCoordinatesParams) == 168);
 
 // True when the parts can address every pixel of a width x height source of
 // pixelBytes per pixel with unpadded rows: they form row and column offsets as
@@ -143,21 +122,6 @@ size_t PolarColumnTableBytes(int64_t width, int64_t height);
 // PolarColumnTableBytes(width, height) bytes aligned for a double, and returns it.
 const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
                                              int32_t height);
-
-// Bytes of a ray table for a width x height bitmap (header included); 0 when a
-// run takes none (fewer than two rows or columns, or more than kLargestRayTable bytes).
-// No run takes one for now: through Apply, runs with the table measured from
-// several times slower to somewhat faster than without it, from one run to the
-// next, and the table costs about 4 bytes a pixel on top of the source and the
-// result. The kernels keep reading a table they are given, which the
-// differential tests check.
-inline constexpr int64_t kLargestRayTable = 0;
-size_t PolarRayTableBytes(int64_t width, int64_t height);
-
-// Makes an empty ray table for a rectangular-to-polar run over a width x height
-// bitmap with the options of settings, in storage of PolarRayTableBytes(width,
-// height) bytes aligned for a double, and returns it.
-PolarRayTable* MakePolarRayTable(void* storage, const PolarizeSettings& settings, int32_t width, int32_t height);
 
 // Maps destination pixel (x, y) to its unrounded source position. Returns
 // false, leaving both out-arguments untouched, when the position lies outside

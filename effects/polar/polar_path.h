@@ -147,21 +147,10 @@ struct ToPolarPlanner {
       const double firstColumn = static_cast<double>(firstRight + first + int64_t{k} * kLanes);
       const Vd right = Min(Iota(firstColumn), Set(g.lastColumn));
       const Vd u = right - Set(g.cx);
-      const int64_t entry = first + int64_t{k} * kLanes;
-      const bool read = job.rayUse == RayUse::Read;
-      const Vd sourceY = read ? Load(job.raySourceRows + entry) : RaysOf(u, row, g).sourceY;
+      const Vd sourceY = RaysOf(u, row, g).sourceY;
       const Md rowInside = RoundsIntoRange(sourceY, g.height);
       const int wanted = Bits(rowInside);
-      Vd t = Set(0.0);
-      if (read) {
-        t = Load(job.rayAngles + entry);
-      } else if (wanted && row.side != RowSide::OnCentre) {
-        t = AtanOf(u, row, wanted);
-      }
-      if (job.rayUse == RayUse::Fill) {
-        Store(job.raySourceRows + entry, sourceY);
-        Store(job.rayAngles + entry, t);
-      }
+      const Vd t = wanted && row.side != RowSide::OnCentre ? AtanOf(u, row, wanted) : Set(0.0);
       Vd rightSx = Set(0.0), leftSx = Set(0.0);
       Md rightInside = rowInside, leftInside = rowInside;
       if (wanted) {

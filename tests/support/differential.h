@@ -130,10 +130,8 @@ template <class Params>
 struct KernelCase : KernelCaseBase {
   Params params{};
   PartFunction reference = nullptr, fast = nullptr;
-  std::function<void(Params&)> startRun;  // what the class does before each run, on the run's block
   Outcome Run(bool fastKernels) const {
     Params block = params;
-    if (startRun) startRun(block);
     return RunWith(&block, sizeof block, fastKernels ? fast : reference);
   }
 };
