@@ -1,0 +1,224 @@
+// The tool's parts that need no process: image files read and written, the depth
+// and colour model conversions, colours as written on the command line, the
+// progress bar's text, the settings' defaults against a new object of each class,
+// and a bitmap in a format the tool never makes read back from the host.
+#include "host/host.h"
+#include "tool_test_support.h"
+#include "tools/rawfx/colour_option.h"
+#include "tools/rawfx/effects.h"
+#include "tools/rawfx/host_bitmap.h"
+#include "tools/rawfx/image_convert.h"
+#include "tools/rawfx/progress.h"
+
+namespace rawfx::tool::test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// A file type with a layout and depth it holds, named as "png_grey_alpha_16".
+struct FileCase {
+  FileType type;
+  Layout layout;
+  int depth;
+  friend void PrintTo(const FileCase& c, std::ostream* os) {
+    const std::string name = std::string(FileTypeOption(c.type)) + "_" + LayoutName(c.layout) + "_" + std::to_string(c.depth);
+    *os << std::regex_replace(name, std::regex("[^A-Za-z0-9]"), "_");
+  }
+};
+
+// Every layout and depth each type holds: PNG no CMYK, JPEG 8 bits without alpha,
+// TIFF everything, WebP 8-bit RGB and RGBA.
+std::vector<FileCase> EveryLayoutEachTypeHolds() {
+  std::vector<FileCase> cases;
+  for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP})
+    for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK})
+      for (const int depth : {8, 16}) {
+        const bool holds[] = {layout != Layout::CMYK, depth == 8 && !HasAlpha(layout), true,
+                              depth == 8 && (layout == Layout::RGB || layout == Layout::RGBA)};
+        if (holds[int(type)]) cases.push_back({type, layout, depth});
+      }
+  return cases;
+}
+
+class ToolImageFile : public testing::TestWithParam<FileCase> {};
+
+// The pixels come back in the same layout, exactly except through lossy JPEG (smooth
+// ramps come back close; CMYK ink amounts not inverted). Every truncation of the file,
+// and one pixel more than the limit, is refused with one line naming the file.
+TEST_P(ToolImageFile, GivesThePixelsBackAndRefusesEveryTruncation) {
+  const auto [type, layout, depth] = GetParam();
+  const bool jpeg = type == FileType::JPEG;
+  ScratchDir scratch;
+  const Image original = TestImage(jpeg ? 32 : 13, jpeg ? 24 : 7, layout, depth, jpeg);
+  const std::string path = scratch / (std::string("image.") + FileTypeOption(type)), cut = scratch / "cut";
+  WriteOptions options;
+  options.quality = 95, options.lossless = true;  // WebP lossless
+  SaveImage(original, path, options);
+  const ImageFile read = ReadImage(path);
+  ASSERT_EQ(std::tuple(read.type, read.image.layout, read.image.depth, read.image.width, read.image.height),
+            std::tuple(type, layout, depth, original.width, original.height));
+  EXPECT_LE(MeanAbsoluteDifference(read.image, original), jpeg ? 3.0 : 0.0);
+  const uint64_t pixels = uint64_t(original.width * original.height);
+  const std::string tooMany = std::to_string(original.width) + " x " + std::to_string(original.height) +
+                              " pixels is more than the limit of " + std::to_string(pixels - 1);
+  EXPECT_NE(ErrorOf([&] { ReadImage(path, {pixels - 1}); }).find(tooMany), std::string::npos) << tooMany;
+  EXPECT_EQ(ErrorOf([&] { ReadImage(path, {pixels}); }), "no error");
+  const std::string bytes = ReadText(path);
+  const char* cutReason[] = {"corrupt PNG: the file is truncated", "corrupt JPEG: Premature end of JPEG file", "corrupt TIFF",
+                             "corrupt WebP: the file is truncated"};
+  // (A TIFF's last 4 bytes, the offset of a next page, are not needed to read it.)
+  for (size_t length = 0; length < bytes.size() - (type == FileType::TIFF ? 4 : 0); length += 7) {
+    WriteBytes(cut, bytes.substr(0, length));
+    const std::string message = ErrorOf([&] { ReadImage(cut); });
+    EXPECT_EQ(message.rfind("cannot read " + cut + ": ", 0), 0u) << length << ": " << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+    const bool twoThirds = length > bytes.size() * 2 / 3 && length <= bytes.size() * 2 / 3 + 7;
+    EXPECT_NE(message.find(length == 0 ? "the file is empty" : twoThirds ? cutReason[int(type)] : ""), std::string::npos) << message;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, ToolImageFile, testing::ValuesIn(EveryLayoutEachTypeHolds()), testing::PrintToStringParamName());
+
+// TIFF as other writers make it: planes, tiles, and grey with white as 0.
+TEST(ToolTiffFiles, ReadsPlanesTilesAndWhiteIsZeroGrey) {
+  ScratchDir scratch;
+  for (const Layout layout : {Layout::GrayAlpha, Layout::RGBA, Layout::CMYK}) {
+    const Image image = TestImage(21, 19, layout, 16);
+    const uint16_t photometric = layout == Layout::CMYK ? PHOTOMETRIC_SEPARATED : layout == Layout::RGBA ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+    for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
+      WriteTiff(scratch / "organised.tif", {image}, photometric, planes, tiles);
+      EXPECT_TRUE(ReadImage(scratch / "organised.tif").image == image) << LayoutName(layout) << " planes " << planes << " tiles " << tiles;
+    }
+  }
+  Image grey = TestImage(9, 5, Layout::Gray, 8), white = grey;
+  for (size_t i = 0; i < grey.sampleCount(); ++i) white.setSample(i, 255 - grey.sample(i));
+  WriteTiff(scratch / "white.tif", {white}, PHOTOMETRIC_MINISWHITE);
+  EXPECT_TRUE(ReadImage(scratch / "white.tif").image == grey);
+}
+
+// A failed write names the system's reason, as a full disk gives it; a failed save
+// leaves the old file as it was and nothing beside it.
+TEST(ToolWriteErrors, GiveTheSystemsReasonAndLeaveTheOldFile) {
+  const Image image = TestImage(64, 64, Layout::RGB, 8);
+  for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP})
+    EXPECT_EQ(ErrorOf([&] { WriteImage(image, "/dev/full", type, {}, "full.img"); }), "cannot write full.img: No space left on device")
+        << FileTypeName(type);
+  ScratchDir scratch;
+  SaveImage(image, scratch / "out.png");
+  const auto before = scratch.snapshot();
+  EXPECT_NE(ErrorOf([&] { SaveImage(TestImage(8, 8, Layout::CMYK, 8), scratch / "out.png"); }), "no error");  // no CMYK in PNG
+  EXPECT_EQ(scratch.snapshot(), before);
+  EXPECT_TRUE(ReadImage(scratch / "out.png").image == image);
+}
+
+TEST(ToolFileTypes, AreToldByExtensionInAnyCase) {
+  for (const auto& [path, type] : std::initializer_list<std::pair<const char*, std::optional<FileType>>>{
+           {"a/b.PNG", FileType::PNG}, {"b.Jpeg", FileType::JPEG}, {"b.jpg", FileType::JPEG}, {"b.tif", FileType::TIFF},
+           {"b.WebP", FileType::WebP}, {"dir.png/b", std::nullopt}, {"b.gif", std::nullopt}})
+    EXPECT_EQ(FileTypeFromExtension(path), type) << path;
+}
+
+// Depth goes up exactly and comes back rounded; colour models map the primaries and
+// keep alpha where they have room; a file type gets what it can hold, with a note.
+TEST(ToolConversions, ChangeDepthColourModelAndWhatAFileTypeCannotHold) {
+  const Image eight = TestImage(17, 3, Layout::RGBA, 8), sixteen = ConvertDepth(eight, 16);
+  EXPECT_EQ(std::pair(sixteen.sample(1), sixteen.sample(5)), std::pair(65535u, eight.sample(5) * 257));
+  EXPECT_TRUE(ConvertDepth(sixteen, 8) == eight);
+  Image odd = Image::Blank(1, 2, Layout::Gray, 16);
+  odd.setSample(0, 257 * 10 + 128), odd.setSample(1, 257 * 10 + 129);  // 10.498 down, 10.502 up
+  EXPECT_EQ(ConvertDepth(odd, 8).data, (Bytes{10, 11}));
+  Image rgba = Image::Blank(3, 1, Layout::RGBA, 8);
+  rgba.data = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
+  EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
+  const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
+  EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
+  EXPECT_EQ(ConvertLayout(cmyk, Layout::RGBA).data, (Bytes{255, 0, 0, 255, 255, 255, 255, 255, 0, 0, 0, 255}));  // opaque
+  EXPECT_EQ(std::tuple(LayoutForModel(Layout::RGBA, ColourModel::Gray), LayoutForModel(Layout::Gray, ColourModel::RGB),
+                       LayoutForModel(Layout::RGBA, ColourModel::CMYK)),
+            std::tuple(Layout::GrayAlpha, Layout::RGB, Layout::CMYK));
+  const Image rgba16 = TestImage(5, 5, Layout::RGBA, 16);
+  const Fitted png = FitForFileType(rgba16, FileType::PNG), jpeg = FitForFileType(rgba16, FileType::JPEG);
+  EXPECT_TRUE(png.image == rgba16 && png.note.empty());
+  EXPECT_TRUE(jpeg.image.layout == Layout::RGB && jpeg.image.depth == 8 && jpeg.note.find("8-bit RGB") != std::string::npos) << jpeg.note;
+  EXPECT_EQ(FitForFileType(TestImage(5, 5, Layout::CMYK, 16), FileType::PNG).image.layout, Layout::RGB);
+}
+
+// Each colour as read ("rgb R G B A" or "cmyk C M Y K A"), or the reason it is refused.
+TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"#1A2b3C", "rgb 26 43 60 255"}, {"#00000080", "rgb 0 0 0 128"}, {"#f0a", "rgb 255 0 170 255"},
+      {"#f0a8", "rgb 255 0 170 136"}, {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"},  // 25.5 rounds up
+      {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"}, {"RGBA(1,2,3,1)", "rgb 1 2 3 255"}, {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"},
+      {"Red", "rgb 255 0 0 255"}, {"aliceblue", "rgb 240 248 255 255"}, {"yellowgreen", "rgb 154 205 50 255"},  // first, last
+      {"transparent", "rgb 0 0 0 0"}, {"#12345", "3, 4, 6 or 8 digits"}, {"#12345g", "not hexadecimal"},
+      {"rgb(1,2)", "3 or 4 components"}, {"cmyk(1,2,3)", "4 or 5 components"}, {"rgb(256,0,0)", "'256'"},
+      {"rgb(1.5,0,0)", "'1.5'"}, {"rgb(101%,0,0)", "'101%'"}, {"rgb(-1,0,0)", "'-1'"}, {"rgba(1,2,3,2)", "'2' is not an alpha"},
+      {"reddish", "is not a colour: use a name"}, {"hsl(1,2,3)", "is not a colour"}};
+  for (const auto& [text, expected] : cases) {
+    std::string got;
+    if (const std::optional<ColourOption> c = ParseColour(text, &got)) {
+      got = c->cmyk ? "cmyk" : "rgb";
+      for (int i = 0; i < (c->cmyk ? 4 : 3); ++i) got += " " + std::to_string(c->parts[i]);
+      got += " " + std::to_string(c->alpha);
+    }
+    EXPECT_TRUE(got.starts_with("rgb ") || got.starts_with("cmyk ") ? got == expected : got.find(expected) != std::string::npos)
+        << text << " gave " << got;
+  }
+}
+
+// A narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a short one its start.
+TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
+  const std::tuple<const char*, int64_t, int64_t, double, int, const char*> cases[] = {
+      {"oil paint", 60, 240, 1.25, 80, "oil paint [######..................]  25%  60/240 rows  1.2 s"},
+      {"x", 240, 240, 0, 80, "x [########################] 100%  240/240 rows  0.0 s"},
+      {"reading", 5, 0, 0, 80, "reading  0.0 s"},  // rows not known yet
+      {"[2/3] b.png  polar", 1, 4, 0, 60, "[2/3] b.png  polar [####.............]  25%  1/4 rows  0.0 s"},
+      {"[2/3] b.png  polar", 1, 4, 0, 40, "[2/3] b.png  polar  25%  1/4 rows  0.0 s"},
+      {"[2/3] b.png  polar", 1, 4, 0, 30, "g  polar  25%  1/4 rows  0.0 s"},
+      {"[12/20] holiday-photo-0042.png  oil paint", 1, 4, 0, 50, "[12/20] holi...ng  oil paint  25%  1/4 rows  0.0 s"}};
+  for (const auto& [label, done, total, seconds, width, text] : cases)
+    EXPECT_EQ(ProgressBar::Render(label, done, total, seconds, width), text);
+  std::FILE* sink = std::tmpfile();
+  ProgressBar(false, "x", sink).update(1, 2);
+  EXPECT_EQ(std::ftell(sink), 0);
+  ProgressBar(true, "x", sink).update(1, 2);
+  EXPECT_GT(std::ftell(sink), 0);
+  std::fclose(sink);
+  ProgressBar phases(false, "");  // times its phases for --verbose even when it draws nothing
+  for (const char* name : {"reading", "polar", "writing"}) phases.phase(name, 10);
+  phases.finish();
+  std::string names;
+  for (const auto& [name, seconds] : phases.timings()) names += name + " ";
+  EXPECT_EQ(names, "reading polar writing ");
+}
+
+// The tool offers one command per registered class and states each class's defaults
+// for --help; they must be what a new object has.
+TEST(ToolEffectTable, NamesEveryRegisteredClassWithItsDefaults) {
+  host::Host host;
+  EXPECT_EQ(host.registeredClassNames().size(), Effects().size());
+  for (const auto& [className, settings] : std::initializer_list<std::pair<const char*, std::vector<PropertySetting>>>{
+           {"InterlaceEffectRaw", PropertiesOf(InterlaceSettings{})}, {"PolarCoordinatesEffectRaw", PropertiesOf(PolarSettings{})},
+           {"BarrelDistortEffectRaw", PropertiesOf(BarrelSettings{})}, {"OilPaintEffectRaw", PropertiesOf(OilPaintSettings{})}}) {
+    const HostRef object(host, host.New(className));
+    ASSERT_NE(object.get(), nullptr) << className;
+    for (const PropertySetting& setting : settings)
+      std::visit([&](auto value) { EXPECT_EQ(host.Get<decltype(value)>(object.get(), setting.name), value) << setting.name; },
+                 setting.value);
+  }
+}
+
+// Every layout's way into the host and back is checked end to end by tool_effects_test;
+// a bitmap in a format the tool never makes must still come out in file order.
+TEST(ToolHostBitmapsFromOtherFormats, ComeOutInFileOrder) {
+  host::Host host;
+  const HostRef bitmap(host, host.NewBitmap(1, 1, 7, 8));  // BGRA: blue first in memory
+  ASSERT_NE(bitmap.get(), nullptr);
+  const uint8_t bgra[] = {30, 20, 10, 40};
+  std::copy(bgra, bgra + 4, host.Bitmap(bitmap.get()).row(0));
+  const Image image = ImageFromBitmap(host, bitmap.get());
+  EXPECT_EQ(std::pair(image.layout, image.data), std::pair(Layout::RGBA, Bytes{10, 20, 30, 40}));
+}
+
+}  // namespace
+}  // namespace rawfx::tool::test
