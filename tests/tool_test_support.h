@@ -1,5 +1,6 @@
-// Helpers for the command-line tool's tests: scratch directories, test images, and
-// the built tool run through the shell against a table of what each run must give.
+// Helpers for the command-line tool's tests: scratch directories, test images, TIFF
+// files as other writers make them, and the built tool run through the shell against
+// a table of what each run must give.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -34,13 +35,13 @@ struct ScratchDir {
     fs::remove_all(path, ignored);
   }
   std::string operator/(const std::string& name) const { return (path / name).string(); }
-  // Everything below it, each file with its size and modification time.
+  // Everything below it, each file with its size and the time it was last written.
   std::map<std::string, std::string> snapshot() const {
     std::map<std::string, std::string> found;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
-      const bool file = entry.is_regular_file();
-      found[fs::relative(entry.path(), path)] =
-          file ? std::to_string(entry.file_size()) + "@" + std::to_string(entry.last_write_time().time_since_epoch().count()) : "";
+      if (!entry.is_regular_file()) found[fs::relative(entry.path(), path)] = "";
+      else found[fs::relative(entry.path(), path)] = std::to_string(entry.file_size()) + " bytes at " +
+                                                      std::to_string(entry.last_write_time().time_since_epoch().count());
     }
     return found;
   }
@@ -54,8 +55,8 @@ inline Image TestImage(int64_t width, int64_t height, Layout layout, int depth, 
   std::minstd_rand random(seed);
   const auto channels = static_cast<size_t>(image.channels());
   for (size_t i = 0; i < image.sampleCount(); ++i) {
-    const int64_t x = int64_t(i / channels) % width, y = int64_t(i / channels) / width;
-    image.setSample(i, smooth ? uint32_t(x * 3 + y * 2 + int64_t(i % channels) * 40) % 256 : random() % (image.maxSample() + 1));
+    const auto x = int64_t(i / channels) % width, y = int64_t(i / channels) / width, c = int64_t(i % channels);
+    image.setSample(i, smooth ? uint32_t(x * 3 + y * 2 + c * 40) % 256 : random() % (image.maxSample() + 1));
   }
   if (!smooth) image.setSample(0, 0), image.setSample(1, image.maxSample());
   return image;
@@ -71,35 +72,36 @@ inline std::string ReadText(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
-inline void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+inline void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path) << bytes; }
 
 // A TIFF of the images as its pages, each in separate planes and/or 16 x 16 tiles, as
-// other writers make them; else interleaved, in one-row strips.
-inline void WriteTiff(const std::string& path, const std::vector<Image>& pages, uint32_t photometric, bool planes = false,
+// other writers make them, else interleaved in one-row strips.
+inline void WriteTiff(const std::string& path, const std::vector<Image>& pages, int photometric, bool planes = false,
                       bool tiles = false) {
   TIFF* tiff = TIFFOpen(path.c_str(), "w");
   for (const Image& image : pages) {
-    const int channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels, block = tiles ? 16 : 1;
-    const int64_t blockWidth = tiles ? 16 : image.width;
+    const int64_t channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels;
+    const int64_t high = tiles ? 16 : 1, wide = tiles ? 16 : image.width, blockBytes = wide * high * samples * bytes;
     for (const auto& [tag, value] : std::initializer_list<std::pair<uint32_t, int64_t>>{
              {TIFFTAG_IMAGEWIDTH, image.width}, {TIFFTAG_IMAGELENGTH, image.height}, {TIFFTAG_BITSPERSAMPLE, image.depth},
              {TIFFTAG_SAMPLESPERPIXEL, channels}, {TIFFTAG_PHOTOMETRIC, photometric}, {TIFFTAG_PLANARCONFIG, planes ? 2 : 1},
-             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, block}, {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, block}})
+             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, high}, {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, high}})
       TIFFSetField(tiff, tag, uint32_t(value));
     const uint16_t associatedAlpha = EXTRASAMPLE_ASSOCALPHA;
     if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &associatedAlpha);
-    // Blocks plane by plane in libtiff's numbering, zero past the image's edge.
-    uint32_t number = 0;
-    for (int plane = 0; plane < channels / samples; ++plane)
-      for (int64_t top = 0; top < image.height; top += block)
-        for (int64_t left = 0; left < image.width; left += blockWidth, ++number) {
-          std::vector<uint8_t> data(size_t(blockWidth * block * samples * bytes));
-          for (int64_t y = top; y < std::min(top + block, image.height); ++y)
-            for (int64_t x = left; x < std::min(left + blockWidth, image.width); ++x)
-              std::memcpy(&data[size_t(((y - top) * blockWidth + x - left) * samples * bytes)],
-                          &image.data[size_t(((y * image.width + x) * channels + plane) * bytes)], size_t(samples * bytes));
-          (tiles ? TIFFWriteEncodedTile : TIFFWriteEncodedStrip)(tiff, number, data.data(), tmsize_t(data.size()));
+    // Each sample to its place in its block, the blocks plane by plane in libtiff's
+    // numbering, zero past the image's edge.
+    const int64_t across = (image.width + wide - 1) / wide, down = (image.height + high - 1) / high;
+    std::vector<uint8_t> blocks(size_t(channels / samples * down * across * blockBytes));
+    for (int64_t y = 0; y < image.height; ++y)
+      for (int64_t x = 0; x < image.width; ++x)
+        for (int64_t c = 0; c < channels; ++c) {
+          const int64_t block = (c / samples * down + y / high) * across + x / wide;
+          std::memcpy(&blocks[size_t(block * blockBytes + ((y % high * wide + x % wide) * samples + c % samples) * bytes)],
+                      &image.data[size_t(((y * image.width + x) * channels + c) * bytes)], size_t(bytes));
         }
+    for (uint32_t block = 0; block * blockBytes < int64_t(blocks.size()); ++block)
+      (tiles ? TIFFWriteEncodedTile : TIFFWriteEncodedStrip)(tiff, block, &blocks[block * blockBytes], blockBytes);
     TIFFWriteDirectory(tiff);
   }
   TIFFClose(tiff);
@@ -115,16 +117,16 @@ struct ToolResult {
 // output and error go to scratch/.out and scratch/.err, removed when read.
 inline const std::string kTool = "exec " RAWFX_TOOL_PATH;
 inline ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::string& how = kTool) {
-  std::string line = "exec < /dev/null > '" + scratch / ".out" + "' 2> '" + scratch / ".err" + "'; " + how;
+  std::string line = "exec < /dev/null > " + scratch / ".out" + " 2> " + scratch / ".err" + "; " + how;
   for (const std::string& word : words) line += " '" + word + "'";
   const int status = std::system(line.c_str());
-  ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(scratch / ".out"),
-                    ReadText(scratch / ".err")};
+  const ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(scratch / ".out"),
+                          ReadText(scratch / ".err")};
   fs::remove(scratch / ".out"), fs::remove(scratch / ".err");
   return result;
 }
 
-// A run of the tool: its words, its exit status, a fragment of what it says, and how it is started.
+// A run of the tool: its words, its exit status, a fragment of what it says, and how it starts.
 struct Expected {
   Words words;
   int status;
