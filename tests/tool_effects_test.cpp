@@ -1,6 +1,6 @@
 // The tool run on files of every layout and depth it reads, each result checked against
-// the same effect run through the host here: a bitmap filled by this test, properties
-// set by name, the method called by its declaration.
+// the same effect run through the host here: properties set by name, the method called
+// by its declaration.
 #include "tool_test_support.h"
 
 namespace rawfx::tool::test {
@@ -10,17 +10,8 @@ namespace {
 using MakeObject = REALobject (*)(host::Host&);
 using Settings = std::vector<std::pair<const char*, std::variant<bool, uint8_t, float, double, int64_t, MakeObject>>>;
 
-// The image in a new bitmap of the host format that holds its layout in file order
-// (grey+alpha, which has no format of its own, as RGBA).
-REALobject Upload(host::Host& host, const Image& image) {
-  const int64_t formats[] = {0, -1, 3, 5, 13};  // by Layout
-  REALobject bitmap = host.NewBitmap(image.width, image.height, formats[int(image.layout)], image.depth);
-  for (int64_t y = 0; y < image.height; ++y) std::memcpy(host.Bitmap(bitmap).row(y), image.row(y), image.rowBytes());
-  return bitmap;
-}
-
 const Image kMask = TestImage(23, 17, Layout::Gray, 8, false, 5);
-REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, Upload(host, kMask)).get()); }
+REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, NewBitmapFromImage(host, kMask)).get()); }
 
 struct EffectCase {
   const char* name;           // as the test's name shows it
@@ -32,23 +23,18 @@ struct EffectCase {
   friend void PrintTo(const EffectCase& effect, std::ostream* os) { *os << effect.name; }
 };
 
-// The effect run through the host without the tool's bridge; the result held as the source.
+// The effect run through the host on the picture put in a bitmap here, away from the
+// tool's files and their decoding straight into bitmaps.
 Image Reference(const EffectCase& effect, const Image& file) {
-  const Image picture = effect.source(file);
-  const Image input = ConvertLayout(picture, picture.layout == Layout::GrayAlpha ? Layout::RGBA : picture.layout);
   host::Host host;
-  const HostRef object(host, host.New(effect.className)), source(host, Upload(host, input));
+  const HostRef object(host, host.New(effect.className)), source(host, NewBitmapFromImage(host, effect.source(file)));
   for (const auto& [name, value] : effect.settings)
     std::visit([&, &name = name](auto plain) {
       if constexpr (std::is_same_v<decltype(plain), MakeObject>) host.Set(object.get(), name, HostRef(host, plain(host)).get());
       else host.Set(object.get(), name, plain);
     }, value);
   const HostRef result(host, host.Call<REALobject, REALobject>(object.get(), kApply, source.get()));
-  if (!result.get()) return {};
-  const host::BitmapView view = host.Bitmap(result.get());
-  Image output = Image::Blank(view.width, view.height, input.layout, view.bitsPerChannel);
-  for (int64_t y = 0; y < output.height; ++y) std::memcpy(output.row(y), view.row(y), output.rowBytes());
-  return output;
+  return result.get() ? ImageFromBitmap(host, result.get()) : Image{};
 }
 
 const EffectCase kEffects[] = {

@@ -36,15 +36,15 @@ void MakePhoto(const std::string& path, const Image& stored, int orientation) {
 std::string Carried(const std::string& path) {
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
   image->readMetadata();
-  std::string carried;
-  const auto add = [&](auto& data, const auto& key) {
-    const auto found = data.findKey(key);
-    carried += (found == data.end() ? std::string("-") : found->toString()) + ";";
+  std::map<std::string, std::string> found;
+  const auto collect = [&](const auto& data) {
+    for (const auto& datum : data) found[datum.key()] = datum.toString();
   };
-  for (const char* key : {"Exif.Image.Orientation", "Exif.Image.Artist", "Exif.GPSInfo.GPSLatitudeRef"})
-    add(image->exifData(), Exiv2::ExifKey(key));
-  add(image->xmpData(), Exiv2::XmpKey("Xmp.dc.rights"));
-  add(image->iptcData(), Exiv2::IptcKey("Iptc.Application2.Keywords"));
+  collect(image->exifData()), collect(image->xmpData()), collect(image->iptcData());
+  std::string carried;
+  for (const std::string key : {"Exif.Image.Orientation", "Exif.Image.Artist", "Exif.GPSInfo.GPSLatitudeRef",
+                                "Xmp.dc.rights", "Iptc.Application2.Keywords"})
+    carried += (found.contains(key) ? found[key] : "-") + ";";
   return carried + std::to_string(image->iccProfileDefined() ? image->iccProfile()->size_ : 0);
 }
 
