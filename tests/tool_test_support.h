@@ -39,9 +39,9 @@ struct ScratchDir {
   std::map<std::string, std::string> snapshot() const {
     std::map<std::string, std::string> found;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
-      if (!entry.is_regular_file()) found[fs::relative(entry.path(), path)] = "";
-      else found[fs::relative(entry.path(), path)] = std::to_string(entry.file_size()) + " bytes at " +
-                                                      std::to_string(entry.last_write_time().time_since_epoch().count());
+      std::string& state = found[fs::relative(entry.path(), path)];
+      if (entry.is_regular_file())
+        state = std::to_string(entry.file_size()) + "@" + std::to_string(entry.last_write_time().time_since_epoch().count());
     }
     return found;
   }
@@ -69,7 +69,7 @@ inline double MeanAbsoluteDifference(const Image& a, const Image& b) {
 }
 
 inline std::string ReadText(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 inline void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path) << bytes; }
@@ -112,12 +112,12 @@ struct ToolResult {
   std::string out, err;
 };
 
-// The tool run by the shell. `how` ends in the executable, after what the run needs
-// first (a directory, the environment, limits); redirections may follow it. Standard
-// output and error go to scratch/.out and scratch/.err, removed when read.
+// The tool run by the shell in the scratch directory. `how` ends in the executable,
+// after what the run needs first (a directory, the environment, limits); redirections
+// may follow it. Standard output and error go to .out and .err, removed when read.
 inline const std::string kTool = "exec " RAWFX_TOOL_PATH;
 inline ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::string& how = kTool) {
-  std::string line = "exec < /dev/null > " + scratch / ".out" + " 2> " + scratch / ".err" + "; " + how;
+  std::string line = "cd " + scratch.path.string() + " && exec < /dev/null > .out 2> .err && " + how;
   for (const std::string& word : words) line += " '" + word + "'";
   const int status = std::system(line.c_str());
   const ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(scratch / ".out"),
