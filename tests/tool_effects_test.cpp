@@ -15,7 +15,7 @@ REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, NewBitm
 
 struct EffectCase {
   const char* name;           // as the test's name shows it
-  Words words;                // the command and its options; "MASK" stands for kMask's file
+  Words words;                // the command and its options; mask.png is kMask
   std::vector<Words> sameAs;  // further options that must not change the result
   const char* className;
   Settings settings;
@@ -37,64 +37,59 @@ Image Reference(const EffectCase& effect, const Image& file) {
   return result.get() ? ImageFromBitmap(host, result.get()) : Image{};
 }
 
+// Each effect with all its options, and a conversion of the source before it.
 const EffectCase kEffects[] = {
     {"interlace_odd_even_colour_mask",
-     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask", "MASK"},
+     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask", "mask.png"},
      {{"--in-place"}}, "InterlaceEffectRaw",
      {{"HorizontalInterlaceType", int64_t{1}}, {"VerticalInterlaceType", int64_t{2}}, {"InterlaceAlphaChannel", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }}, {"Mask", &NewMask}}},
-    {"polar_no_flip_colour", {"polar", "--no-flip", "--color", "rgb(10,200,30,50%)"}, {{"--async"}},
-     "PolarCoordinatesEffectRaw",
-     {{"FlipMapping", false}, {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}}},
-    {"polar_to_rect", {"polar", "--to-rect"}, {{"--async"}}, "PolarCoordinatesEffectRaw", {{"RectangularToPolar", false}}},
-    {"barrel_keystones_cmyk_colour",
-     {"barrel", "--distortion", "0.4", "--hkeystone", "0.1", "--vkeystone", "-0.05", "--color", "cmyk(0,255,0,0)"},
+    {"polar_to_rect_no_flip_colour_grey", {"polar", "--to-rect", "--no-flip", "--color", "rgb(10,200,30,50%)", "--model", "gray"},
+     {{"--async"}}, "PolarCoordinatesEffectRaw",
+     {{"RectangularToPolar", false}, {"FlipMapping", false},
+      {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}},
+     [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
+    {"barrel_keystones_nearest_cmyk_colour_16_bits",
+     {"barrel", "--distortion", "0.4", "--hkeystone", "0.1", "--vkeystone", "-0.05", "--nearest", "--color",
+      "cmyk(0,255,0,0)", "--depth", "16"},
      {{"--async"}}, "BarrelDistortEffectRaw",
-     {{"Distortion", 0.4}, {"HorizontalKeystone", 0.1}, {"VerticalKeystone", -0.05},
-      {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}}},
-    {"barrel_nearest", {"barrel", "--distortion", "-0.3", "--nearest"}, {{"--async"}}, "BarrelDistortEffectRaw",
-     {{"Distortion", -0.3}, {"Interpolate", false}}},
-    {"oilpaint_brush_smoothness_mask", {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "MASK"},
+     {{"Distortion", 0.4}, {"HorizontalKeystone", 0.1}, {"VerticalKeystone", -0.05}, {"Interpolate", false},
+      {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}},
+     [](const Image& file) { return ConvertDepth(file, 16); }},
+    {"oilpaint_brush_smoothness_mask", {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "mask.png"},
      {{"--threads", "1"}, {"--threads", "3"}}, "OilPaintEffectRaw",
      {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}}},
-    {"barrel_depth_16", {"barrel", "--depth", "16", "--distortion", "0.2"}, {}, "BarrelDistortEffectRaw",
-     {{"Distortion", 0.2}}, [](const Image& file) { return ConvertDepth(file, 16); }},
-    {"polar_model_gray", {"polar", "--model", "gray"}, {}, "PolarCoordinatesEffectRaw", {},
-     [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
 };
 
 class ToolEffectOnEveryFile : public testing::TestWithParam<EffectCase> {};
 
 // One batch run takes a PNG, TIFF and JPEG file of every layout and depth each holds
-// (oil paint: 8 bits only) to TIFF, which holds every result exactly. Each option that
-// must not change the result (in place, asynchronously, any number of threads) runs on
-// the PNG files, to PNG.
+// (oil paint: 8 bits only) to TIFF, which holds every result exactly; so does a run with
+// each option that must not change the result (in place, asynchronously, any number of
+// threads).
 TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
   const EffectCase& effect = GetParam();
   ScratchDir scratch;
   SaveImage(kMask, scratch / "mask.png");
-  std::map<std::string, Image> expected;  // by input file
+  std::map<std::string, Image> expected;  // by input's name
   for (const std::string type : {"png", "tif", "jpg"})
     for (const int depth : {8, 16})
       for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK}) {
         const bool refused = depth == 16 && effect.words[0] == "oilpaint";
         if (refused || !FitsFileType(ImageShape{23, 17, layout, depth}, *FileTypeNamed(type))) continue;
-        const std::string in = scratch / (type + "-" + LayoutName(layout) + "-" + std::to_string(depth) + "." + type);
-        SaveImage(TestImage(23, 17, layout, depth), in);
-        expected[in] = Reference(effect, ReadImage(in).image);
+        const std::string in = type + "-" + LayoutName(layout) + "-" + std::to_string(depth) + "." + type;
+        SaveImage(TestImage(23, 17, layout, depth), scratch / in);
+        expected[in] = Reference(effect, ReadImage(scratch / in).image);
       }
   for (size_t run = 0; run <= effect.sameAs.size(); ++run) {
-    const std::string format = run == 0 ? "tiff" : "png", out = scratch / ("out" + std::to_string(run));
-    Words words = effect.words, inputs;
+    Words words = effect.words;
     if (run > 0) words.insert(words.end(), effect.sameAs[run - 1].begin(), effect.sameAs[run - 1].end());
-    std::replace(words.begin(), words.end(), std::string("MASK"), scratch / "mask.png");
-    for (const auto& [in, image] : expected)
-      if (run == 0 || in.ends_with(".png")) inputs.push_back(in);
-    words.insert(words.end(), {"-q", "--format", format, "--out-dir", out});
-    words.insert(words.end(), inputs.begin(), inputs.end());
+    words.insert(words.end(), {"-q", "--format", "tiff", "--out-dir", "out" + std::to_string(run)});
+    for (const auto& [in, image] : expected) words.push_back(in);
     ASSERT_EQ(RunTool(words, scratch).status, 0) << testing::PrintToString(words);
-    for (const std::string& in : inputs)
-      EXPECT_TRUE(ReadImage(out + "/" + fs::path(in).stem().string() + "." + format).image == expected[in]) << in << run;
+    for (const auto& [in, image] : expected)
+      EXPECT_TRUE(ReadImage(scratch / ("out" + std::to_string(run) + "/" + fs::path(in).stem().string() + ".tiff")).image ==
+                  image) << in << run;
   }
 }
 

