@@ -131,9 +131,7 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   // Large enough that polar takes no ray table (kept to pictures of about 8 megapixels).
   const Image large = TestImage(3000, 2800, Layout::RGBA, 8, true);
   const double bytes = double(large.data.size());
-  WriteOptions uncompressed;
-  uncompressed.compression = TiffCompression::None;
-  WriteImage(large, scratch / "large.tif", FileType::TIFF, uncompressed);
+  SaveImage(large, scratch / "large.tif");
   SaveImage(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
   SaveImage(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
   WriteBytes(scratch / "wide.png", PngHeader(2147483647, 1, 6));

@@ -12,9 +12,8 @@ namespace rawfx::tool::test {
 namespace {
 
 // Every run in the scratch directory, which holds an RGB picture at 8 and 16 bits, a
-// 10 x 10 mask, grey+alpha, CMYK, two pages, a text file, outputs to replace (one only
-// its owner may write, one nobody may, a link dangling until written through) and,
-// unless the test runs as root (who may write anywhere but in /sys), a locked folder.
+// 10 x 10 mask, grey+alpha, CMYK, two pages, a text file, and outputs to replace: one
+// only its owner may write, one nobody may, and a link dangling until written through.
 TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   ScratchDir scratch;
   SaveImage(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
@@ -30,11 +29,6 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::permissions(scratch / "private.png", owner), fs::permissions(scratch / "locked.png", readOnly);
   fs::create_directory(scratch / "real");
   fs::create_symlink("real/target.png", scratch / "link.png");
-  std::string lockedDir = "/sys";
-  if (geteuid() != 0) {
-    fs::create_directory(lockedDir = scratch / "locked");
-    fs::permissions(lockedDir, fs::perms::owner_read | fs::perms::owner_exec);
-  }
   const std::string full = kTool + " > /dev/full", noSpace = "rawfx: cannot write standard output: No space left on device\n";
   const std::string notAnImage = "not a PNG, JPEG, TIFF or WebP image";
   ExpectRuns(scratch, {
@@ -63,7 +57,7 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"oilpaint", "notes.png", "out.png"}, 2, "cannot read notes.png: " + notAnImage},
       {{"info", "notes.png"}, 2, notAnImage},
       {{"info", "-"}, 2, "rawfx: cannot read standard input: " + notAnImage + "\n", kTool + " < /dev/zero"},
-      {{"polar", "rgb.png", lockedDir + "/out.png"}, 2, "cannot write " + lockedDir + "/out.png: cannot create a file in "},
+      {{"polar", "rgb.png", "/sys/out.png"}, 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
       {{"polar", "rgb.png", "no/such/dir/out.png"}, 2, "No such file or directory"},
       {{"polar", "rgb.png", "locked.png"}, 2, "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
       {{"polar", "-q", "rgb.png", "-", "--format", "png"}, 2, noSpace, full},
@@ -150,13 +144,12 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
     SCOPED_TRACE(std::string(name) + " at " + moment);
     const std::string pid = scratch / ".pid", starting = "echo $$ > " + pid + "; " + kTool;
     auto run = std::async(std::launch::async, [&, &words = words] { return RunTool(words, scratch, starting); });
-    const auto reached = [&, &moment = moment] {
+    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+         std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
       std::string seen = ReadText(scratch / ".err");
       for (const fs::directory_entry& entry : fs::directory_iterator(scratch.path)) seen += "\n" + entry.path().filename().string();
-      return seen.find(moment) != std::string::npos;
-    };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!reached() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (seen.find(moment) != std::string::npos) break;
+    }
     const auto sent = std::chrono::steady_clock::now();
     if (run.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) kill(std::stoi(ReadText(pid)), signal);
     const ToolResult result = run.get();
