@@ -1,6 +1,6 @@
-// The tool run as a process: what each run says and its status (files that cannot
-// be read or written, options out of range, standard streams, pages, many files at
-// once, outputs replaced), a signal at any phase, the demo, and the tool installed.
+// The tool run as a process: installed, what each run says and its status (files that
+// cannot be read or written, options out of range, standard streams, pages, many files
+// at once, outputs replaced, the module missing), a signal at any phase, and the demo.
 #include <signal.h>
 
 #include <future>
@@ -11,11 +11,20 @@
 namespace rawfx::tool::test {
 namespace {
 
-// Every run in the scratch directory, which holds an RGB picture at 8 and 16 bits, a
-// 10 x 10 mask, grey+alpha, CMYK, two pages, a text file, and outputs to replace: one
+// The tool as installed: `cmake --install` into a prefix, the tree moved elsewhere
+// (nothing may point back into the prefix or the build tree), with no usable temporary
+// directory (TMPDIR names a file); the module is found beside the executable and loaded
+// from its own file.
+// Every run is in the scratch directory, which holds an RGB picture at 8 and 16 bits,
+// a 10 x 10 mask, grey+alpha, CMYK, two pages, a text file, and outputs to replace: one
 // only its owner may write, one nobody may, and a link dangling until written through.
 TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   ScratchDir scratch;
+  const std::string install = "cmake --install " RAWFX_BINARY_DIR " --prefix " + scratch / "prefix" + " > /dev/null";
+  ASSERT_EQ(std::system(install.c_str()), 0) << install;
+  fs::rename(scratch / "prefix", scratch / "moved");
+  const std::string module = scratch / "moved/lib/rawfx/rawfx.so", installed = scratch / "moved/bin/rawfx";
+  const std::string tool = "exec env -u RAWFX_MODULE TMPDIR=notes.png " + installed;
   SaveImage(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
   SaveImage(TestImage(24, 16, Layout::RGB, 16), scratch / "rgb16.png");
   SaveImage(TestImage(10, 10, Layout::Gray, 8), scratch / "mask.png");
@@ -29,7 +38,8 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::permissions(scratch / "private.png", owner), fs::permissions(scratch / "locked.png", readOnly);
   fs::create_directory(scratch / "real");
   fs::create_symlink("real/target.png", scratch / "link.png");
-  const std::string full = kTool + " > /dev/full", noSpace = "rawfx: cannot write standard output: No space left on device\n";
+  const std::string full = tool + " > /dev/full", noSpace = "rawfx: cannot write standard output: No space left on device\n";
+  const std::string broken = "rawfx: installation error: cannot load module rgb.png";
   const std::string notAnImage = "not a PNG, JPEG, TIFF or WebP image";
   ExpectRuns(scratch, {
       // Runs that succeed; the first writes the output that no failure below may touch.
@@ -45,9 +55,11 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"}, 0, "30 x 20 RGBA, 16 bits, bitmap format RGBA, 2 threads"},
       {{"polar", "--verbose", "--async", "ga.png", "v.png"}, 0, "ApplyAsync took"},
       {{"polar", "--verbose", "ga.png", "v.png"}, 0, "megapixels/s; wrote v.png\nrawfx: phases: reading "},
+      {{"polar", "--verbose", "ga.png", "v.png"}, 0, "rawfx: module " + module + "\n"},
+      {{"--help-all"}, 0, "--hkeystone"},
       {{"polar", "-q", "rgb.png", "direct.PNG"}, 0, ""},
-      {{"polar", "-q", "-", "-", "--format", "png"}, 0, "", kTool + " < rgb.png > from-file.png"},
-      {{"polar", "-", "-", "--format", "png"}, 0, "", "cat rgb.png | " + kTool + " > from-pipe.png"},
+      {{"polar", "-q", "-", "-", "--format", "png"}, 0, "", tool + " < rgb.png > from-file.png"},
+      {{"polar", "-", "-", "--format", "png"}, 0, "", "cat rgb.png | " + tool + " > from-pipe.png"},
       {{"polar", "rgb.png", "ink.tif", "--out-dir", "same"}, 0, "2 of 2 files written"},
       {{"oilpaint", "-q", "rgb.png", "alone.TIFF"}, 0, ""},
       {{"polar", "rgb.png", "private.png"}, 0, ""},
@@ -56,7 +68,7 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"polar", "missing.png", "out.png"}, 2, "cannot read missing.png: No such file or directory"},
       {{"oilpaint", "notes.png", "out.png"}, 2, "cannot read notes.png: " + notAnImage},
       {{"info", "notes.png"}, 2, notAnImage},
-      {{"info", "-"}, 2, "rawfx: cannot read standard input: " + notAnImage + "\n", kTool + " < /dev/zero"},
+      {{"info", "-"}, 2, "rawfx: cannot read standard input: " + notAnImage + "\n", tool + " < /dev/zero"},
       {{"polar", "rgb.png", "/sys/out.png"}, 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
       {{"polar", "rgb.png", "no/such/dir/out.png"}, 2, "No such file or directory"},
       {{"polar", "rgb.png", "locked.png"}, 2, "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
@@ -93,8 +105,12 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"polar", "--colour", "#12345", "rgb.png", "out.png"}, 2, "3, 4, 6 or 8 digits"},
       {{"oilpaint", "--color", "red", "rgb.png", "out.png"}, 2, "unknown option --color for rawfx oilpaint"},  // no background
       {{"blur", "rgb.png", "out.png"}, 2, "unknown command 'blur'"},
+      // A module that does not load: status 3. One named explicitly wins over the installed one.
+      {{"polar", "--module", "rgb.png", "rgb.png", "b.png"}, 3, broken},
+      {{"demo", "--module", "rgb.png"}, 3, broken},
+      {{"polar", "rgb.png", "b.png"}, 3, broken, "exec env TMPDIR=notes.png RAWFX_MODULE=rgb.png " + installed},
       {{"polar", "--force", "rgb.png", "locked.png"}, 0, ""},
-  });
+  }, tool);
   EXPECT_EQ(ReadImage(scratch / "first.png").image.width, 10);
   EXPECT_EQ(ReadImage(scratch / "second.png").image.width, 6);
   EXPECT_EQ(ReadImage(scratch / "fit.Jpeg").type, FileType::JPEG);
@@ -112,15 +128,18 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   // Many inputs into one folder: each result as if run alone, the run goes on after a
   // failed file, and one summary line ends it; the status is the worst file's.
   const ToolResult run = RunTool({"oilpaint", "--out-dir", "batch", "--suffix", "-oil", "--format", "tiff", "-q", "rgb.png",
-                                  "rgb16.png", "notes.png", "ink.tif"}, scratch);
+                                  "rgb16.png", "notes.png", "ink.tif"}, scratch, tool);
   EXPECT_EQ(run.status, 2);
   EXPECT_TRUE(run.err.ends_with("rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n")) << run.err;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 3) << "one line per failure and the summary";
   EXPECT_EQ(ReadText(scratch / "batch/rgb-oil.tiff"), ReadText(scratch / "alone.TIFF"));
   EXPECT_EQ(ReadImage(scratch / "batch/ink-oil.tiff").image.layout, Layout::CMYK);
   EXPECT_EQ(std::distance(fs::directory_iterator(scratch / "batch"), {}), 2);
-  const ToolResult bare = RunTool({}, scratch);
+  const ToolResult bare = RunTool({}, scratch, tool);
   EXPECT_TRUE(bare.status == 2 && bare.err.find("Subcommands:") != std::string::npos) << bare.err;
+  fs::remove(module);
+  ExpectRuns(scratch, {{{"polar", "rgb.png", "b.png"}, 3, "installation error: the effects module is missing (looked for " + module}},
+             tool);
 }
 
 // A signal at each phase of a run: the tool exits within a second with 128 + the
@@ -190,37 +209,6 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
   EXPECT_TRUE(mask.layout == Layout::Gray && mask.sample(36 * 96 + 48) == 0 && mask.sample(0) == 255);
   for (const char* name : {"/sample.png", "/oilpaint.png"})
     EXPECT_EQ(ReadText(scratch / "again" + name), ReadText(directory + name)) << name;
-}
-
-// `cmake --install` into a prefix, the tree moved elsewhere, run from another directory
-// with no usable temporary directory: the module is found beside the executable and
-// loaded from its own file; a missing or broken module is an installation error.
-TEST(ToolInstall, RunsFromAMovedPrefixWithoutATemporaryDirectoryAndRefusesAMissingModule) {
-  ScratchDir scratch;
-  const std::string install = "cmake --install " RAWFX_BINARY_DIR " --prefix " + scratch / "prefix" + " > /dev/null";
-  ASSERT_EQ(std::system(install.c_str()), 0) << install;
-  fs::rename(scratch / "prefix", scratch / "moved");  // nothing may point back into the prefix or the build tree
-  const std::string module = scratch / "moved/lib/rawfx/rawfx.so", notAModule = scratch / "work/in.png";
-  fs::create_directory(scratch / "work");
-  SaveImage(TestImage(16, 12, Layout::RGB, 8), notAModule);
-  WriteBytes(scratch / "not-a-directory", "");  // as TMPDIR, any copy of the module to a temporary directory fails
-  const auto installed = [&](const std::string& variables) {
-    return "cd " + scratch / "work" + " && unset RAWFX_MODULE && " + variables + " TMPDIR=" + scratch / "not-a-directory" +
-           " exec " + scratch / "moved/bin/rawfx";
-  };
-  const std::string broken = "rawfx: installation error: cannot load module " + notAModule;
-  ExpectRuns(scratch, {
-      {{"polar", "--verbose", "in.png", "out.png"}, 0, "rawfx: module " + module + "\n", installed("")},
-      {{"--help-all"}, 0, "--hkeystone", installed("")},
-      // A module named explicitly wins over the installed one.
-      {{"polar", "--module", notAModule, "in.png", "b.png"}, 3, broken, installed("")},
-      {{"demo", "--module", notAModule}, 3, broken, installed("")},
-      {{"polar", "in.png", "b.png"}, 3, broken, installed("RAWFX_MODULE=" + notAModule)},
-  });
-  fs::remove(module);
-  ExpectRuns(scratch, {{{"polar", "in.png", "b.png"}, 3, "installation error: the effects module is missing (looked for " +
-                                                             module, installed("")}});
-  EXPECT_TRUE(fs::exists(scratch / "work/out.png"));
 }
 
 }  // namespace
