@@ -52,10 +52,11 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"interlace", "-q", "--page", "2", "pages.tif", "second.png"}, 0, ""},
       {{"barrel", "--model", "cmyk", "rgb.png", "cmyk.png"}, 0, "note: cmyk.png: PNG cannot hold 8-bit CMYK: written as 8-bit RGB"},
       {{"polar", "rgb16.png", "fit.Jpeg"}, 0, "note: fit.Jpeg: JPEG cannot hold 16-bit RGB: written as 8-bit RGB"},
-      {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"}, 0, "30 x 20 RGBA, 16 bits, bitmap format RGBA, 2 threads"},
+      {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"}, 0, "rawfx: module " + module + "\nrawfx: reading ga.png\n"
+                                                                    "rawfx: polar coordinates: ga.png, 30 x 20 RGBA, 16 bits, "
+                                                                    "bitmap format RGBA, 2 threads\n"},
       {{"polar", "--verbose", "--async", "ga.png", "v.png"}, 0, "ApplyAsync took"},
       {{"polar", "--verbose", "ga.png", "v.png"}, 0, "megapixels/s; wrote v.png\nrawfx: phases: reading "},
-      {{"polar", "--verbose", "ga.png", "v.png"}, 0, "rawfx: module " + module + "\n"},
       {{"--help-all"}, 0, "--hkeystone"},
       {{"polar", "-q", "rgb.png", "direct.PNG"}, 0, ""},
       {{"polar", "-q", "-", "-", "--format", "png"}, 0, "", tool + " < rgb.png > from-file.png"},
