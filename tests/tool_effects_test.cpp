@@ -70,7 +70,7 @@ class ToolEffectOnEveryFile : public testing::TestWithParam<EffectCase> {};
 TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
   const EffectCase& effect = GetParam();
   ScratchDir scratch;
-  SaveImage(kMask, scratch / "mask.png");
+  Save(kMask, scratch / "mask.png");
   std::map<std::string, Image> expected;  // by input's name
   for (const std::string type : {"png", "tif", "jpg"})
     for (const int depth : {8, 16})
@@ -78,7 +78,7 @@ TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
         const bool refused = depth == 16 && effect.words[0] == "oilpaint";
         if (refused || !FitsFileType(ImageShape{23, 17, layout, depth}, *FileTypeNamed(type))) continue;
         const std::string in = type + "-" + LayoutName(layout) + "-" + std::to_string(depth) + "." + type;
-        SaveImage(TestImage(23, 17, layout, depth), scratch / in);
+        Save(TestImage(23, 17, layout, depth), scratch / in);
         expected[in] = Reference(effect, ReadImage(scratch / in).image);
       }
   for (size_t run = 0; run <= effect.sameAs.size(); ++run) {

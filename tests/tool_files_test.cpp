@@ -13,7 +13,7 @@ namespace {
 // A camera picture with its orientation, a photographer's EXIF (300 dpi), XMP, IPTC and
 // the header of an RGB colour profile padded to its declared size (256 bytes, big-endian).
 void MakePhoto(const std::string& path, const Image& stored, int orientation) {
-  SaveImage(stored, path);
+  Save(stored, path);
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
   Exiv2::ExifData exif;
   for (const auto& [key, value] : std::map<std::string, std::string>{
@@ -98,7 +98,7 @@ TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
 // Each encoding option makes the file it applies to smaller.
 TEST(ToolFormats, EncodingOptionsDoWhatTheySay) {
   ScratchDir scratch;
-  SaveImage(TestImage(64, 48, Layout::RGB, 8, true), scratch / "ramp.png");
+  Save(TestImage(64, 48, Layout::RGB, 8, true), scratch / "ramp.png");
   const auto size = [&](const std::string& option, const std::string& value, const std::string& name) {
     EXPECT_EQ(RunTool({"interlace", option, value, "-q", scratch / "ramp.png", scratch / name}, scratch).status, 0);
     return fs::file_size(scratch / name);
@@ -131,9 +131,9 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   // Large enough that polar takes no ray table (kept to pictures of about 8 megapixels).
   const Image large = TestImage(3000, 2800, Layout::RGBA, 8, true);
   const double bytes = double(large.data.size());
-  SaveImage(large, scratch / "large.tif");
-  SaveImage(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
-  SaveImage(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
+  Save(large, scratch / "large.tif");
+  Save(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
+  Save(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
   WriteBytes(scratch / "wide.png", PngHeader(2147483647, 1, 6));
   WriteBytes(scratch / "side.png", PngHeader(1000001, 1, 0));
   WriteBytes(scratch / "huge.png", PngHeader(40000, 40000, 6));

@@ -40,7 +40,7 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
         const std::string path = scratch / (std::string("image.") + FileTypeOption(type));
         WriteOptions options;
         options.quality = 95, options.lossless = true;  // WebP lossless
-        SaveImage(original, path, options);
+        Save(original, path, options);
         const ImageFile read = ReadImage(path);
         ASSERT_EQ(std::tuple(read.type, read.image.layout, read.image.depth, read.image.width, read.image.height),
                   std::tuple(type, layout, depth, original.width, original.height));
@@ -61,10 +61,10 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
               << length << ": " << message;
         }
         const int photometric[] = {PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_RGB, PHOTOMETRIC_RGB,
-                                   PHOTOMETRIC_SEPARATED};
-        const Image larger = TestImage(21, 19, layout, depth);  // more than one tile
+                                   PHOTOMETRIC_SEPARATED};  // by layout
         for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
           if (type != FileType::TIFF) break;
+          const Image larger = TestImage(21, 19, layout, depth);  // more than one tile
           WriteTiff(path, {larger}, photometric[int(layout)], planes, tiles);
           EXPECT_TRUE(ReadImage(path).image == larger) << "planes " << planes << ", tiles " << tiles;
         }

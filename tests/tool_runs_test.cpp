@@ -25,11 +25,11 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::rename(scratch / "prefix", scratch / "moved");
   const std::string module = scratch / "moved/lib/rawfx/rawfx.so", installed = scratch / "moved/bin/rawfx";
   const std::string tool = "exec env -u RAWFX_MODULE TMPDIR=notes.png " + installed;
-  SaveImage(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
-  SaveImage(TestImage(24, 16, Layout::RGB, 16), scratch / "rgb16.png");
-  SaveImage(TestImage(10, 10, Layout::Gray, 8), scratch / "mask.png");
-  SaveImage(TestImage(30, 20, Layout::GrayAlpha, 16), scratch / "ga.png");
-  SaveImage(TestImage(5, 4, Layout::CMYK, 8), scratch / "ink.tif");
+  Save(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
+  Save(TestImage(24, 16, Layout::RGB, 16), scratch / "rgb16.png");
+  Save(TestImage(10, 10, Layout::Gray, 8), scratch / "mask.png");
+  Save(TestImage(30, 20, Layout::GrayAlpha, 16), scratch / "ga.png");
+  Save(TestImage(5, 4, Layout::CMYK, 8), scratch / "ink.tif");
   WriteTiff(scratch / "pages.tif", {TestImage(10, 5, Layout::Gray, 8), TestImage(6, 4, Layout::Gray, 8)}, PHOTOMETRIC_MINISBLACK);
   WriteBytes(scratch / "notes.png", "shopping list\n");
   const fs::perms owner = fs::perms::owner_read | fs::perms::owner_write;
@@ -148,8 +148,8 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
 TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
   ScratchDir scratch;
   const std::string big = scratch / "big.png", paint = scratch / "paint.png", out = scratch / "out.png";
-  SaveImage(TestImage(1200, 900, Layout::RGBA, 16), big);  // slow to read and to write
-  SaveImage(SampleImage(1200, 900), paint);                 // slow to oil-paint on one thread
+  Save(TestImage(1200, 900, Layout::RGBA, 16), big);  // slow to read and to write
+  Save(SampleImage(1200, 900), paint);                 // slow to oil-paint on one thread
   WriteBytes(out, "old");
   const auto before = scratch.snapshot();
   const Words slowEffect = {"oilpaint", "--brush", "5", "--threads", "1", "-v", paint, out};
@@ -189,7 +189,7 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
 TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPage) {
   ScratchDir scratch;
   const std::string directory = scratch / "demo";
-  SaveImage(TestImage(500, 100, Layout::RGBA, 16), scratch / "mine.png");
+  Save(TestImage(500, 100, Layout::RGBA, 16), scratch / "mine.png");
   ExpectRuns(scratch, {{{"demo", "--out", directory, "--size", "96", "--input", scratch / "mine.png"}, 0, "wrote 24 results"}});
   EXPECT_EQ(RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch).out, "");
   const std::string page = ReadText(directory + "/index.html");

@@ -72,7 +72,14 @@ inline std::string ReadText(const std::string& path) {
   std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
-inline void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path) << bytes; }
+// A new file each time: ext4 flushes a file truncated and written again when it is closed.
+inline void WriteBytes(const std::string& path, const std::string& bytes) { fs::remove(path), std::ofstream(path) << bytes; }
+
+// A test's input written straight to its file, the type told by its name (the safe
+// replacement of SaveImage would wait for the disk).
+inline void Save(const Image& image, const std::string& path, const WriteOptions& options = {}) {
+  WriteImage(image, path, *FileTypeFromExtension(path), options);
+}
 
 // A TIFF of the images as its pages, each in separate planes and/or 16 x 16 tiles, as
 // other writers make them, else interleaved in one-row strips.
