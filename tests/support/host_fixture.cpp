@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <numeric>
 #include <tuple>
+#include <utility>
 
 #include "plugin/host_binding.h"
 
@@ -45,15 +46,10 @@ void FillPattern(rawfx::host::Host& host, REALobject bitmap, uint32_t seed) {
   const rawfx::host::BitmapView va = host.Bitmap(a), vb = host.Bitmap(b);
   if (std::tie(va.width, va.height, va.format, va.bitsPerChannel) !=
       std::tie(vb.width, vb.height, vb.format, vb.bitsPerChannel))
-    return ::testing::AssertionFailure() << "bitmaps differ in shape: " << va.width << "x" << va.height << " format "
-                                         << va.format << "/" << va.bitsPerChannel << " bits vs " << vb.width << "x"
-                                         << vb.height << " format " << vb.format << "/" << vb.bitsPerChannel << " bits";
+    return ::testing::AssertionFailure() << "bitmaps differ in size, format or depth";
   for (int64_t y = 0; y < va.height; ++y)
-    for (int64_t i = 0; i < va.width * va.pixelBytes; ++i)
-      if (va.row(y)[i] != vb.row(y)[i])
-        return ::testing::AssertionFailure() << "first difference at row " << y << ", pixel " << i / va.pixelBytes
-                                             << ", byte " << i % va.pixelBytes << ": " << int(va.row(y)[i]) << " vs "
-                                             << int(vb.row(y)[i]);
+    if (!std::equal(va.row(y), va.row(y) + va.width * va.pixelBytes, vb.row(y)))
+      return ::testing::AssertionFailure() << "first difference in row " << y;
   return ::testing::AssertionSuccess();
 }
 
@@ -65,11 +61,8 @@ std::string RunInChild(const std::function<std::string()>& body) {
   if (pid == 0) {
     close(fds[0]);
     const std::string report = body();
-    for (size_t sent = 0; sent < report.size();) {
-      const ssize_t n = write(fds[1], report.data() + sent, report.size() - sent);
-      if (n <= 0) break;
-      sent += static_cast<size_t>(n);
-    }
+    FILE* out = fdopen(fds[1], "w");
+    std::fwrite(report.data(), 1, report.size(), out);
     std::fflush(nullptr);
     _exit(0);
   }
@@ -139,35 +132,30 @@ int64_t& LastErrorField(host::Host& host, REALobject effect) {
 void CompletionLog::Complete(REALobject target, REALobject result) {
   CompletionLog& log = *active_;
   std::lock_guard lock(log.mutex_);
-  ++log.calls_[target];
-  if (result) {
-    log.host_.Lock(result);
-    log.results_[target] = result;
-  }
+  auto& [calls, kept] = log.calls_[target];
+  ++calls;
+  if (result) kept = (log.host_.Lock(result), result);
   if (log.releaseTarget) log.host_.Unlock(target);
 }
 
 int CompletionLog::Calls(REALobject target) const {
   std::lock_guard lock(mutex_);
-  const auto found = calls_.find(target);
-  return found == calls_.end() ? 0 : found->second;
+  return calls_.count(target) ? calls_.at(target).first : 0;
 }
 
 int CompletionLog::TotalCalls() const {
   std::lock_guard lock(mutex_);
-  return std::accumulate(calls_.begin(), calls_.end(), 0, [](int sum, const auto& call) { return sum + call.second; });
+  return std::accumulate(calls_.begin(), calls_.end(), 0, [](int sum, const auto& c) { return sum + c.second.first; });
 }
 
 REALobject CompletionLog::Take(REALobject target) {
   std::lock_guard lock(mutex_);
-  const auto kept = results_.extract(target);
-  return kept ? kept.mapped() : nullptr;
+  return calls_.count(target) ? std::exchange(calls_[target].second, nullptr) : nullptr;
 }
 
 void CompletionLog::Clear() {
   std::lock_guard lock(mutex_);
-  for (const auto& [target, result] : results_) host_.Unlock(result);
-  results_.clear();
+  for (const auto& [target, call] : calls_) host_.Unlock(call.second);
   calls_.clear();
 }
 

@@ -1,7 +1,8 @@
 // Shared by the tests that run the plug-in inside the embedding host: a fixture
 // that checks nothing is left alive, patterned bitmaps, the effects' methods and
 // a log of asynchronous completions, and forked children for what needs a fresh
-// process (start-up, stub caches that bind once).
+// process (start-up, stub caches that bind once). It brings the test framework,
+// the host and the standard containers those tests use.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -95,8 +96,6 @@ class CompletionLog {
  public:
   explicit CompletionLog(host::Host& host) : host_(host) { active_ = this; }
   ~CompletionLog() { active_ = active_ == this ? nullptr : active_; }
-  CompletionLog(const CompletionLog&) = delete;
-  CompletionLog& operator=(const CompletionLog&) = delete;
 
   void* method() const { return reinterpret_cast<void*>(&Complete); }  // the completeMethod of ApplyAsync
   int Calls(REALobject target) const;
@@ -112,8 +111,7 @@ class CompletionLog {
   static inline CompletionLog* active_ = nullptr;
   host::Host& host_;
   mutable std::mutex mutex_;
-  std::map<REALobject, int> calls_;
-  std::map<REALobject, REALobject> results_;
+  std::map<REALobject, std::pair<int, REALobject>> calls_;  // by target: completions and the result kept
 };
 
 // A HostTest whose completion log gives its results back before the leak check.
