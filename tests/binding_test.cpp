@@ -1,10 +1,6 @@
 // The host binding, through the services the plug-in itself uses, against a
 // scripted resolver. Stub caches bind once per process, so the case runs in a
 // forked child with fresh caches.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "plugin/host_binding.h"
 #include "support/host_fixture.h"

@@ -4,17 +4,12 @@
 // the module registers (classes, property types and the defaults a new object
 // reads back, method declarations, enum values), so a renamed property, a
 // changed declaration or a changed default fails here.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <functional>
-#include <map>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/host_fixture.h"
 
