@@ -159,8 +159,7 @@ TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
     if (fault == ShortMask) {
       REALobject shortBitmap = host.NewBitmap(kWidth, kHeight - 1, kGray), mask = host.NewMask(shortBitmap);
       host.Set<REALobject>(effect, "Mask", mask);
-      host.Unlock(mask);  // the effect's lock keeps the mask, and the mask its bitmap
-      host.Unlock(shortBitmap);
+      for (REALobject object : {mask, shortBitmap}) host.Unlock(object);  // held by the effect and the mask
     }
     const size_t alive = host.LiveObjectCount();
     const int64_t disposed = host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks;

@@ -185,8 +185,7 @@ TEST(FaultServices, NilDefaultColourIsRefusedOrFilledWithZeros) {
     for (const std::vector<uint8_t>& row : result ? Rows(host, result) : std::vector<std::vector<uint8_t>>{})
       for (size_t x = 0; x < row.size(); x += 4) zeroBackground |= (row[x] | row[x + 1] | row[x + 2]) == 0;
     EXPECT_EQ(zeroBackground, result != nullptr);
-    host.Unlock(result);
-    host.Unlock(effect);
+    for (REALobject object : {result, effect}) host.Unlock(object);
   }
   host.Unlock(source);
   EXPECT_EQ(host.LiveObjectCount(), 0u);

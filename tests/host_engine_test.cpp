@@ -217,8 +217,7 @@ TEST_F(EngineTest, RefusesWrongDepthsAndNilBlocksAndRunsMaskedParts) {
     REALobject result = Process(&params, source, nullptr, flags);
     EXPECT_EQ(std::make_tuple(result != nullptr, params.parts.empty(), host.lastEngineCall().parts),
               std::make_tuple(runs, !runs, static_cast<int>(params.parts.size())));
-    host.Unlock(result);
-    host.Unlock(source);
+    for (REALobject object : {result, source}) host.Unlock(object);
   }
   EXPECT_EQ(engine->ops->ProcessParts(engine, nullptr, &CopyRows, &CopyRows, nullptr, nullptr, 2, 13, 1), nullptr);
 
@@ -343,8 +342,7 @@ TEST(EngineSizeCap, EverySourceWithinTheCapHasAResult) {
     REALobject result = capped.Call<REALobject>(effect, kApply, source);
     ASSERT_NE(result, nullptr);
     EXPECT_LE(capped.Bitmap(result).rowBytes * height, 4096);
-    capped.Unlock(result);
-    capped.Unlock(source);
+    for (REALobject object : {result, source}) capped.Unlock(object);
   }
   capped.Unlock(effect);
   EXPECT_EQ(capped.LiveObjectCount(), 0u);

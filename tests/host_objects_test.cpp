@@ -275,8 +275,7 @@ TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
     ConversionTableOf(cmykData)->ToRGB(cmykData, &back);
     EXPECT_LE(std::max({std::abs(back.red - r8), std::abs(back.green - g8), std::abs(back.blue - b8)}), 1);
     EXPECT_EQ(host.RGBColor(rgb).red, r8);
-    host.Unlock(rgb);
-    host.Unlock(cmyk);
+    for (REALobject object : {rgb, cmyk}) host.Unlock(object);
   }
   REALobject deep = host.NewRGBColor16(0, 0x8000, 0xFFFF, 0x1234);
   const CMYKColorData c16 = host.CMYKColor(deep);
