@@ -175,6 +175,85 @@ TEST_F(Effects, PropertiesReadBackAsStoredOrClamped) {
   }
 }
 
+// Each class refuses in its order: interlace tests its horizontal type before
+// it looks at the source, then the no-op case, then the vertical type, the
+// source and the depth; polar and barrel the source, then (polar) a bitmap too
+// large for 32-bit offsets, then the depth; oil paint the source, then brush and
+// smoothness as stored in the instance data (past the setters' clamps), then
+// the depth. A refused ApplyAsync of polar frees its block (and run table)
+// itself; one without memory for its block stores 5; a nil colour argument is refused.
+TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
+  constexpr float kNoSmoothness = std::numeric_limits<float>::quiet_NaN();
+  struct Row {
+    const char* className;
+    int64_t first, second;  // interlace: the two types; polar: wrapping; oil paint: the brush and
+    float smoothness;       // the smoothness written into its instance data
+    bool nilSource;
+    int bits;                       // of the source's memory
+    uint8_t claimedBits, channels;  // patched into the record; channels 0: as made
+    int64_t height;                 // patched into the record: 2^27 rows of 42 bytes reach past 2^31
+    int64_t code;
+  };
+  const Row rows[] = {
+      {kInterlace, -1, 0, 0, false, 8, 32, 0, 6, 4},        {kInterlace, 3, 5, 0, false, 8, 32, 0, 6, 4},
+      {kInterlace, 3, 0, 0, true, 8, 8, 0, 6, 4},           {kInterlace, 0, -1, 0, false, 8, 8, 0, 6, 4},
+      {kInterlace, 1, 3, 0, false, 16, 16, 0, 6, 4},        {kInterlace, 2, int64_t{1} << 40, 0, false, 8, 8, 0, 6, 4},
+      {kInterlace, 0, 0, 0, true, 8, 8, 0, 6, 4},           {kInterlace, 2, 1, 0, true, 8, 8, 0, 6, 4},
+      {kInterlace, 1, 2, 0, false, 8, 32, 0, 6, 6},         {kInterlace, 0, 1, 0, false, 8, 0, 0, 6, 6},
+      {kInterlace, 2, 0, 0, false, 16, 15, 0, 6, 6},        {kInterlace, 1, 1, 0, false, 8, 255, 0, 6, 6},
+      {kInterlace, 1, 0, 0, false, 8, 8, 9, 6, 6},          {kInterlace, 0, 2, 0, false, 16, 16, 9, 6, 6},
+      {kPolar, 1, 0, 0, true, 8, 8, 0, 6, 4},               {kPolar, 0, 0, 0, true, 8, 8, 0, 6, 4},
+      {kPolar, 1, 0, 0, false, 8, 32, 0, 6, 6},             {kPolar, 0, 0, 0, false, 8, 12, 0, 6, 6},
+      {kPolar, 1, 0, 0, false, 8, 8, 0, 1 << 27, 4},        {kPolar, 0, 0, 0, false, 8, 16, 0, 1 << 27, 4},
+      {kBarrel, 0, 0, 0, false, 8, 0, 0, 6, 6},             {kBarrel, 0, 0, 0, true, 8, 8, 0, 6, 4},
+      {kBarrel, 0, 0, 0, false, 8, 12, 0, 6, 6},            {kBarrel, 0, 0, 0, false, 8, 32, 0, 6, 6},
+      {kOilPaint, 2, 0, 0.4f, true, 8, 8, 0, 6, 4},         {kOilPaint, 0, 0, 7.0f, true, 8, 8, 0, 6, 4},
+      {kOilPaint, 2, 0, 0.4f, false, 16, 16, 0, 6, 6},      {kOilPaint, 0, 0, 0.4f, false, 8, 8, 0, 6, 4},
+      {kOilPaint, 6, 0, 0.4f, false, 8, 8, 0, 6, 4},        {kOilPaint, 2, 0, 1.0001f, false, 8, 8, 0, 6, 4},
+      {kOilPaint, 2, 0, 0.0399f, false, 8, 8, 0, 6, 4},     {kOilPaint, 2, 0, kNoSmoothness, false, 8, 8, 0, 6, 4},
+      {kOilPaint, 6, 0, 0.4f, false, 16, 16, 0, 6, 4},
+  };
+  REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.className << " " << row.first << "/" << row.second << "/" << row.smoothness
+                                    << (row.nilSource ? ", nil source, " : ", ") << int{row.claimedBits} << " of "
+                                    << row.bits << " bits, channels " << int{row.channels} << ", height " << row.height);
+    REALobject effect = Keep(host.New(row.className));
+    REALobject source = row.nilSource ? nullptr : NewSource(9, 6, kRGBA, row.bits);
+    if (row.className == kInterlace) SetTypes(effect, row.first, row.second);
+    if (row.className == kPolar) host.Set<bool>(effect, "RectangularToPolar", row.first != 0);
+    if (row.className == kOilPaint) {
+      auto& data = *static_cast<OilPaintData*>(host.ClassData(effect, kOilPaint));
+      std::tie(data.brushSize, data.smoothness) = std::pair(static_cast<uint8_t>(row.first), row.smoothness);
+    }
+    RawBitmap saved{};
+    if (source) {
+      RawBitmap& record = *host.Bitmap(source).record;
+      saved = record;
+      record.bitsPerChannel = row.claimedBits;
+      record.height = row.height;
+      if (row.channels) (row.bits == 8 ? record.bytesPerPixel : record.channelCount) = row.channels;
+    }
+    REALobject compared = row.height == 6 ? source : nullptr;  // a patched height's pixels are not all there
+    ExpectRefused(effect, compared, row.code, [&] { return Run(Via::Apply, effect, source); });
+    if (row.className == kInterlace) ExpectRefused(effect, compared, row.code, {Via::InPlace});
+    if (row.className == kBarrel) ExpectRefused(effect, compared, row.code, {Via::Async});
+    if (row.className == kPolar) {
+      ExpectRefused(effect, compared, row.code, [&] { return Apply4(effect, source, row.first, true, colour); });
+      Watch(kBlockSize + (row.nilSource || row.first ? 0 : PolarColumnTableBytes(9, row.height)));
+      ExpectRefused(effect, compared, row.code, [&] { return Run(Via::Async, effect, source); });
+      EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
+    }
+    if (source) *host.Bitmap(source).record = saved;
+  }
+  REALobject polar = Keep(host.New(kPolar)), source = NewSource(9, 6, kRGB);
+  ExpectRefused(polar, source, 4, [&] { return Apply4(polar, source, true, true, nullptr); });
+  Watch(kBlockSize, true);  // wrapping takes no table: the block is the one allocation
+  ExpectRefused(polar, source, 5, {Via::Async});
+  Watch(0);
+  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
+}
+
 // ---- interlace ------------------------------------------------------------------------------
 
 // Both types NONE with a source: Apply returns the very source with one more
@@ -200,40 +279,6 @@ TEST_F(InterlaceEffect, BothTypesNoneReturnTheSourceItself) {
       EXPECT_EQ(host.LastError(effect), 0);
       host.Bitmap(source).record->bitsPerChannel = static_cast<uint8_t>(bits);
     }
-  }
-  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
-}
-
-// The horizontal type is tested first (before the source is looked at), then
-// the no-op case, then the vertical type and the source, the depth last.
-TEST_F(InterlaceEffect, RefusedSettingsAndSourcesStoreTheirCode) {
-  struct Row {
-    int64_t horizontal, vertical;
-    bool nilSource;
-    int bits;
-    uint8_t claimedBits, channels;  // patched into the record; channels 0: as made
-    int64_t code;
-  };
-  const Row rows[] = {
-      {-1, 0, false, 8, 32, 0, 4}, {3, 5, false, 8, 32, 0, 4},  {3, 0, true, 8, 8, 0, 4},
-      {0, -1, false, 8, 8, 0, 4},  {1, 3, false, 16, 16, 0, 4}, {2, int64_t{1} << 40, false, 8, 8, 0, 4},
-      {0, 0, true, 8, 8, 0, 4},    {2, 1, true, 8, 8, 0, 4},    {1, 2, false, 8, 32, 0, 6},
-      {0, 1, false, 8, 0, 0, 6},   {2, 0, false, 16, 15, 0, 6}, {1, 1, false, 8, 255, 0, 6},
-      {1, 0, false, 8, 8, 9, 6},   {0, 2, false, 16, 16, 9, 6},  // more channels than colour entries
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << "types " << row.horizontal << "/" << row.vertical << ", code " << row.code);
-    REALobject effect = NewInterlace(row.horizontal, row.vertical);
-    REALobject source = row.nilSource ? nullptr : NewSource(3, 3, kRGBA, row.bits);
-    RawBitmap saved{};
-    if (source) {
-      RawBitmap& record = *host.Bitmap(source).record;
-      saved = record;
-      record.bitsPerChannel = row.claimedBits;
-      if (row.channels) (row.bits == 8 ? record.bytesPerPixel : record.channelCount) = row.channels;
-    }
-    ExpectRefused(effect, source, row.code, {Via::Apply, Via::InPlace});
-    if (source) *host.Bitmap(source).record = saved;
   }
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
@@ -305,46 +350,6 @@ TEST_F(InterlaceEffect, EightChannelsOfEightBitsRun) {
 }
 
 // ---- polar coordinates --------------------------------------------------------------------
-
-// Every form refuses a nil source or colour with 4, a source too large for
-// 32-bit offsets with 4 and a depth other than 8 or 16 with 6; a refused
-// ApplyAsync frees its block (and run table) itself, and one without memory
-// for its block stores 5.
-TEST_F(PolarEffect, RefusedRunsStoreTheirCodeAndFreeTheirBlock) {
-  REALobject effect = Keep(host.New(kPolar));
-  REALobject source = NewSource(9, 6, kRGB);
-  RawBitmap& record = *host.Bitmap(source).record;
-  REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
-  ExpectRefused(effect, source, 4, [&] { return Apply4(effect, source, true, true, nullptr); });
-  struct Row {
-    bool toPolar, nilSource;
-    uint8_t bits;
-    int64_t height;  // patched into the record: 2^27 rows of 27 bytes reach past 2^31
-  };
-  for (const Row& row : {Row{true, true, 8, 6}, Row{false, true, 8, 6}, Row{true, false, 32, 6},
-                         Row{false, false, 12, 6}, Row{true, false, 8, 1 << 27}, Row{false, false, 16, 1 << 27}}) {
-    SCOPED_TRACE(testing::Message() << "wrapping " << row.toPolar << ", nil source " << row.nilSource << ", depth "
-                                    << int{row.bits} << ", height " << row.height);
-    host.Set<bool>(effect, "RectangularToPolar", row.toPolar);
-    record.bitsPerChannel = row.bits;
-    record.height = row.height;
-    REALobject run = row.nilSource ? nullptr : source;
-    REALobject compared = row.height == 6 ? run : nullptr;  // the patched record's pixels are not all there
-    const int64_t code = row.bits == 8 || row.bits == 16 ? 4 : 6;
-    ExpectRefused(effect, compared, code, [&] { return Run(Via::Apply, effect, run); });
-    ExpectRefused(effect, compared, code, [&] { return Apply4(effect, run, row.toPolar, true, colour); });
-    Watch(kBlockSize + (row.nilSource || row.toPolar ? 0 : PolarColumnTableBytes(9, row.height)));
-    ExpectRefused(effect, compared, code, [&] { return Run(Via::Async, effect, run); });
-    EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
-  }
-  record.bitsPerChannel = 8;
-  record.height = 6;
-  host.Set<bool>(effect, "RectangularToPolar", true);  // wrapping takes no table: the block is the one allocation
-  Watch(kBlockSize, true);
-  ExpectRefused(effect, source, 5, {Via::Async});
-  Watch(0);
-  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
-}
 
 // One effect runs every row (the first with its default colour): the
 // one-argument Apply and ApplyAsync with the row's settings in the properties,
@@ -440,19 +445,6 @@ TEST_F(PolarEffect, EveryRunTakesItsTableAndGivesItBack) {
 
 // ---- barrel distortion --------------------------------------------------------------------
 
-TEST_F(BarrelEffect, NilSourceAndOtherDepthsAreRefused) {
-  REALobject effect = Keep(host.New(kBarrel));
-  REALobject source = NewSource(4, 3, kRGB);
-  for (uint8_t bits : {uint8_t{0}, uint8_t{8}, uint8_t{12}, uint8_t{32}}) {
-    SCOPED_TRACE(testing::Message() << int{bits} << " bits");
-    REALobject run = bits == 8 ? nullptr : source;  // 8: a nil source
-    host.Bitmap(source).record->bitsPerChannel = bits;
-    ExpectRefused(effect, run, run ? 6 : 4, {Via::Apply, Via::Async});
-  }
-  host.Bitmap(source).record->bitsPerChannel = 8;
-  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
-}
-
 // One effect applies each row's settings (the first row its defaults) with
 // Apply and with ApplyAsync; distortion -1 and non-finite settings map every
 // pixel outside, so those results are all background. The block lives in the
@@ -516,32 +508,6 @@ TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
 }
 
 // ---- oil paint ----------------------------------------------------------------------------
-
-// The source, then the brush size and smoothness (as stored in the instance
-// data, past the setters' clamps), then the depth.
-TEST_F(OilPaintEffect, RefusedSourcesAndSettingsStoreTheirCode) {
-  struct Row {
-    bool nilSource;
-    int bits;
-    uint8_t brush;
-    float smoothness;
-    int64_t code;
-  };
-  const Row rows[] = {{true, 8, 2, 0.4f, 4},     {true, 8, 0, 7.0f, 4},
-                      {false, 16, 2, 0.4f, 6},   {false, 8, 0, 0.4f, 4},
-                      {false, 8, 6, 0.4f, 4},    {false, 8, 2, 1.0001f, 4},
-                      {false, 8, 2, 0.0399f, 4}, {false, 8, 2, std::numeric_limits<float>::quiet_NaN(), 4},
-                      {false, 16, 6, 0.4f, 4}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << "brush " << int{row.brush} << ", smoothness " << row.smoothness << ", "
-                                    << row.bits << " bits, nil source " << row.nilSource);
-    REALobject effect = Keep(host.New(kOilPaint));
-    auto& data = *static_cast<OilPaintData*>(host.ClassData(effect, kOilPaint));
-    std::tie(data.brushSize, data.smoothness) = std::pair(row.brush, row.smoothness);
-    ExpectRefused(effect, row.nilSource ? nullptr : NewSource(4, 4, kRGB, row.bits), row.code, {Via::Apply});
-  }
-  EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
-}
 
 // One effect with its defaults (brush 2, 103 bins), then every 8-bit format
 // with brush sizes 1 to 5 and smoothness clamped or not; a third of them
