@@ -98,20 +98,27 @@ constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
+// Two colours of each family that the runs use; no run may change them.
 class Effects : public EffectTest {
  protected:
+  void SetUp() override {
+    EffectTest::SetUp();
+    rgb = Keep(host.NewRGBColor(200, 100, 50, 40));
+    cmyk = Keep(host.NewCMYKColor(10, 60, 120, 30, 20));
+    colourStates = ColourState(rgb) + ColourState(cmyk);
+  }
+  void TearDown() override {
+    EXPECT_EQ(ColourState(rgb) + ColourState(cmyk), colourStates);
+    EffectTest::TearDown();
+  }
   REALobject Apply4(REALobject effect, REALobject source, bool toPolar, bool flip, REALobject colour) {
     return host.Call<REALobject>(effect, kApply4, source, static_cast<signed char>(toPolar),
                                  static_cast<signed char>(flip), colour);
   }
-  REALobject NewInterlace(int64_t horizontal, int64_t vertical) {
-    REALobject effect = Keep(host.New(kInterlace));
-    SetTypes(effect, horizontal, vertical);
-    return effect;
-  }
-  void SetTypes(REALobject effect, int64_t horizontal, int64_t vertical) {
+  REALobject SetTypes(REALobject effect, int64_t horizontal, int64_t vertical) {
     host.Set<int64_t>(effect, "HorizontalInterlaceType", horizontal);
     host.Set<int64_t>(effect, "VerticalInterlaceType", vertical);
+    return effect;
   }
   // The background samples of polar's and barrel's blocks: colour in the source's channel order.
   template <class Params>
@@ -120,6 +127,9 @@ class Effects : public EffectTest {
     std::copy(background.begin(), background.end(), params.backColor8);
     std::copy(background.begin(), background.end(), params.backColor16);
   }
+
+  REALobject rgb = nullptr, cmyk = nullptr;
+  std::string colourStates;
 };
 using InterlaceEffect = Effects;
 using PolarEffect = Effects;
@@ -148,7 +158,7 @@ TEST_F(Effects, HeldObjectsTakeOneLockEach) {
 // (Apply refuses what it cannot run); oil paint clamps its brush and smoothness.
 // The defaults are those of docs/classes.md, which startup_test checks.
 TEST_F(Effects, PropertiesReadBackAsStoredOrClamped) {
-  REALobject interlace = NewInterlace(7, -5);
+  REALobject interlace = SetTypes(Keep(host.New(kInterlace)), 7, -5);
   EXPECT_EQ(host.Get<int64_t>(interlace, "HorizontalInterlaceType"), 7);
   EXPECT_EQ(host.Get<int64_t>(interlace, "VerticalInterlaceType"), -5);
 
@@ -195,29 +205,30 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
     int64_t code;
   };
   const Row rows[] = {
-      {kInterlace, -1, 0, 0, false, 8, 32, 0, 6, 4},        {kInterlace, 3, 5, 0, false, 8, 32, 0, 6, 4},
-      {kInterlace, 3, 0, 0, true, 8, 8, 0, 6, 4},           {kInterlace, 0, -1, 0, false, 8, 8, 0, 6, 4},
-      {kInterlace, 1, 3, 0, false, 16, 16, 0, 6, 4},        {kInterlace, 2, int64_t{1} << 40, 0, false, 8, 8, 0, 6, 4},
-      {kInterlace, 0, 0, 0, true, 8, 8, 0, 6, 4},           {kInterlace, 2, 1, 0, true, 8, 8, 0, 6, 4},
-      {kInterlace, 1, 2, 0, false, 8, 32, 0, 6, 6},         {kInterlace, 0, 1, 0, false, 8, 0, 0, 6, 6},
-      {kInterlace, 2, 0, 0, false, 16, 15, 0, 6, 6},        {kInterlace, 1, 1, 0, false, 8, 255, 0, 6, 6},
-      {kInterlace, 1, 0, 0, false, 8, 8, 9, 6, 6},          {kInterlace, 0, 2, 0, false, 16, 16, 9, 6, 6},
-      {kPolar, 1, 0, 0, true, 8, 8, 0, 6, 4},               {kPolar, 0, 0, 0, true, 8, 8, 0, 6, 4},
-      {kPolar, 1, 0, 0, false, 8, 32, 0, 6, 6},             {kPolar, 0, 0, 0, false, 8, 12, 0, 6, 6},
-      {kPolar, 1, 0, 0, false, 8, 8, 0, 1 << 27, 4},        {kPolar, 0, 0, 0, false, 8, 16, 0, 1 << 27, 4},
-      {kBarrel, 0, 0, 0, false, 8, 0, 0, 6, 6},             {kBarrel, 0, 0, 0, true, 8, 8, 0, 6, 4},
-      {kBarrel, 0, 0, 0, false, 8, 12, 0, 6, 6},            {kBarrel, 0, 0, 0, false, 8, 32, 0, 6, 6},
-      {kOilPaint, 2, 0, 0.4f, true, 8, 8, 0, 6, 4},         {kOilPaint, 0, 0, 7.0f, true, 8, 8, 0, 6, 4},
-      {kOilPaint, 2, 0, 0.4f, false, 16, 16, 0, 6, 6},      {kOilPaint, 0, 0, 0.4f, false, 8, 8, 0, 6, 4},
-      {kOilPaint, 6, 0, 0.4f, false, 8, 8, 0, 6, 4},        {kOilPaint, 2, 0, 1.0001f, false, 8, 8, 0, 6, 4},
-      {kOilPaint, 2, 0, 0.0399f, false, 8, 8, 0, 6, 4},     {kOilPaint, 2, 0, kNoSmoothness, false, 8, 8, 0, 6, 4},
+      {kInterlace, -1, 0, 0, false, 8, 32, 0, 6, 4},    {kInterlace, 3, 5, 0, false, 8, 32, 0, 6, 4},
+      {kInterlace, 3, 0, 0, true, 8, 8, 0, 6, 4},       {kInterlace, 0, -1, 0, false, 8, 8, 0, 6, 4},
+      {kInterlace, 1, 3, 0, false, 16, 16, 0, 6, 4},    {kInterlace, 2, int64_t{1} << 40, 0, false, 8, 8, 0, 6, 4},
+      {kInterlace, 0, 0, 0, true, 8, 8, 0, 6, 4},       {kInterlace, 2, 1, 0, true, 8, 8, 0, 6, 4},
+      {kInterlace, 1, 2, 0, false, 8, 32, 0, 6, 6},     {kInterlace, 0, 1, 0, false, 8, 0, 0, 6, 6},
+      {kInterlace, 2, 0, 0, false, 16, 15, 0, 6, 6},    {kInterlace, 1, 1, 0, false, 8, 255, 0, 6, 6},
+      {kInterlace, 1, 0, 0, false, 8, 8, 9, 6, 6},      {kInterlace, 0, 2, 0, false, 16, 16, 9, 6, 6},
+      {kPolar, 1, 0, 0, true, 8, 8, 0, 6, 4},           {kPolar, 0, 0, 0, true, 8, 8, 0, 6, 4},
+      {kPolar, 1, 0, 0, false, 8, 32, 0, 6, 6},         {kPolar, 0, 0, 0, false, 8, 12, 0, 6, 6},
+      {kPolar, 1, 0, 0, false, 8, 8, 0, 1 << 27, 4},    {kPolar, 0, 0, 0, false, 8, 16, 0, 1 << 27, 4},
+      {kBarrel, 0, 0, 0, false, 8, 0, 0, 6, 6},         {kBarrel, 0, 0, 0, true, 8, 8, 0, 6, 4},
+      {kBarrel, 0, 0, 0, false, 8, 12, 0, 6, 6},        {kBarrel, 0, 0, 0, false, 8, 32, 0, 6, 6},
+      {kOilPaint, 2, 0, 0.4f, true, 8, 8, 0, 6, 4},     {kOilPaint, 0, 0, 7.0f, true, 8, 8, 0, 6, 4},
+      {kOilPaint, 2, 0, 0.4f, false, 16, 16, 0, 6, 6},  {kOilPaint, 0, 0, 0.4f, false, 8, 8, 0, 6, 4},
+      {kOilPaint, 6, 0, 0.4f, false, 8, 8, 0, 6, 4},    {kOilPaint, 2, 0, 1.0001f, false, 8, 8, 0, 6, 4},
+      {kOilPaint, 2, 0, 0.0399f, false, 8, 8, 0, 6, 4}, {kOilPaint, 2, 0, kNoSmoothness, false, 8, 8, 0, 6, 4},
       {kOilPaint, 6, 0, 0.4f, false, 16, 16, 0, 6, 4},
   };
   REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << row.className << " " << row.first << "/" << row.second << "/" << row.smoothness
                                     << (row.nilSource ? ", nil source, " : ", ") << int{row.claimedBits} << " of "
-                                    << row.bits << " bits, channels " << int{row.channels} << ", height " << row.height);
+                                    << row.bits << " bits, channels " << int{row.channels} << ", height "
+                                    << row.height);
     REALobject effect = Keep(host.New(row.className));
     REALobject source = row.nilSource ? nullptr : NewSource(9, 6, kRGBA, row.bits);
     if (row.className == kInterlace) SetTypes(effect, row.first, row.second);
@@ -259,7 +270,7 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
 // Both types NONE with a source: Apply returns the very source with one more
 // reference, ApplyInPlace does nothing, whatever the depth, mask and colour.
 TEST_F(InterlaceEffect, BothTypesNoneReturnTheSourceItself) {
-  REALobject effect = NewInterlace(0, 0);
+  REALobject effect = SetTypes(Keep(host.New(kInterlace)), 0, 0);
   REALobject mask = Keep(host.NewMask(NewSource(4, 3, kRGB)));
   host.Set<REALobject>(effect, "BackColor", Keep(host.NewCMYKColor(9, 8, 7, 6)));
   for (auto [bits, claimedBits] : {std::pair{8, 8}, {16, 16}, {8, 32}}) {
@@ -289,9 +300,6 @@ TEST_F(InterlaceEffect, BothTypesNoneReturnTheSourceItself) {
 TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
   REALobject effect = Keep(host.New(kInterlace));
   REALobject mask = Keep(host.NewMask(NewSource(7, 9, kRGBA, 8, 99), false, 1));
-  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 40));
-  REALobject cmyk = Keep(host.NewCMYKColor(10, 60, 120, 30, 20));
-  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
   struct Look {
     int64_t format;
     REALobject colour;
@@ -314,8 +322,8 @@ TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
                                                  : (masked ? ref::InterlaceMaskPart16 : ref::InterlacePart16);
         // Every pair but NONE/NONE, which runs nothing.
         for (int64_t types = 1; types < 9; ++types) {
-          SCOPED_TRACE(testing::Message() << "format " << look.format << ", " << bits << " bits, types " << types / 3 << "/"
-                                          << types % 3 << ", masked " << masked);
+          SCOPED_TRACE(testing::Message() << "format " << look.format << ", " << bits << " bits, types " << types / 3
+                                          << "/" << types % 3 << ", masked " << masked);
           SetTypes(effect, types / 3, types % 3);
           params.horizontalType = types / 3;
           params.verticalType = types % 3;
@@ -326,14 +334,12 @@ TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
       }
     }
   }
-  EXPECT_EQ(ColourState(rgb), rgbState);
-  EXPECT_EQ(ColourState(cmyk), cmykState);
 }
 
 // Eight channels, the most a colour fills, run: a 16-bit RGBA bitmap's memory
 // seen in place as eight 8-bit channels.
 TEST_F(InterlaceEffect, EightChannelsOfEightBitsRun) {
-  REALobject effect = NewInterlace(1, 1);
+  REALobject effect = SetTypes(Keep(host.New(kInterlace)), 1, 1);
   REALobject source = NewSource(5, 4, kRGBA, 16);
   RawBitmap& record = *host.Bitmap(source).record;
   record.bitsPerChannel = 8;
@@ -356,9 +362,6 @@ TEST_F(InterlaceEffect, EightChannelsOfEightBitsRun) {
 // the four-argument Apply with them as arguments and the opposite settings in
 // the properties, which it leaves as they were.
 TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
-  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 25));
-  REALobject cmyk = Keep(host.NewCMYKColor(10, 20, 30, 40, 50));
-  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
   REALobject effect = Keep(host.New(kPolar));
   struct Row {
     bool toPolar, flip;
@@ -377,8 +380,8 @@ TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "wrapping " << row.toPolar << ", flip " << row.flip << ", format " << row.format
-                                    << ", " << row.bits << " bits, method " << static_cast<int>(row.via) << ", arguments "
-                                    << row.arguments);
+                                    << ", " << row.bits << " bits, method " << static_cast<int>(row.via)
+                                    << ", arguments " << row.arguments);
     host.Set<bool>(effect, "RectangularToPolar", row.toPolar != row.arguments);
     host.Set<bool>(effect, "FlipMapping", row.flip != row.arguments);
     if (row.colour)
@@ -402,8 +405,6 @@ TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
     EXPECT_EQ(host.Get<bool>(effect, "RectangularToPolar"), row.toPolar != row.arguments);
     EXPECT_EQ(host.Get<bool>(effect, "FlipMapping"), row.flip != row.arguments);
   }
-  EXPECT_EQ(ColourState(rgb), rgbState);
-  EXPECT_EQ(ColourState(cmyk), cmykState);
 }
 
 // Unrolling (polar to rectangular) takes a column table made for the bitmap and
@@ -450,9 +451,6 @@ TEST_F(PolarEffect, EveryRunTakesItsTableAndGivesItBack) {
 // pixel outside, so those results are all background. The block lives in the
 // instance data: an asynchronous run hands it back through its delete callback.
 TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
-  REALobject rgb = Keep(host.NewRGBColor(200, 100, 50, 77));
-  REALobject cmyk = Keep(host.NewCMYKColor(10, 60, 200, 30, 99));
-  const std::string rgbState = ColourState(rgb), cmykState = ColourState(cmyk);
   REALobject effect = Keep(host.New(kBarrel));
   BarrelDistortionParams& block = static_cast<BarrelDistortionData*>(host.ClassData(effect, kBarrel))->params;
   struct Row {
@@ -503,8 +501,6 @@ TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
       EXPECT_EQ(call.deleteCallback ? call.deleteCallback(effect, &block.head) : 0, 0);
     }
   }
-  EXPECT_EQ(ColourState(rgb), rgbState);
-  EXPECT_EQ(ColourState(cmyk), cmykState);
 }
 
 // ---- oil paint ----------------------------------------------------------------------------
