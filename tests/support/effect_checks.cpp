@@ -26,30 +26,6 @@ std::vector<uint8_t> Memory(Host& host, REALobject bitmap) {
   return {view.pixels, view.pixels + view.rowBytes * view.height};
 }
 
-// What part makes of the packed pixels of source over parts, one after the
-// other, into a zeroed destination, with the head filled as the engine fills it.
-std::vector<uint8_t> ReferenceBytes(Host& host, REALobject source, std::vector<uint8_t> pixels, void* params,
-                                    PartFunction part, REALobject mask, const std::vector<MPParamBlock>& parts) {
-  const BitmapView view = host.Bitmap(source);
-  std::vector<uint8_t> destination(pixels.size(), 0);
-  GenericMPParams& head = *static_cast<GenericMPParams*>(params);
-  head = {};
-  head.width = static_cast<int32_t>(view.width);
-  head.height = static_cast<int32_t>(view.height);
-  head.srcPixels = pixels.data();
-  head.dstPixels = destination.data();
-  head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
-  head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
-  head.srcBitmap = head.dstBitmap = view.record;
-  head.maskData = mask ? static_cast<RawBitmapMaskData*>(host.ClassData(mask, "RawBitmapMask")) : nullptr;
-  for (MPParamBlock block : parts) {
-    block.done = 0;
-    block.params = params;
-    part(&block);
-  }
-  return destination;
-}
-
 }  // namespace
 
 std::vector<uint8_t> PixelBytes(Host& host, REALobject bitmap) {
@@ -165,8 +141,27 @@ void EffectTest::ExpectMatchesReference(REALobject effect, REALobject source, vo
     EXPECT_EQ(call.resultFlag, via == Via::InPlace ? 0 : 1);
     EXPECT_EQ(call.mask, expected.mask);
     EXPECT_EQ(call.partFunction == call.maskPartFunction, expected.onePartFunction);
-    EXPECT_EQ(PixelBytes(host, destination),
-              ReferenceBytes(host, source, original, params, referencePart, expected.mask, parts));
+    // What referencePart makes of the packed pixels over the same parts, one
+    // after the other, into a zeroed destination, the head filled as the engine fills it.
+    std::vector<uint8_t> pixels = original, reference(original.size(), 0);
+    const BitmapView view = host.Bitmap(source);
+    GenericMPParams& head = *static_cast<GenericMPParams*>(params);
+    head = {};
+    head.width = static_cast<int32_t>(view.width);
+    head.height = static_cast<int32_t>(view.height);
+    head.srcPixels = pixels.data();
+    head.dstPixels = reference.data();
+    head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
+    head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
+    head.srcBitmap = head.dstBitmap = view.record;
+    head.maskData =
+        expected.mask ? static_cast<RawBitmapMaskData*>(host.ClassData(expected.mask, "RawBitmapMask")) : nullptr;
+    for (MPParamBlock block : parts) {
+      block.done = 0;
+      block.params = params;
+      referencePart(&block);
+    }
+    EXPECT_EQ(PixelBytes(host, destination), reference);
     if (destination == source) {
       std::copy(memory.begin(), memory.end(), host.Bitmap(source).pixels);
       continue;
