@@ -26,7 +26,6 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,16 +48,12 @@ constexpr const char* kApplyAsync = "ApplyAsync(source as RawBitmap, completeTar
 constexpr const char* kPolarApply4 =
     "Apply(source as RawBitmap,rectangularToPolar as Boolean,flipMapping as Boolean,"
     "backColor as ZandoriaColors.GenericColor) as RawBitmap";
-constexpr int kWorkers = 3;
 constexpr int64_t kMaxSide = 64;
 
-[[noreturn]] void Fail(const std::string& what) {
+void Check(bool condition, const std::string& what) {
+  if (condition) return;
   std::fprintf(stderr, "effects_fuzzer: %s\n", what.c_str());
   std::abort();
-}
-
-void Check(bool condition, const char* what) {
-  if (!condition) Fail(what);
 }
 
 class Input {
@@ -80,11 +75,10 @@ class Input {
 
   // Values that break arithmetic most often, then any bit pattern.
   double Double() {
-    static const double kSpecial[] = {0.0,   -0.0, 0.5, -0.5, 1.0, -1.0, 2.0, -2.0, 1e-300, 1e300,
-                                      -1e300, std::numeric_limits<double>::quiet_NaN(),
-                                      std::numeric_limits<double>::infinity(),
-                                      -std::numeric_limits<double>::infinity(),
-                                      std::numeric_limits<double>::denorm_min(), 0.1, -0.1, 0.25, -0.75};
+    using Limits = std::numeric_limits<double>;
+    static const double kSpecial[] = {0.0,  -0.0, 0.5,    -0.5,  1.0,    -1.0, 2.0, -2.0, 1e-300, 1e300, -1e300,
+                                      Limits::quiet_NaN(),  Limits::infinity(),  -Limits::infinity(),
+                                      Limits::denorm_min(), 0.1, -0.1, 0.25, -0.75};
     const int choice = Byte();
     return choice < int(std::size(kSpecial)) ? kSpecial[choice] : choice < 128 ? (choice - 80) / 16.0 : Raw<double>();
   }
@@ -117,21 +111,32 @@ struct EffectRow {
 };
 
 const EffectRow kEffects[] = {
-    {"InterlaceEffectRaw", sizeof(InterlaceParams), {Method::Apply, Method::InPlace},
+    {"InterlaceEffectRaw",
+     sizeof(InterlaceParams),
+     {Method::Apply, Method::InPlace},
      {{&ref::InterlacePart, &ref::InterlaceMaskPart}, {&ref::InterlacePart16, &ref::InterlaceMaskPart16}},
-     {{"HorizontalInterlaceType", Kind::Enum}, {"VerticalInterlaceType", Kind::Enum},
+     {{"HorizontalInterlaceType", Kind::Enum},
+      {"VerticalInterlaceType", Kind::Enum},
       {"InterlaceAlphaChannel", Kind::Flag}}},
-    {"PolarCoordinatesEffectRaw", sizeof(PolarCoordinatesParams), {Method::Apply, Method::PolarApply4, Method::Async},
+    {"PolarCoordinatesEffectRaw",
+     sizeof(PolarCoordinatesParams),
+     {Method::Apply, Method::PolarApply4, Method::Async},
      {{&ref::PolarCoordinatesPart, &ref::PolarCoordinatesPart},
       {&ref::PolarCoordinatesPart16, &ref::PolarCoordinatesPart16}},
      {}},
-    {"BarrelDistortEffectRaw", sizeof(BarrelDistortionParams), {Method::Apply, Method::Async},
+    {"BarrelDistortEffectRaw",
+     sizeof(BarrelDistortionParams),
+     {Method::Apply, Method::Async},
      {{&ref::BarrelDistort8BitPart, &ref::BarrelDistortInterpolate8BitPart},
       {&ref::BarrelDistort16BitPart, &ref::BarrelDistortInterpolate16BitPart}},
-     {{"Interpolate", Kind::Flag}, {"Distortion", Kind::Double}, {"VerticalKeystone", Kind::Double},
+     {{"Interpolate", Kind::Flag},
+      {"Distortion", Kind::Double},
+      {"VerticalKeystone", Kind::Double},
       {"HorizontalKeystone", Kind::Double}}},
     // Oil paint refuses 16-bit sources before any kernel.
-    {"OilPaintEffectRaw", sizeof(OilPaintParams), {Method::Apply},
+    {"OilPaintEffectRaw",
+     sizeof(OilPaintParams),
+     {Method::Apply},
      {{&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}, {&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}},
      {{"BrushSize", Kind::Byte}, {"Smoothness", Kind::Float}}},
 };
@@ -139,58 +144,55 @@ enum { kInterlace, kPolar, kBarrel, kOilPaint };  // rows of kEffects
 
 // ---- the run being checked ---------------------------------------------------------------
 
-// What the run inspector saw: a copy of the parameter block while it was alive,
-// the parts and the destination; and what the completion method was given.
-struct World {
-  std::unique_ptr<Host> host;
-  size_t paramsBytes = 0;  // set before the run
+// One input's objects and what its run did: what the run inspector saw (a copy
+// of the parameter block while it was alive, the parts and the destination) and
+// what the completion method was given.
+struct Run {
+  int index = 0;
+  const EffectRow* row = nullptr;
+  Method method = Method::Apply;
+  REALobject object = nullptr, source = nullptr;  // the effect and its source
+  REALobject colourArgument = nullptr;            // the four-argument Apply's colour
+  signed char rectangularToPolar = 0, flipMapping = 0;
+  std::vector<REALobject> held;  // released at the end
+
   int runs = 0, completions = 0;
   rawfx::host::EngineCall call;
   std::vector<uint8_t> params;
   std::vector<MPParamBlock> parts;
   REALobject destination = nullptr, asyncResult = nullptr;  // the result locked by the completion
-};
-World* gWorld = nullptr;
-
-struct Setup {
-  const EffectRow* row;
-  int index;
-  Method method;
-  REALobject object = nullptr, source = nullptr;  // the effect and its source
-  REALobject colourArgument = nullptr;            // the four-argument Apply's colour
-  signed char rectangularToPolar = 0, flipMapping = 0;
-  std::vector<REALobject> held;  // released at the end
 
   REALobject Hold(REALobject made) {
     if (made) held.push_back(made);
     return made;
   }
 };
+Host* gHost = nullptr;
+Run* gRun = nullptr;  // the input under way
 
-void Fill(const BitmapView& view, uint32_t seed) {
-  uint32_t state = seed | 1;
+std::vector<uint8_t> AllBytes(const BitmapView& view) {
+  return {view.pixels, view.pixels + view.rowBytes * view.height};
+}
+
+// A source bitmap as the input describes it; nil when the input asks for none.
+// The record may say no pixels, or another depth, than the memory has.
+REALobject MakeSource(Host& host, Input& in, Run& run) {
+  const auto& formats = rawfx::host::Formats();
+  const rawfx::host::FormatInfo& format = formats[in.Pick(static_cast<int>(formats.size()))];
+  const int depthChoice = in.Pick(8), bits = depthChoice < 4 ? 8 : 16;
+  const int64_t width = in.Pick(kMaxSide + 1), height = in.Pick(kMaxSide + 1), padding = in.Pick(9) * (bits / 8);
+  uint32_t state = in.Raw<uint32_t>() | 1;  // the pixels: xorshift from the seed
+  if (width == 0 && height == 0 && depthChoice == 0) return nullptr;
+  REALobject source =
+      run.Hold(host.NewBitmap(std::max<int64_t>(width, 1), std::max<int64_t>(height, 1), format.code, bits, padding));
+  Check(source != nullptr, "the host refused a bitmap it should make");
+  const BitmapView view = host.Bitmap(source);
   for (int64_t i = 0; i < view.rowBytes * view.height; ++i) {
     state ^= state << 13;
     state ^= state >> 17;
     state ^= state << 5;
     view.pixels[i] = static_cast<uint8_t>(state >> 24);
   }
-}
-
-// A source bitmap as the input describes it; nil when the input asks for none.
-// The record may say no pixels, or another depth, than the memory has.
-REALobject MakeSource(Host& host, Input& in, Setup& setup) {
-  const auto& formats = rawfx::host::Formats();
-  const rawfx::host::FormatInfo& format = formats[in.Pick(static_cast<int>(formats.size()))];
-  const int depthChoice = in.Pick(8), bits = depthChoice < 4 ? 8 : 16;
-  const int64_t width = in.Pick(kMaxSide + 1), height = in.Pick(kMaxSide + 1), padding = in.Pick(9) * (bits / 8);
-  const uint32_t seed = in.Raw<uint32_t>();
-  if (width == 0 && height == 0 && depthChoice == 0) return nullptr;
-  REALobject source = setup.Hold(host.NewBitmap(std::max<int64_t>(width, 1), std::max<int64_t>(height, 1),
-                                                format.code, bits, padding));
-  Check(source != nullptr, "the host refused a bitmap it should make");
-  const BitmapView view = host.Bitmap(source);
-  Fill(view, seed);
   if (width == 0) view.record->width = 0;
   if (height == 0) view.record->height = 0;
   if (depthChoice == 7) {
@@ -202,61 +204,59 @@ REALobject MakeSource(Host& host, Input& in, Setup& setup) {
 
 // Colour kinds: 0 the default, 1 nil, 2 RGB, 3 16-bit RGB, 4 CMYK, 5 an object
 // that is not a colour (only a method argument can be that).
-void SetColour(Host& host, Input& in, Setup& setup) {
+void SetColour(Host& host, Input& in, Run& run) {
   const int kind = in.Pick(6);
   REALobject colour = nullptr;
   if (kind == 2) colour = host.NewRGBColor(in.Byte(), in.Byte(), in.Byte(), in.Byte());
   if (kind == 3)
     colour = host.NewRGBColor16(in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>(), in.Raw<uint16_t>());
   if (kind == 4) colour = host.NewCMYKColor(in.Byte(), in.Byte(), in.Byte(), in.Byte(), in.Byte());
-  setup.Hold(colour);
-  if (kind == 5) colour = setup.source;
-  if (setup.method == Method::PolarApply4) {
-    setup.colourArgument = colour;
-  } else if (setup.index != kOilPaint && kind != 0 && kind != 5) {
-    host.Set<REALobject>(setup.object, "BackColor", colour);  // nil is ignored
-  }
+  run.Hold(colour);
+  if (kind == 5) colour = run.source;
+  if (run.method == Method::PolarApply4)
+    run.colourArgument = colour;
+  else if (run.index != kOilPaint && kind != 0 && kind != 5)
+    host.Set<REALobject>(run.object, "BackColor", colour);  // nil is ignored
 }
 
 // Mask kinds: 0 none, 1 a grey bitmap of the source's size, 2 a channel of the
 // source itself, 3 a bitmap one row short (the engine refuses it), 4 set, then removed.
-void SetMask(Host& host, Input& in, Setup& setup) {
+void SetMask(Host& host, Input& in, Run& run) {
   const int kind = in.Pick(5);
   const uint8_t channel = in.Byte();
   const bool inverted = in.Flag();
-  if ((setup.index != kInterlace && setup.index != kOilPaint) || kind == 0 || !setup.source) return;
-  const BitmapView view = host.Bitmap(setup.source);
+  if ((run.index != kInterlace && run.index != kOilPaint) || kind == 0 || !run.source) return;
+  const BitmapView view = host.Bitmap(run.source);
   const int64_t width = std::max<int64_t>(view.width, 1), height = std::max<int64_t>(view.height, 1);
-  REALobject maskBitmap = setup.source;
+  REALobject maskBitmap = run.source;
   if (kind != 2) {
-    maskBitmap = setup.Hold(host.NewBitmap(width, kind == 3 ? std::max<int64_t>(height - 1, 1) : height, 0, 8));
+    maskBitmap = run.Hold(host.NewBitmap(width, kind == 3 ? std::max<int64_t>(height - 1, 1) : height, 0, 8));
     const BitmapView maskView = host.Bitmap(maskBitmap);
     for (int64_t i = 0; i < maskView.rowBytes * maskView.height; ++i)
       maskView.pixels[i] = static_cast<uint8_t>(i * 37 + channel);
   }
-  REALobject mask = setup.Hold(host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0));
-  host.Set<REALobject>(setup.object, "Mask", mask);
-  if (kind == 4) host.Set(setup.object, "Mask", nullptr);
+  host.Set<REALobject>(run.object, "Mask", run.Hold(host.NewMask(maskBitmap, inverted, kind == 2 ? channel % 8 : 0)));
+  if (kind == 4) host.Set(run.object, "Mask", nullptr);
 }
 
 // The class's settings row, then what its setters would not let through.
-void ReadSettings(Host& host, Input& in, Setup& setup) {
-  for (const auto& [name, kind] : setup.row->settings) {
-    if (kind == Kind::Enum) host.Set<int64_t>(setup.object, name, in.Enum());
-    if (kind == Kind::Flag) host.Set<bool>(setup.object, name, in.Flag());
-    if (kind == Kind::Double) host.Set<double>(setup.object, name, in.Double());
-    if (kind == Kind::Byte) host.Set<uint8_t>(setup.object, name, in.Byte());
-    if (kind == Kind::Float) host.Set<float>(setup.object, name, in.Raw<float>());
+void ReadSettings(Host& host, Input& in, Run& run) {
+  for (const auto& [name, kind] : run.row->settings) {
+    if (kind == Kind::Enum) host.Set<int64_t>(run.object, name, in.Enum());
+    if (kind == Kind::Flag) host.Set<bool>(run.object, name, in.Flag());
+    if (kind == Kind::Double) host.Set<double>(run.object, name, in.Double());
+    if (kind == Kind::Byte) host.Set<uint8_t>(run.object, name, in.Byte());
+    if (kind == Kind::Float) host.Set<float>(run.object, name, in.Raw<float>());
   }
-  void* data = host.ClassData(setup.object, setup.row->className);
-  if (setup.index == kPolar) {
+  void* data = host.ClassData(run.object, run.row->className);
+  if (run.index == kPolar) {
     // The flags are bytes the host writes itself; any value may lie there.
     static_cast<uint8_t*>(data)[0] = in.Byte() % 3;
     static_cast<uint8_t*>(data)[1] = in.Byte() % 3;
-    setup.rectangularToPolar = static_cast<signed char>(in.Byte());
-    setup.flipMapping = static_cast<signed char>(in.Byte());
+    run.rectangularToPolar = static_cast<signed char>(in.Byte());
+    run.flipMapping = static_cast<signed char>(in.Byte());
   }
-  if (setup.index == kOilPaint) {  // values the setters would clamp, written straight into the instance data
+  if (run.index == kOilPaint) {  // values the setters would clamp, written straight into the instance data
     if (in.Pick(4) == 0) static_cast<OilPaintData*>(data)->brushSize = in.Byte();
     if (in.Pick(4) == 0) static_cast<OilPaintData*>(data)->smoothness = in.Raw<float>();
   }
@@ -264,143 +264,125 @@ void ReadSettings(Host& host, Input& in, Setup& setup) {
 
 // ---- checking the run -------------------------------------------------------------------
 
-std::vector<uint8_t> AllBytes(const BitmapView& view) {
-  return {view.pixels, view.pixels + view.rowBytes * view.height};
-}
-
 // Runs the reference kernel over the run's own block and parts, on the source
 // as it was before the run, and compares every destination byte. An in-place
 // run is repeated on the source's own memory, put back as it was, since a mask
 // may read that memory too.
-void CheckAgainstReference(Host& host, const Setup& setup, const std::vector<uint8_t>& sourceBefore) {
-  std::vector<uint8_t> block = gWorld->params, source = sourceBefore;
-  auto& head = *reinterpret_cast<GenericMPParams*>(block.data());
-  const BitmapView destination = host.Bitmap(gWorld->destination);
+void CheckAgainstReference(Host& host, Run& run, const std::vector<uint8_t>& sourceBefore) {
+  std::vector<uint8_t> source = sourceBefore;
+  auto& head = *reinterpret_cast<GenericMPParams*>(run.params.data());
+  const BitmapView destination = host.Bitmap(run.destination);
   const std::vector<uint8_t> actual = AllBytes(destination);
   std::vector<uint8_t> separate(actual.size(), 0);
-  const bool inPlace = setup.method == Method::InPlace;
+  const bool inPlace = run.method == Method::InPlace;
   uint8_t* expected = inPlace ? destination.pixels : separate.data();
   if (inPlace) std::copy(sourceBefore.begin(), sourceBefore.end(), expected);
   head.srcPixels = inPlace ? expected : source.data();
   head.dstPixels = expected;
-  head.progress = 0;
-  head.cancel = 0;
-  const bool variant =
-      gWorld->call.mask != nullptr || (setup.index == kBarrel && host.Get<bool>(setup.object, "Interpolate"));
-  const PartFunction part = *setup.row->parts[head.srcBitmap->bitsPerChannel == 16][variant];
-  for (const MPParamBlock& engines : gWorld->parts) {
-    MPParamBlock mine{engines.firstRow, engines.endRow, 0, {}, block.data()};
+  head.progress = head.cancel = 0;
+  const bool variant = run.call.mask != nullptr || (run.index == kBarrel && host.Get<bool>(run.object, "Interpolate"));
+  const PartFunction part = *run.row->parts[head.srcBitmap->bitsPerChannel == 16][variant];
+  for (const MPParamBlock& engines : run.parts) {
+    MPParamBlock mine{engines.firstRow, engines.endRow, 0, {}, run.params.data()};
     part(&mine);
   }
-  const int64_t rowPixelsBytes = destination.width * destination.pixelBytes;
-  for (int64_t y = 0; y < destination.height; ++y)
-    for (int64_t i = 0; i < destination.rowBytes; ++i)
-      if (actual[size_t(y * destination.rowBytes + i)] != expected[size_t(y * destination.rowBytes + i)])
-        Fail(std::string(setup.row->className) + ": destination byte " + std::to_string(i) + " of row " +
-             std::to_string(y) + (i < rowPixelsBytes ? " differs from the reference" : " (padding) was written"));
-}
-
-// A refused run stored its code and ran nothing; an accepted run's result (if
-// any) is the inspected destination, of its source's shape.
-void CheckOutcome(Host& host, const Setup& setup, REALobject result, int64_t lastError, int64_t asyncStarted) {
-  const World& seen = *gWorld;
-  Check(lastError == 0 || lastError == 4 || lastError == 6, "an error code other than 4 or 6");
-  if (lastError != 0)
-    Check(seen.runs == 0 && asyncStarted == 0 && !result, "a refused run reached the engine or gave a result");
-  if (setup.method == Method::Async)
-    Check(seen.completions == (asyncStarted > 0 ? 1 : 0), "an asynchronous run did not complete exactly once");
-  Check(seen.runs <= 1, "one call made more than one run");
-  if (result && result != setup.source) {
-    Check(seen.runs == 1 && result == seen.destination, "a result that is not the run's destination");
-    const BitmapView made = host.Bitmap(result), from = host.Bitmap(setup.source);
-    Check(made.width == from.width && made.height == from.height && made.format == from.format &&
-              made.bitsPerChannel == from.bitsPerChannel,
-          "a result of another shape than its source");
-  }
-  if (result == setup.source && result)
-    Check(setup.index == kInterlace && seen.runs == 0, "only interlace with nothing to do returns its source");
+  const size_t at = std::mismatch(actual.begin(), actual.end(), expected).first - actual.begin();
+  const int64_t y = int64_t(at) / std::max<int64_t>(destination.rowBytes, 1),
+                i = int64_t(at) - y * destination.rowBytes;
+  Check(
+      at == actual.size(),
+      std::string(run.row->className) + ": destination byte " + std::to_string(i) + " of row " + std::to_string(y) +
+          (i < destination.width * destination.pixelBytes ? " differs from the reference" : " (padding) was written"));
 }
 
 // ---- one input -----------------------------------------------------------------------------
 
 void RunOne(Host& host, Input& in) {
-  Setup setup;
-  setup.index = in.Pick(4);
-  setup.row = &kEffects[setup.index];
-  const std::vector<Method>& methods = setup.row->methods;
-  setup.method = methods.size() > 1 ? methods[size_t(in.Pick(int(methods.size())))] : methods[0];
-  setup.object = setup.Hold(host.New(setup.row->className));
-  setup.source = MakeSource(host, in, setup);
-  const rawfx::host::SplitPolicy policies[] = {
-      rawfx::host::SplitPolicy::Balanced, rawfx::host::SplitPolicy::SinglePart, rawfx::host::SplitPolicy::SmallParts,
-      rawfx::host::SplitPolicy::OddStarts, rawfx::host::SplitPolicy::WithEmptyParts};
-  host.SetSplitPolicy(policies[in.Pick(5)]);
-  SetColour(host, in, setup);
-  SetMask(host, in, setup);
-  ReadSettings(host, in, setup);
+  Run run;
+  gRun = &run;
+  run.index = in.Pick(4);
+  run.row = &kEffects[run.index];
+  const std::vector<Method>& methods = run.row->methods;
+  run.method = methods.size() > 1 ? methods[size_t(in.Pick(int(methods.size())))] : methods[0];
+  run.object = run.Hold(host.New(run.row->className));
+  run.source = MakeSource(host, in, run);
+  host.SetSplitPolicy(static_cast<rawfx::host::SplitPolicy>(in.Pick(5)));  // the policies in their declared order
+  SetColour(host, in, run);
+  SetMask(host, in, run);
+  ReadSettings(host, in, run);
 
-  const std::vector<uint8_t> sourceBefore = setup.source ? AllBytes(host.Bitmap(setup.source)) : std::vector<uint8_t>{};
-  World& seen = *gWorld;
-  seen.paramsBytes = setup.row->paramsBytes;
-  seen.runs = seen.completions = 0;
-  seen.destination = seen.asyncResult = nullptr;
+  const std::vector<uint8_t> sourceBefore = run.source ? AllBytes(host.Bitmap(run.source)) : std::vector<uint8_t>{};
   const int64_t asyncBefore = host.asyncCounts().started;
   REALobject result = nullptr;
-  switch (setup.method) {
-    case Method::Apply: result = host.Call<REALobject>(setup.object, kApply, setup.source); break;
-    case Method::PolarApply4:
-      result = host.Call<REALobject>(setup.object, kPolarApply4, setup.source, setup.rectangularToPolar,
-                                     setup.flipMapping, setup.colourArgument);
-      break;
-    case Method::InPlace: host.Call<void>(setup.object, kApplyInPlace, setup.source); break;
-    case Method::Async:
-      host.Call<void>(setup.object, kApplyAsync, setup.source, setup.object,
-                      reinterpret_cast<void*>(+[](REALobject, REALobject done) {
-                        ++gWorld->completions;
-                        if (done) gWorld->host->Lock(done);
-                        gWorld->asyncResult = done;
-                      }));
-      host.WaitForAsync();
-      result = seen.asyncResult;
-      break;
+  if (run.method == Method::Apply) result = host.Call<REALobject>(run.object, kApply, run.source);
+  if (run.method == Method::PolarApply4)
+    result = host.Call<REALobject>(run.object, kPolarApply4, run.source, run.rectangularToPolar, run.flipMapping,
+                                   run.colourArgument);
+  if (run.method == Method::InPlace) host.Call<void>(run.object, kApplyInPlace, run.source);
+  if (run.method == Method::Async) {
+    host.Call<void>(run.object, kApplyAsync, run.source, run.object,
+                    reinterpret_cast<void*>(+[](REALobject, REALobject done) {
+                      ++gRun->completions;
+                      if (done) gHost->Lock(done);
+                      gRun->asyncResult = done;
+                    }));
+    host.WaitForAsync();
+    result = run.asyncResult;
   }
-  setup.Hold(result);
+  run.Hold(result);
 
-  CheckOutcome(host, setup, result, host.LastError(setup.object), host.asyncCounts().started - asyncBefore);
-  if (setup.source && setup.method != Method::InPlace)
-    Check(AllBytes(host.Bitmap(setup.source)) == sourceBefore, "the source was written");
-  if (seen.runs == 1 && reinterpret_cast<GenericMPParams*>(seen.params.data())->cancel == 0)
-    CheckAgainstReference(host, setup, sourceBefore);
+  // A refused run stored its code and ran nothing; an accepted run's result (if
+  // any) is the inspected destination, of its source's shape.
+  const int64_t lastError = host.LastError(run.object), asyncStarted = host.asyncCounts().started - asyncBefore;
+  Check(lastError == 0 || lastError == 4 || lastError == 6, "an error code other than 4 or 6");
+  Check(lastError == 0 || (run.runs == 0 && asyncStarted == 0 && !result),
+        "a refused run reached the engine or gave a result");
+  Check(run.method != Method::Async || run.completions == (asyncStarted > 0 ? 1 : 0),
+        "an asynchronous run did not complete exactly once");
+  Check(run.runs <= 1, "one call made more than one run");
+  if (result && result != run.source) {
+    Check(run.runs == 1 && result == run.destination, "a result that is not the run's destination");
+    const BitmapView made = host.Bitmap(result), from = host.Bitmap(run.source);
+    Check(made.width == from.width && made.height == from.height && made.format == from.format &&
+              made.bitsPerChannel == from.bitsPerChannel,
+          "a result of another shape than its source");
+  }
+  Check(!result || result != run.source || (run.index == kInterlace && run.runs == 0),
+        "only interlace with nothing to do returns its source");
+  Check(!run.source || run.method == Method::InPlace || AllBytes(host.Bitmap(run.source)) == sourceBefore,
+        "the source was written");
+  if (run.runs == 1 && reinterpret_cast<GenericMPParams*>(run.params.data())->cancel == 0)
+    CheckAgainstReference(host, run, sourceBefore);
 
-  for (REALobject object : setup.held) host.Unlock(object);
+  for (REALobject object : run.held) host.Unlock(object);
   host.WaitForAsync();
-  if (host.LiveObjectCount() != 0) Fail("objects left alive after the program let go of everything");
-  if (host.StrayLockCalls() != 0) Fail("a lock or unlock of an object that was not alive");
+  Check(host.LiveObjectCount() == 0, "objects left alive after the program let go of everything");
+  Check(host.StrayLockCalls() == 0, "a lock or unlock of an object that was not alive");
+  gRun = nullptr;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  static World world;
   rawfx::host::HostOptions options;
-  options.threads = kWorkers;
-  world.host = std::make_unique<Host>(options);
-  world.host->SetRunInspector([](const rawfx::host::EngineCall& call, const GenericMPParams& params,
-                                 const std::vector<MPParamBlock>& parts, REALobject destination) {
-    World& seen = *gWorld;
-    ++seen.runs;
-    seen.call = call;
+  options.threads = 3;
+  static Host host(options);
+  gHost = &host;
+  gHost->SetRunInspector([](const rawfx::host::EngineCall& call, const GenericMPParams& params,
+                            const std::vector<MPParamBlock>& parts, REALobject destination) {
+    Run& run = *gRun;
+    ++run.runs;
+    run.call = call;
     const auto* bytes = reinterpret_cast<const uint8_t*>(&params);
-    seen.params.assign(bytes, bytes + seen.paramsBytes);
-    seen.parts = parts;
-    seen.destination = destination;
+    run.params.assign(bytes, bytes + run.row->paramsBytes);
+    run.parts = parts;
+    run.destination = destination;
   });
-  gWorld = &world;
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Input in(data, size);
-  RunOne(*gWorld->host, in);
+  RunOne(*gHost, in);
   return 0;
 }

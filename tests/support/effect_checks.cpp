@@ -1,6 +1,6 @@
 #include "support/effect_checks.h"
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -13,6 +13,10 @@ using rawfx::host::EngineCall;
 using rawfx::host::Host;
 using rawfx::host::SplitPolicy;
 
+constexpr const char* kApply = "Apply(source as RawBitmap) as RawBitmap";
+constexpr const char* kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
+constexpr const char* kApplyAsync = "ApplyAsync(source as RawBitmap, completeTarget as Object, completeMethod as Ptr)";
+
 EffectTest* gRunningTest = nullptr;  // the test whose completions RecordCompletion records
 
 // Every byte of a bitmap's memory, padding included; unlike PixelBytes it does
@@ -20,53 +24,6 @@ EffectTest* gRunningTest = nullptr;  // the test whose completions RecordComplet
 std::vector<uint8_t> Memory(Host& host, REALobject bitmap) {
   const BitmapView view = host.Bitmap(bitmap);
   return {view.pixels, view.pixels + view.rowBytes * view.height};
-}
-
-void RestorePixels(Host& host, REALobject bitmap, const std::vector<uint8_t>& packed) {
-  const BitmapView view = host.Bitmap(bitmap);
-  const int64_t used = view.width * view.pixelBytes;
-  for (int64_t y = 0; y < view.height; ++y) std::memcpy(view.row(y), packed.data() + y * used, used);
-}
-
-bool RowPaddingIsZero(Host& host, REALobject bitmap) {
-  const BitmapView view = host.Bitmap(bitmap);
-  for (int64_t y = 0; y < view.height; ++y)
-    for (int64_t i = view.width * view.pixelBytes; i < view.rowBytes; ++i)
-      if (view.row(y)[i] != 0) return false;
-  return true;
-}
-
-// What part makes of the packed pixels of source over parts, one after the
-// other, into a zeroed destination, with the head filled as the engine fills it.
-std::vector<uint8_t> ReferenceBytes(Host& host, REALobject source, std::vector<uint8_t> pixels, void* params,
-                                    PartFunction part, REALobject mask, const std::vector<MPParamBlock>& parts) {
-  const BitmapView view = host.Bitmap(source);
-  std::vector<uint8_t> destination(pixels.size(), 0);
-  GenericMPParams& head = *static_cast<GenericMPParams*>(params);
-  head = {};
-  head.width = static_cast<int32_t>(view.width);
-  head.height = static_cast<int32_t>(view.height);
-  head.srcPixels = pixels.data();
-  head.dstPixels = destination.data();
-  head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
-  head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
-  head.srcBitmap = head.dstBitmap = view.record;
-  head.maskData = mask ? static_cast<RawBitmapMaskData*>(host.ClassData(mask, "RawBitmapMask")) : nullptr;
-  for (MPParamBlock block : parts) {
-    block.done = 0;
-    block.params = params;
-    part(&block);
-  }
-  return destination;
-}
-
-void ExpectCall(const EngineCall& call, const ExpectedCall& expected) {
-  EXPECT_EQ(call.operation, expected.operation);
-  EXPECT_EQ(call.modeCode, expected.modeCode);
-  EXPECT_EQ(call.formatFlags, expected.formatFlags);
-  EXPECT_EQ(call.resultFlag, expected.operation == EngineCall::PartsInPlace ? 0 : 1);
-  EXPECT_EQ(call.mask, expected.mask);
-  EXPECT_EQ(call.partFunction == call.maskPartFunction, expected.onePartFunction);
 }
 
 }  // namespace
@@ -101,6 +58,7 @@ std::vector<int32_t> BackgroundValues(Host& host, REALobject colour, int64_t for
 void EffectTest::SetUp() {
   HostTest::SetUp();
   gRunningTest = this;
+  completeTarget_ = host.NewCMYKColor(0, 0, 0, 0);
   host.SetRunInspector(
       [this](const EngineCall& call, const GenericMPParams&, const std::vector<MPParamBlock>& parts, REALobject) {
         std::lock_guard lock(mutex_);
@@ -115,13 +73,9 @@ void EffectTest::TearDown() {
   host.SetRunInspector(nullptr);
   host.Unlock(std::exchange(completionResult_, nullptr));  // a completion no test collected
   for (REALobject object : kept_) host.Unlock(object);
+  host.Unlock(completeTarget_);
   gRunningTest = nullptr;
   HostTest::TearDown();
-}
-
-REALobject EffectTest::Keep(REALobject object) {
-  if (object) kept_.push_back(object);
-  return object;
 }
 
 REALobject EffectTest::NewSource(int64_t width, int64_t height, int64_t format, int bits, uint32_t seed) {
@@ -140,22 +94,15 @@ void EffectTest::RecordCompletion(REALobject target, REALobject result) {
   test.host.Unlock(std::exchange(test.completionResult_, result));
 }
 
-REALobject EffectTest::ApplyAsync(REALobject effect, REALobject source, REALobject target) {
-  const int before = completions_;  // no run is under way: each call waits for its own
-  host.Call<void>(effect, kApplyAsync, source, target, reinterpret_cast<void*>(&RecordCompletion));
+REALobject EffectTest::Run(Via via, REALobject effect, REALobject source) {
+  if (via == Via::Apply) return host.Call<REALobject>(effect, kApply, source);
+  if (via == Via::InPlace) {
+    host.Call<void>(effect, kApplyInPlace, source);
+    return source;
+  }
+  host.Call<void>(effect, kApplyAsync, source, completeTarget_, reinterpret_cast<void*>(&RecordCompletion));
   host.WaitForAsync();
-  asyncCompletions_ = completions_ - before;
-  asyncTarget_ = target;
   return std::exchange(completionResult_, nullptr);
-}
-
-int64_t& EffectTest::LastError(REALobject effect) {
-  return static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"))->lastError;
-}
-
-SeenRun EffectTest::Seen() {
-  std::lock_guard lock(mutex_);
-  return seen_;
 }
 
 std::string EffectTest::ColourState(REALobject colour) {
@@ -166,36 +113,66 @@ std::string EffectTest::ColourState(REALobject colour) {
 }
 
 void EffectTest::ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart,
-                                        const ExpectedCall& expected, const std::function<REALobject()>& run) {
-  const std::vector<uint8_t> original = PixelBytes(host, source);
+                                        Via via, const ExpectedCall& expected, std::function<REALobject()> run) {
+  if (!run) run = [&] { return Run(via, effect, source); };
+  const EngineCall::Operation operation = via == Via::Apply     ? EngineCall::Parts
+                                          : via == Via::InPlace ? EngineCall::PartsInPlace
+                                                                : EngineCall::PartsAsync;
+  const std::vector<uint8_t> original = PixelBytes(host, source), memory = Memory(host, source);
   const std::pair<int, SplitPolicy> setups[] = {{1, SplitPolicy::Balanced},   {4, SplitPolicy::Balanced},
                                                 {4, SplitPolicy::SinglePart}, {4, SplitPolicy::SmallParts},
                                                 {1, SplitPolicy::OddStarts},  {4, SplitPolicy::WithEmptyParts}};
   for (auto [threads, policy] : setups) {
-    SCOPED_TRACE(std::to_string(threads) + " threads, split policy " + std::to_string(static_cast<int>(policy)));
+    SCOPED_TRACE(testing::Message() << threads << " threads, split policy " << static_cast<int>(policy));
     host.SetThreads(threads);
     host.SetSplitPolicy(policy);
     LastError(effect) = 4;  // a success leaves an earlier code as it was
-    const int runsBefore = Seen().count;
+    const int runsBefore = Seen().count, completionsBefore = completions_;
     const REALobject destination = run();
-    const SeenRun seen = Seen();
+    const auto [count, call, parts] = Seen();
     ASSERT_NE(destination, nullptr);
-    EXPECT_EQ(seen.count, runsBefore + 1);
+    EXPECT_EQ(count, runsBefore + 1);
+    EXPECT_EQ(completions_ - completionsBefore, via == Via::Async ? 1 : 0);
+    EXPECT_TRUE(via != Via::Async || completionTarget_ == completeTarget_) << "completed on another target";
     EXPECT_EQ(LastError(effect), 4);
-    ExpectCall(seen.call, expected);
-    if (expected.operation == EngineCall::PartsAsync) {
-      EXPECT_EQ(asyncCompletions_, 1);
-      EXPECT_EQ(completionTarget_, asyncTarget_);
+    EXPECT_EQ(call.operation, operation);
+    EXPECT_EQ(call.modeCode, expected.modeCode);
+    EXPECT_EQ(call.formatFlags, expected.formatFlags);
+    EXPECT_EQ(call.resultFlag, via == Via::InPlace ? 0 : 1);
+    EXPECT_EQ(call.mask, expected.mask);
+    EXPECT_EQ(call.partFunction == call.maskPartFunction, expected.onePartFunction);
+    // What referencePart makes of the packed pixels over the same parts, one
+    // after the other, into a zeroed destination, the head filled as the engine fills it.
+    std::vector<uint8_t> pixels = original, reference(original.size(), 0);
+    const BitmapView view = host.Bitmap(source);
+    GenericMPParams& head = *static_cast<GenericMPParams*>(params);
+    head = {};
+    head.width = static_cast<int32_t>(view.width);
+    head.height = static_cast<int32_t>(view.height);
+    head.srcPixels = pixels.data();
+    head.dstPixels = reference.data();
+    head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
+    head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
+    head.srcBitmap = head.dstBitmap = view.record;
+    head.maskData =
+        expected.mask ? static_cast<RawBitmapMaskData*>(host.ClassData(expected.mask, "RawBitmapMask")) : nullptr;
+    for (MPParamBlock block : parts) {
+      block.done = 0;
+      block.params = params;
+      referencePart(&block);
     }
-    EXPECT_EQ(PixelBytes(host, destination),
-              ReferenceBytes(host, source, original, params, referencePart, expected.mask, seen.parts));
+    EXPECT_EQ(PixelBytes(host, destination), reference);
     if (destination == source) {
-      RestorePixels(host, source, original);
-    } else {
-      EXPECT_EQ(PixelBytes(host, source), original) << "the source is never written";
-      EXPECT_TRUE(RowPaddingIsZero(host, destination));
-      host.Unlock(destination);
+      std::copy(memory.begin(), memory.end(), host.Bitmap(source).pixels);
+      continue;
     }
+    EXPECT_EQ(Memory(host, source), memory) << "the source is never written";
+    const BitmapView made = host.Bitmap(destination);
+    for (int64_t y = 0; y < made.height; ++y)
+      EXPECT_TRUE(std::all_of(made.row(y) + made.width * made.pixelBytes, made.row(y) + made.rowBytes,
+                              [](uint8_t b) { return b == 0; }))
+          << "row padding of row " << y;
+    host.Unlock(destination);
   }
   host.SetThreads(0);
   host.SetSplitPolicy(SplitPolicy::Balanced);
@@ -206,17 +183,14 @@ void EffectTest::ExpectRefused(REALobject effect, REALobject source, int64_t cod
   const std::vector<uint8_t> before = source ? Memory(host, source) : std::vector<uint8_t>{};
   LastError(effect) = code == 4 ? 6 : 4;  // so that the code shows this run stored it
   const int runs = Seen().count;
-  const int64_t started = host.asyncCounts().started;
-  const int64_t completed = host.asyncCounts().completionCalls;
+  const Host::AsyncCounts counts = host.asyncCounts();
   EXPECT_EQ(run(), nullptr);
   host.WaitForAsync();
   EXPECT_EQ(LastError(effect), code);
   EXPECT_EQ(Seen().count, runs) << "no run reached the engine";
-  EXPECT_EQ(host.asyncCounts().started, started);
-  EXPECT_EQ(host.asyncCounts().completionCalls, completed);
-  if (source) {
-    EXPECT_EQ(Memory(host, source), before);
-  }
+  EXPECT_EQ(host.asyncCounts().started, counts.started);
+  EXPECT_EQ(host.asyncCounts().completionCalls, counts.completionCalls);
+  EXPECT_EQ(source ? Memory(host, source) : before, before);
 }
 
 void EffectTest::ExpectHoldsOneLock(REALobject effect, const char* property, REALobject first, REALobject second,

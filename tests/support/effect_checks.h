@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,28 +19,19 @@
 
 namespace rawfx::test {
 
-inline constexpr const char* kApply = "Apply(source as RawBitmap) as RawBitmap";
-inline constexpr const char* kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
-inline constexpr const char* kApplyAsync =
-    "ApplyAsync(source as RawBitmap, completeTarget as Object, completeMethod as Ptr)";
-
 // RawBitmap format codes the tests use.
 inline constexpr int64_t kGrey = 0, kRGB = 3, kRGBA = 5, kARGB = 6, kBGRA = 7, kXRGB = 9, kCMYK = 13, kCMYKA = 14;
 
-// How an effect must hand a run to the engine.
+// The three methods every effect has (not all of them each); the engine must get
+// a run of Apply as Parts, of ApplyInPlace as PartsInPlace, of ApplyAsync as PartsAsync.
+enum class Via { Apply, InPlace, Async };
+
+// How an effect must hand a run to the engine, besides the operation.
 struct ExpectedCall {
-  rawfx::host::EngineCall::Operation operation;
   int32_t modeCode;
   int32_t formatFlags;
   REALobject mask;
   bool onePartFunction;  // the same function passed as plain and as masked part
-};
-
-// The last run the engine accepted, as its run inspector saw it.
-struct SeenRun {
-  int count = 0;  // runs accepted so far
-  rawfx::host::EngineCall call;
-  std::vector<MPParamBlock> parts;
 };
 
 // The pixel bytes of a bitmap, rows packed (padding excluded).
@@ -57,28 +49,54 @@ class EffectTest : public HostTest {
   void TearDown() override;
 
   // Released at the end of the test, before the leak check.
-  REALobject Keep(REALobject object);
+  REALobject Keep(REALobject object) {
+    if (object) kept_.push_back(object);
+    return object;
+  }
   // A kept bitmap of pattern pixels with padded rows.
   REALobject NewSource(int64_t width, int64_t height, int64_t format, int bits = 8, uint32_t seed = 1);
-  // Runs ApplyAsync to its end and returns the result with a reference for the caller, or nil.
-  REALobject ApplyAsync(REALobject effect, REALobject source, REALobject target);
-  int64_t& LastError(REALobject effect);
-  SeenRun Seen();
+  // Runs the method on source to its end: the result with a reference for the
+  // caller, or nil; the source itself after ApplyInPlace. ApplyAsync completes
+  // on an object the fixture keeps, made before any test watches allocations.
+  REALobject Run(Via via, REALobject effect, REALobject source);
+  int64_t& LastError(REALobject effect) {
+    return static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"))->lastError;
+  }
+  // The last run the engine accepted, as its run inspector saw it.
+  struct SeenRun {
+    int count = 0;  // runs accepted so far
+    rawfx::host::EngineCall call;
+    std::vector<MPParamBlock> parts;
+  };
+  SeenRun Seen() {
+    std::lock_guard lock(mutex_);
+    return seen_;
+  }
   // Both views of a colour, to show that a run left it as it was.
   std::string ColourState(REALobject colour);
 
-  // Runs `run` with 1 and 4 workers under every split policy. Each run must be
-  // handed to the engine as `expected` says, leave lastError as it was, leave
-  // the source unchanged and the result's row padding zero, and give what
-  // referencePart makes of the source over the engine's own parts with params
-  // (its head filled here, the effect's fields by the caller). `run` returns
-  // the destination: a result with a reference for the caller, or the source
-  // itself after an in-place run (restored here afterwards).
-  void ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart,
-                              const ExpectedCall& expected, const std::function<REALobject()>& run);
+  // Runs `run` (by default the method `via`) with 1 and 4 workers under every
+  // split policy. Each run must be handed to the engine as `via` and `expected`
+  // say, leave lastError as it was, leave the source unchanged and the result's
+  // row padding zero, and give what referencePart makes of the source over the
+  // engine's own parts with params (its head filled here, the effect's fields
+  // by the caller). `run` returns the destination: a result with a reference
+  // for the caller, or the source itself after an in-place run (restored here afterwards).
+  void ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart, Via via,
+                              const ExpectedCall& expected, std::function<REALobject()> run = {});
   // `run` must give nil, store `code` (over another code stored before), start
   // no run and no completion, and leave the source's memory as it was.
   void ExpectRefused(REALobject effect, REALobject source, int64_t code, const std::function<REALobject()>& run);
+  // The same for each of the methods.
+  void ExpectRefused(REALobject effect, REALobject source, int64_t code, std::initializer_list<Via> vias) {
+    for (Via via : vias) {
+      SCOPED_TRACE(testing::Message() << "method " << static_cast<int>(via));
+      ExpectRefused(effect, source, code, [&] {
+        const REALobject result = Run(via, effect, source);
+        return via == Via::InPlace ? nullptr : result;
+      });
+    }
+  }
   // The effect holds exactly one lock on the object in property: setting it
   // twice takes one, the getter hands out its own, nil is ignored (colours)
   // or removes the object (masks), and a replaced object is released.
@@ -93,8 +111,7 @@ class EffectTest : public HostTest {
   int completions_ = 0;
   REALobject completionTarget_ = nullptr;
   REALobject completionResult_ = nullptr;
-  int asyncCompletions_ = 0;  // completions of the last ApplyAsync
-  REALobject asyncTarget_ = nullptr;
+  REALobject completeTarget_ = nullptr;  // the target Run gives ApplyAsync
   std::vector<REALobject> kept_;
 };
 
