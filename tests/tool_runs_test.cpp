@@ -113,10 +113,8 @@ void WriteTiff(const std::string& path, const std::vector<Image>& pages, int pho
   TIFFClose(tiff);
 }
 
-struct ToolResult {  // the exit status, 128 + the signal's number when killed by one, and what the run wrote
-  int status;
-  std::string out, err;
-};
+// The exit status (128 + the signal's number when killed by one) and what the run wrote.
+struct ToolResult { int status; std::string out, err; };
 
 // The tool run by the shell in the scratch directory. `how` ends in the executable,
 // after what the run needs first (a directory, the environment, limits); redirections
@@ -134,11 +132,7 @@ ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::str
 
 // A run of the tool: its words, its exit status, a fragment of what it says, and how it
 // starts when not as the table's runs do.
-struct Expected {
-  Words words;
-  int status;
-  std::string says, how = "";
-};
+struct Expected { Words words; int status; std::string says, how = ""; };
 
 // Runs each in turn. A failed run says why on one line "rawfx: ...", writes nothing
 // to standard output, and leaves every file in scratch as it was and no new one.
@@ -613,10 +607,9 @@ std::string Carried(const std::string& path) {
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
   image->readMetadata();
   std::map<std::string, std::string> found;
-  const auto collect = [&](const auto& data) {
-    for (const auto& datum : data) found[datum.key()] = datum.toString();
-  };
-  collect(image->exifData()), collect(image->xmpData()), collect(image->iptcData());
+  for (const auto& datum : image->exifData()) found[datum.key()] = datum.toString();
+  for (const auto& datum : image->xmpData()) found[datum.key()] = datum.toString();
+  for (const auto& datum : image->iptcData()) found[datum.key()] = datum.toString();
   std::string carried;
   for (const std::string key : {"Exif.Image.Orientation", "Exif.Image.Artist", "Exif.GPSInfo.GPSLatitudeRef",
                                 "Xmp.dc.rights", "Iptc.Application2.Keywords"})
@@ -709,9 +702,9 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   Save(large, scratch / "large.tif");
   Save(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
   Save(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
-  WriteBytes(scratch / "wide.png", PngHeader(2147483647, 1, 6));
-  WriteBytes(scratch / "side.png", PngHeader(1000001, 1, 0));
-  WriteBytes(scratch / "huge.png", PngHeader(40000, 40000, 6));
+  for (const auto& [name, width, height, colourType] :
+       {std::tuple{"wide.png", 2147483647u, 1u, 6}, {"side.png", 1000001u, 1u, 0}, {"huge.png", 40000u, 40000u, 6}})
+    WriteBytes(scratch / name, PngHeader(width, height, char(colourType)));
   WriteBytes(scratch / "zeros.png", "");
   fs::resize_file(scratch / "zeros.png", 1 << 30);  // sparse: 1 GiB of zeros on no disk
   const auto polar = [&](const std::string& input, const std::string& output = "out.tif") {
