@@ -1,15 +1,384 @@
-// The tool run as a process: installed, what each run says and its status (files that
-// cannot be read or written, options out of range, standard streams, pages, many files
-// at once, outputs replaced, the module missing), a signal at any phase, and the demo.
+// The command-line tool: its parts that need no process (image files, conversions, colours, the progress bar),
+// then the built tool run through the shell: every effect against the same effect run through the host, what each
+// run says and its status with no file changed by a failure, a signal at any phase, the demo, metadata through
+// every output type, the encoding options, and the memory a run needs.
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <tiffio.h>
+#include <zlib.h>
 
+#include <cstring>
+#include <exiv2/exiv2.hpp>
+#include <filesystem>
+#include <fstream>
 #include <future>
+#include <random>
+#include <regex>
 #include <thread>
 
-#include "tool_test_support.h"
+#include "tools/rawfx/colour_option.h"
+#include "tools/rawfx/effects.h"
+#include "tools/rawfx/host_bitmap.h"
+#include "tools/rawfx/image_convert.h"
+#include "tools/rawfx/progress.h"
+#include "tools/rawfx/sample_image.h"
 
 namespace rawfx::tool::test {
 namespace {
+
+namespace fs = std::filesystem;
+using Words = std::vector<std::string>;
+using Bytes = std::vector<uint8_t>;
+
+// A fresh directory under the system's temporary directory, removed at the end.
+struct ScratchDir {
+  const fs::path path{mkdtemp((fs::temp_directory_path() / "rawfx-tool-XXXXXX").string().data())};
+  ~ScratchDir() { std::error_code ignored; fs::remove_all(path, ignored); }
+  std::string operator/(const std::string& name) const { return (path / name).string(); }
+  // Everything below it, each file with its size and the time it was last written.
+  std::map<std::string, std::string> snapshot() const {
+    std::map<std::string, std::string> found;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path))
+      found[fs::relative(entry.path(), path)] = entry.is_regular_file() ? std::to_string(entry.file_size()) + "@" +
+          std::to_string(entry.last_write_time().time_since_epoch().count()) : "";
+    return found;
+  }
+};
+
+// Noise with the extreme values 0 and max in the first samples, or (smooth) ramps,
+// which survive JPEG compression with small errors. The generator is defined to the
+// bit by the standard, so the data is the same on every machine.
+Image TestImage(int64_t width, int64_t height, Layout layout, int depth, bool smooth = false, uint32_t seed = 1) {
+  Image image = Image::Blank(width, height, layout, depth);
+  std::minstd_rand random(seed);
+  const auto channels = static_cast<size_t>(image.channels());
+  for (size_t i = 0; i < image.sampleCount(); ++i) {
+    const auto x = int64_t(i / channels) % width, y = int64_t(i / channels) / width, c = int64_t(i % channels);
+    image.setSample(i, smooth ? uint32_t(x * 3 + y * 2 + c * 40) % 256 : random() % (image.maxSample() + 1));
+  }
+  if (!smooth) image.setSample(0, 0), image.setSample(1, image.maxSample());
+  return image;
+}
+
+double MeanAbsoluteDifference(const Image& a, const Image& b) {
+  double sum = 0;
+  for (size_t i = 0; i < a.sampleCount(); ++i) sum += std::abs(double(a.sample(i)) - double(b.sample(i)));
+  return sum / static_cast<double>(a.sampleCount());
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+// A new file each time: ext4 flushes a file truncated and written again when it is closed.
+void WriteBytes(const std::string& path, const std::string& bytes) { fs::remove(path), std::ofstream(path) << bytes; }
+
+// A test's input written straight to its file, the type told by its name (the safe
+// replacement of SaveImage would wait for the disk).
+void Save(const Image& image, const std::string& path, const WriteOptions& options = {}) {
+  WriteImage(image, path, *FileTypeFromExtension(path), options);
+}
+
+// A TIFF of the images as its pages, each in separate planes and/or 16 x 16 tiles, as
+// other writers make them, else interleaved in one-row strips.
+void WriteTiff(const std::string& path, const std::vector<Image>& pages, int photometric, bool planes = false,
+               bool tiles = false) {
+  TIFF* tiff = TIFFOpen(path.c_str(), "w");
+  for (const Image& image : pages) {
+    const int64_t channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels;
+    const int64_t high = tiles ? 16 : 1, wide = tiles ? 16 : image.width, blockBytes = wide * high * samples * bytes;
+    for (const auto& [tag, value] : std::initializer_list<std::pair<uint32_t, int64_t>>{
+             {TIFFTAG_IMAGEWIDTH, image.width}, {TIFFTAG_IMAGELENGTH, image.height}, {TIFFTAG_BITSPERSAMPLE, image.depth},
+             {TIFFTAG_SAMPLESPERPIXEL, channels}, {TIFFTAG_PHOTOMETRIC, photometric}, {TIFFTAG_PLANARCONFIG, planes ? 2 : 1},
+             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, high}, {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, high}})
+      TIFFSetField(tiff, tag, uint32_t(value));
+    const uint16_t associatedAlpha = EXTRASAMPLE_ASSOCALPHA;
+    if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &associatedAlpha);
+    // Each sample to its place in its block, the blocks plane by plane in libtiff's
+    // numbering, zero past the image's edge.
+    const int64_t across = (image.width + wide - 1) / wide, down = (image.height + high - 1) / high;
+    std::vector<uint8_t> blocks(size_t(channels / samples * down * across * blockBytes));
+    for (int64_t y = 0; y < image.height; ++y)
+      for (int64_t x = 0; x < image.width; ++x)
+        for (int64_t c = 0; c < channels; ++c) {
+          const int64_t block = (c / samples * down + y / high) * across + x / wide;
+          std::memcpy(&blocks[size_t(block * blockBytes + ((y % high * wide + x % wide) * samples + c % samples) * bytes)],
+                      &image.data[size_t(((y * image.width + x) * channels + c) * bytes)], size_t(bytes));
+        }
+    for (uint32_t block = 0; block * blockBytes < int64_t(blocks.size()); ++block)
+      (tiles ? TIFFWriteEncodedTile : TIFFWriteEncodedStrip)(tiff, block, &blocks[block * blockBytes], blockBytes);
+    TIFFWriteDirectory(tiff);
+  }
+  TIFFClose(tiff);
+}
+
+// The exit status (128 + the signal's number when killed by one) and what the run wrote.
+struct ToolResult { int status; std::string out, err; };
+
+// The tool run by the shell in the scratch directory. `how` ends in the executable,
+// after what the run needs first (a directory, the environment, limits); redirections
+// may follow it. Standard output and error go to .out and .err, removed when read.
+const std::string kTool = "exec " RAWFX_TOOL_PATH;
+ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::string& how = kTool) {
+  std::string line = "cd " + scratch.path.string() + " && exec < /dev/null > .out 2> .err && " + how;
+  for (const std::string& word : words) line += " '" + word + "'";
+  const int status = std::system(line.c_str());
+  const ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(scratch / ".out"),
+                          ReadText(scratch / ".err")};
+  fs::remove(scratch / ".out"), fs::remove(scratch / ".err");
+  return result;
+}
+
+// A run of the tool: its words, its exit status, a fragment of what it says, and how it
+// starts when not as the table's runs do.
+struct Expected { Words words; int status; std::string says, how = ""; };
+
+// Runs each in turn. A failed run says why on one line "rawfx: ...", writes nothing
+// to standard output, and leaves every file in scratch as it was and no new one.
+void ExpectRuns(const ScratchDir& scratch, const std::vector<Expected>& runs, const std::string& tool = kTool) {
+  for (const auto& [words, status, says, how] : runs) {
+    SCOPED_TRACE(testing::PrintToString(words));
+    const auto before = scratch.snapshot();
+    const ToolResult run = RunTool(words, scratch, how.empty() ? tool : how);
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_NE((run.out + run.err).find(says), std::string::npos) << run.out << run.err;
+    if (status == 0) continue;
+    EXPECT_TRUE(std::regex_match(run.err, std::regex("rawfx: [^\n]+\n"))) << run.err;
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(scratch.snapshot(), before) << "a failed run changed or left a file";
+  }
+}
+
+// The message of the ImageError an action throws, or "no error".
+std::string ErrorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const ImageError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// Every layout and depth each type holds (PNG no CMYK, JPEG 8 bits without alpha, TIFF
+// everything, WebP 8-bit RGB and RGBA) comes back in the same layout: exactly but
+// through lossy JPEG (smooth ramps come back close; CMYK ink amounts not inverted), and
+// TIFF also as other writers make it, in planes, in tiles or both. One pixel more than
+// the limit is refused before decoding, and so is every truncation, on one line naming
+// the file.
+TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
+  ScratchDir scratch;
+  const std::string cut = scratch / "cut";
+  const char* cutReason[] = {"corrupt PNG: the file is truncated", "corrupt JPEG: Premature end of JPEG file",
+                             "corrupt TIFF", "corrupt WebP: the file is truncated"};
+  const int photometric[] = {PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_RGB, PHOTOMETRIC_RGB,
+                             PHOTOMETRIC_SEPARATED};  // by layout
+  for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP})
+    for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK})
+      for (const int depth : {8, 16}) {
+        const bool jpeg = type == FileType::JPEG, holds[] = {layout != Layout::CMYK, depth == 8 && !HasAlpha(layout), true,
+                                                             depth == 8 && (layout == Layout::RGB || layout == Layout::RGBA)};
+        if (!holds[int(type)]) continue;
+        SCOPED_TRACE(std::string(FileTypeOption(type)) + " " + LayoutName(layout) + " " + std::to_string(depth));
+        const Image original = TestImage(jpeg ? 32 : 13, jpeg ? 24 : 7, layout, depth, jpeg);
+        const std::string path = scratch / (std::string("image.") + FileTypeOption(type));
+        WriteOptions options;
+        options.quality = 95, options.lossless = true;  // WebP lossless
+        Save(original, path, options);
+        const ImageFile read = ReadImage(path);
+        ASSERT_EQ(std::tuple(read.type, read.image.layout, read.image.depth, read.image.width, read.image.height),
+                  std::tuple(type, layout, depth, original.width, original.height));
+        EXPECT_LE(MeanAbsoluteDifference(read.image, original), jpeg ? 3.0 : 0.0);
+        const uint64_t pixels = uint64_t(original.width * original.height);
+        EXPECT_NE(ErrorOf([&] { ReadImage(path, {pixels - 1}); }).find("is more than the limit of " + std::to_string(pixels - 1)),
+                  std::string::npos);
+        EXPECT_EQ(ErrorOf([&] { ReadImage(path, {pixels}); }), "no error");
+        const std::string bytes = ReadText(path);
+        // (A TIFF's last 4 bytes, the offset of a next page, are not needed to read it.)
+        for (size_t length = 0; length < bytes.size() - (type == FileType::TIFF ? 4 : 0); length += 7) {
+          WriteBytes(cut, bytes.substr(0, length));
+          const std::string message = ErrorOf([&] { ReadImage(cut); });
+          const bool twoThirds = length > bytes.size() * 2 / 3 && length <= bytes.size() * 2 / 3 + 7;
+          const std::string reason = length == 0 ? "the file is empty" : twoThirds ? cutReason[int(type)] : "";
+          EXPECT_TRUE(message.starts_with("cannot read " + cut + ": ") && message.find(reason) != std::string::npos &&
+                      message.find('\n') == std::string::npos)
+              << length << ": " << message;
+        }
+        for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
+          if (type != FileType::TIFF) break;
+          const Image larger = TestImage(21, 19, layout, depth);  // more than one tile
+          WriteTiff(path, {larger}, photometric[int(layout)], planes, tiles);
+          EXPECT_TRUE(ReadImage(path).image == larger) << "planes " << planes << ", tiles " << tiles;
+        }
+      }
+  // Grey with white as 0.
+  Image grey = TestImage(9, 5, Layout::Gray, 8), white = grey;
+  for (size_t i = 0; i < grey.sampleCount(); ++i) white.setSample(i, 255 - grey.sample(i));
+  WriteTiff(scratch / "white.tif", {white}, PHOTOMETRIC_MINISWHITE);
+  EXPECT_TRUE(ReadImage(scratch / "white.tif").image == grey);
+}
+
+// Depth goes up exactly and comes back rounded; colour models map the primaries and
+// keep alpha where they have room for it.
+TEST(ToolConversions, ChangeDepthAndColourModelKeepingAlphaWhereItFits) {
+  const Image eight = TestImage(17, 3, Layout::RGBA, 8), sixteen = ConvertDepth(eight, 16);
+  Image odd = Image::Blank(1, 2, Layout::Gray, 16), rgba = Image::Blank(3, 1, Layout::RGBA, 8);
+  odd.setSample(0, 257 * 10 + 128), odd.setSample(1, 257 * 10 + 129);  // 10.498 down, 10.502 up
+  rgba.data = {255, 0, 0, 10, 255, 255, 255, 20, 0, 0, 0, 30};
+  const Image cmyk = ConvertLayout(rgba, Layout::CMYK);
+  EXPECT_EQ(std::pair(sixteen.sample(1), sixteen.sample(5)), std::pair(65535u, eight.sample(5) * 257));
+  EXPECT_TRUE(ConvertDepth(sixteen, 8) == eight);
+  EXPECT_EQ(ConvertDepth(odd, 8).data, (Bytes{10, 11}));
+  EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
+  EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
+  EXPECT_EQ(ConvertLayout(cmyk, Layout::RGBA).data, (Bytes{255, 0, 0, 255, 255, 255, 255, 255, 0, 0, 0, 255}));
+  EXPECT_EQ(std::tuple(LayoutForModel(Layout::RGBA, ColourModel::Gray), LayoutForModel(Layout::Gray, ColourModel::RGB),
+                       LayoutForModel(Layout::RGBA, ColourModel::CMYK)),
+            std::tuple(Layout::GrayAlpha, Layout::RGB, Layout::CMYK));
+}
+
+// Each colour as read ("rgb R G B A" or "cmyk C M Y K A"), or the reason it is refused.
+TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"#1A2b3C", "rgb 26 43 60 255"}, {"#00000080", "rgb 0 0 0 128"}, {"#f0a", "rgb 255 0 170 255"},
+      {"#f0a8", "rgb 255 0 170 136"}, {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"}, {"Red", "rgb 255 0 0 255"},
+      {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"}, {"RGBA(1,2,3,1)", "rgb 1 2 3 255"}, {"transparent", "rgb 0 0 0 0"},
+      {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"}, {"aliceblue", "rgb 240 248 255 255"},  // the first name
+      {"yellowgreen", "rgb 154 205 50 255"}, {"#12345", "3, 4, 6 or 8 digits"}, {"#12345g", "not hexadecimal"},
+      {"rgb(1,2)", "3 or 4 components"}, {"cmyk(1,2,3)", "4 or 5 components"}, {"rgb(256,0,0)", "'256'"},
+      {"rgb(1.5,0,0)", "'1.5'"}, {"rgb(101%,0,0)", "'101%'"}, {"rgb(-1,0,0)", "'-1'"}, {"hsl(1,2,3)", "is not a colour"},
+      {"rgba(1,2,3,2)", "'2' is not an alpha"}, {"reddish", "is not a colour: use a name"}};
+  for (const auto& [text, expected] : cases) {
+    std::string got;
+    if (const std::optional<ColourOption> c = ParseColour(text, &got)) {
+      got = c->cmyk ? "cmyk" : "rgb";
+      for (int i = 0; i < (c->cmyk ? 4 : 3); ++i) got += " " + std::to_string(c->parts[i]);
+      got += " " + std::to_string(c->alpha);
+    }
+    const bool read = got.starts_with("rgb ") || got.starts_with("cmyk ");
+    EXPECT_TRUE(read ? got == expected : got.find(expected) != std::string::npos) << text << " gave " << got;
+  }
+}
+
+// A narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a
+// short one its start. A bar draws only when enabled (the tool's runs, to files, have none).
+TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
+  const std::tuple<const char*, int64_t, int64_t, double, int, const char*> cases[] = {
+      {"oil paint", 60, 240, 1.25, 80, "oil paint [######..................]  25%  60/240 rows  1.2 s"},
+      {"x", 240, 240, 0, 80, "x [########################] 100%  240/240 rows  0.0 s"},
+      {"reading", 5, 0, 0, 80, "reading  0.0 s"},  // rows not known yet
+      {"[2/3] b.png  polar", 1, 4, 0, 60, "[2/3] b.png  polar [####.............]  25%  1/4 rows  0.0 s"},
+      {"[2/3] b.png  polar", 1, 4, 0, 40, "[2/3] b.png  polar  25%  1/4 rows  0.0 s"},
+      {"[2/3] b.png  polar", 1, 4, 0, 30, "g  polar  25%  1/4 rows  0.0 s"},
+      {"[12/20] holiday-photo-0042.png  oil paint", 1, 4, 0, 50, "[12/20] holi...ng  oil paint  25%  1/4 rows  0.0 s"}};
+  for (const auto& [label, done, total, seconds, width, text] : cases)
+    EXPECT_EQ(ProgressBar::Render(label, done, total, seconds, width), text);
+  std::FILE* sink = std::tmpfile();
+  ProgressBar(true, "x", sink).update(1, 2);
+  EXPECT_GT(std::ftell(sink), 0);
+  std::fclose(sink);
+}
+
+// A property value as the class's row types it; colours and masks are host objects made by the function.
+using MakeObject = REALobject (*)(host::Host&);
+using Settings = std::vector<std::pair<const char*, std::variant<bool, uint8_t, float, double, int64_t, MakeObject>>>;
+
+const Image kMask = TestImage(23, 17, Layout::Gray, 8, false, 5);
+REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, NewBitmapFromImage(host, kMask)).get()); }
+
+struct EffectCase {
+  const char* name;           // as the test's name shows it
+  Words words;                // the command and its options; mask.png is kMask
+  std::vector<Words> sameAs;  // further options that must not change the result
+  const char* className;
+  Settings settings;          // what the options set; every other property keeps a new object's value
+  Image (*source)(const Image&) = [](const Image& file) { return file; };  // what the effect gets of the file
+  friend void PrintTo(const EffectCase& effect, std::ostream* os) { *os << effect.name; }
+};
+
+// The effect run through the host on the picture put in a bitmap here, away from the
+// tool's files and their decoding straight into bitmaps.
+Image Reference(const EffectCase& effect, const Image& file) {
+  host::Host host;
+  const HostRef object(host, host.New(effect.className)), source(host, NewBitmapFromImage(host, effect.source(file)));
+  for (const auto& [name, value] : effect.settings)
+    std::visit([&, &name = name](auto plain) {
+      if constexpr (std::is_same_v<decltype(plain), MakeObject>) host.Set(object.get(), name, HostRef(host, plain(host)).get());
+      else host.Set(object.get(), name, plain);
+    }, value);
+  const HostRef result(host, host.Call<REALobject, REALobject>(object.get(), kApply, source.get()));
+  return result.get() ? ImageFromBitmap(host, result.get()) : Image{};
+}
+
+// Each effect with all its options, and a conversion of the source before it; then each
+// with the tool's defaults, which must be a new object's (interlace and barrel with the one
+// option that makes the others show).
+const EffectCase kEffects[] = {
+    {"interlace_odd_even_colour_mask",
+     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask", "mask.png"},
+     {{"--in-place"}}, "InterlaceEffectRaw",
+     {{"HorizontalInterlaceType", int64_t{1}}, {"VerticalInterlaceType", int64_t{2}}, {"InterlaceAlphaChannel", false},
+      {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }}, {"Mask", &NewMask}}},
+    {"polar_to_rect_no_flip_colour_grey", {"polar", "--to-rect", "--no-flip", "--color", "rgb(10,200,30,50%)", "--model", "gray"},
+     {{"--async"}}, "PolarCoordinatesEffectRaw",
+     {{"RectangularToPolar", false}, {"FlipMapping", false},
+      {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}},
+     [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
+    {"barrel_keystones_nearest_cmyk_colour_16_bits",
+     {"barrel", "--distortion", "0.4", "--hkeystone", "0.1", "--vkeystone", "-0.05", "--nearest", "--color",
+      "cmyk(0,255,0,0)", "--depth", "16"},
+     {{"--async"}}, "BarrelDistortEffectRaw",
+     {{"Distortion", 0.4}, {"HorizontalKeystone", 0.1}, {"VerticalKeystone", -0.05}, {"Interpolate", false},
+      {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}},
+     [](const Image& file) { return ConvertDepth(file, 16); }},
+    {"oilpaint_brush_smoothness_mask", {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "mask.png"},
+     {{"--threads", "1"}, {"--threads", "3"}}, "OilPaintEffectRaw",
+     {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}}},
+    {"interlace_odd_defaults", {"interlace", "--horizontal", "odd"}, {}, "InterlaceEffectRaw",
+     {{"HorizontalInterlaceType", int64_t{1}}}},
+    {"polar_defaults", {"polar"}, {}, "PolarCoordinatesEffectRaw", {}},
+    {"barrel_distortion_defaults", {"barrel", "--distortion", "0.4"}, {}, "BarrelDistortEffectRaw", {{"Distortion", 0.4}}},
+    {"oilpaint_defaults", {"oilpaint"}, {}, "OilPaintEffectRaw", {}},
+};
+
+class ToolEffectOnEveryFile : public testing::TestWithParam<EffectCase> {};
+
+// One batch run takes a PNG, TIFF and JPEG file of every layout and depth each holds
+// (oil paint: 8 bits only) to TIFF, which holds every result exactly; so does a run with
+// each option that must not change the result (in place, asynchronously, any number of
+// threads).
+TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
+  const EffectCase& effect = GetParam();
+  ScratchDir scratch;
+  Save(kMask, scratch / "mask.png");
+  std::map<std::string, Image> expected;  // by input's name
+  for (const std::string type : {"png", "tif", "jpg"})
+    for (const int depth : {8, 16})
+      for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK}) {
+        const bool refused = depth == 16 && effect.words[0] == "oilpaint";
+        if (refused || !FitsFileType(ImageShape{23, 17, layout, depth}, *FileTypeNamed(type))) continue;
+        const std::string in = type + "-" + LayoutName(layout) + "-" + std::to_string(depth) + "." + type;
+        Save(TestImage(23, 17, layout, depth), scratch / in);
+        expected[in] = Reference(effect, ReadImage(scratch / in).image);
+      }
+  for (size_t run = 0; run <= effect.sameAs.size(); ++run) {
+    Words words = effect.words;
+    if (run > 0) words.insert(words.end(), effect.sameAs[run - 1].begin(), effect.sameAs[run - 1].end());
+    words.insert(words.end(), {"-q", "--format", "tiff", "--out-dir", "out" + std::to_string(run)});
+    for (const auto& [in, image] : expected) words.push_back(in);
+    ASSERT_EQ(RunTool(words, scratch).status, 0) << testing::PrintToString(words);
+    for (const auto& [in, image] : expected)
+      EXPECT_TRUE(ReadImage(scratch / ("out" + std::to_string(run) + "/" + fs::path(in).stem().string() + ".tiff")).image ==
+                  image) << in << run;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, ToolEffectOnEveryFile, testing::ValuesIn(kEffects), testing::PrintToStringParamName());
+
+// The tool offers one command per registered class.
+TEST(ToolEffectTable, HasACommandForEveryRegisteredClass) {
+  EXPECT_EQ(host::Host().registeredClassNames().size(), Effects().size());
+}
 
 // The tool as installed: `cmake --install` into a prefix, the tree moved elsewhere
 // (nothing may point back into the prefix or the build tree), with no usable temporary
@@ -25,11 +394,11 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::rename(scratch / "prefix", scratch / "moved");
   const std::string module = scratch / "moved/lib/rawfx/rawfx.so", installed = scratch / "moved/bin/rawfx";
   const std::string tool = "exec env -u RAWFX_MODULE TMPDIR=notes.png " + installed;
-  Save(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
-  Save(TestImage(24, 16, Layout::RGB, 16), scratch / "rgb16.png");
-  Save(TestImage(10, 10, Layout::Gray, 8), scratch / "mask.png");
-  Save(TestImage(30, 20, Layout::GrayAlpha, 16), scratch / "ga.png");
-  Save(TestImage(5, 4, Layout::CMYK, 8), scratch / "ink.tif");
+  for (const auto& [name, image] : std::map<std::string, Image>{
+           {"rgb.png", TestImage(24, 16, Layout::RGB, 8)}, {"rgb16.png", TestImage(24, 16, Layout::RGB, 16)},
+           {"mask.png", TestImage(10, 10, Layout::Gray, 8)}, {"ga.png", TestImage(30, 20, Layout::GrayAlpha, 16)},
+           {"ink.tif", TestImage(5, 4, Layout::CMYK, 8)}})
+    Save(image, scratch / name);
   WriteTiff(scratch / "pages.tif", {TestImage(10, 5, Layout::Gray, 8), TestImage(6, 4, Layout::Gray, 8)}, PHOTOMETRIC_MINISBLACK);
   WriteBytes(scratch / "notes.png", "shopping list\n");
   const fs::perms owner = fs::perms::owner_read | fs::perms::owner_write;
@@ -38,10 +407,10 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::permissions(scratch / "private.png", owner), fs::permissions(scratch / "locked.png", readOnly);
   fs::create_directory(scratch / "real");
   fs::create_symlink("real/target.png", scratch / "link.png");
-  const std::string full = tool + " > /dev/full", noSpace = "rawfx: cannot write standard output: No space left on device\n";
+  const std::string noSpace = "rawfx: cannot write standard output: No space left on device\n";
   const std::string broken = "rawfx: installation error: cannot load module rgb.png";
   const std::string notAnImage = "not a PNG, JPEG, TIFF or WebP image";
-  ExpectRuns(scratch, {
+  std::vector<Expected> runs = {
       // Runs that succeed; the first writes the output that no failure below may touch.
       {{"oilpaint", "--depth", "8", "rgb16.png", "out.png"}, 0, ""},
       {{"info", "ga.png"}, 0, "ga.png: PNG\n  size:      30 x 20 (0.00 megapixels)\n  channels:  2 (grey+alpha)\n  depth:   "
@@ -73,10 +442,6 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"polar", "rgb.png", "/sys/out.png"}, 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
       {{"polar", "rgb.png", "no/such/dir/out.png"}, 2, "No such file or directory"},
       {{"polar", "rgb.png", "locked.png"}, 2, "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
-      {{"polar", "-q", "rgb.png", "-", "--format", "png"}, 2, noSpace, full},
-      {{"polar", "-q", "rgb.png", "-", "--format", "jpeg"}, 2, noSpace, full},
-      {{"polar", "-q", "rgb.png", "-", "--format", "tiff"}, 2, noSpace, full},
-      {{"polar", "-q", "rgb.png", "-", "--format", "webp"}, 2, noSpace, full},
       {{"polar", "rgb.png", "out.bmp"}, 2, "the name must end in .png"},
       {{"polar", "rgb.png", "dir.png/out"}, 2, "the name must end in .png"},
       {{"polar", "rgb.png", "rgb.png"}, 2, "rgb.png is the input file; rawfx never overwrites what it reads"},
@@ -111,14 +476,16 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"demo", "--module", "rgb.png"}, 3, broken},
       {{"polar", "rgb.png", "b.png"}, 3, broken, "exec env TMPDIR=notes.png RAWFX_MODULE=rgb.png " + installed},
       {{"polar", "--force", "rgb.png", "locked.png"}, 0, ""},
-  }, tool);
-  EXPECT_EQ(ReadImage(scratch / "first.png").image.width, 10);
-  EXPECT_EQ(ReadImage(scratch / "second.png").image.width, 6);
-  EXPECT_EQ(ReadImage(scratch / "fit.Jpeg").type, FileType::JPEG);
+  };
+  for (const char* type : {"png", "jpeg", "tiff", "webp"})  // a full disk, found by each type's writer
+    runs.push_back({{"polar", "-q", "rgb.png", "-", "--format", type}, 2, noSpace, tool + " > /dev/full"});
+  ExpectRuns(scratch, runs, tool);
+  EXPECT_EQ(std::tuple(ReadImage(scratch / "first.png").image.width, ReadImage(scratch / "second.png").image.width,
+                       ReadImage(scratch / "fit.Jpeg").type, ReadImage(scratch / "same/ink.tif").type),
+            std::tuple(10, 6, FileType::JPEG, FileType::TIFF));
   // Standard input, a file or a pipe, and standard output give what files give.
   EXPECT_EQ(ReadText(scratch / "from-file.png"), ReadText(scratch / "direct.PNG"));
   EXPECT_EQ(ReadText(scratch / "from-pipe.png"), ReadText(scratch / "direct.PNG"));
-  EXPECT_EQ(ReadImage(scratch / "same/ink.tif").type, FileType::TIFF);
   // A replaced output keeps its mode; a link is written through, nothing left beside its target.
   for (const auto& [name, mode] : {std::pair{"private.png", owner}, {"locked.png", readOnly}})
     EXPECT_EQ(fs::status(scratch / name).permissions() & fs::perms::mask, mode) << name;
@@ -211,6 +578,161 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
   for (const char* name : {"/sample.png", "/oilpaint.png"})
     EXPECT_EQ(ReadText(scratch / "again" + name), ReadText(directory + name)) << name;
 }
+
+
+// A camera picture with its orientation, a photographer's EXIF (300 dpi), XMP, IPTC and
+// the header of an RGB colour profile padded to its declared size (256 bytes, big-endian).
+void MakePhoto(const std::string& path, const Image& stored, int orientation) {
+  Save(stored, path);
+  const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
+  Exiv2::ExifData exif;
+  for (const auto& [key, value] : std::map<std::string, std::string>{
+           {"Image.Orientation", std::to_string(orientation)}, {"Image.Artist", "A. Photographer"},
+           {"Image.XResolution", "300/1"}, {"Image.YResolution", "300/1"}, {"Image.ResolutionUnit", "2"},
+           {"GPSInfo.GPSLatitudeRef", "N"}})
+    exif["Exif." + key] = value;
+  Exiv2::XmpData xmp;
+  xmp["Xmp.dc.rights"] = "CC0";
+  Exiv2::IptcData iptc;
+  iptc["Iptc.Application2.Keywords"] = "coffee";
+  std::string icc(256, '\0');
+  icc[2] = 1, icc.replace(16, 8, "RGB XYZ "), icc.replace(36, 4, "acsp");
+  Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte*>(icc.data()), long(icc.size()));
+  image->setExifData(exif), image->setXmpData(xmp), image->setIptcData(iptc), image->setIccProfile(profile);
+  image->writeMetadata();
+}
+
+// What a file carries of the photo's metadata, as one line.
+std::string Carried(const std::string& path) {
+  const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
+  image->readMetadata();
+  std::map<std::string, std::string> found;
+  for (const auto& datum : image->exifData()) found[datum.key()] = datum.toString();
+  for (const auto& datum : image->xmpData()) found[datum.key()] = datum.toString();
+  for (const auto& datum : image->iptcData()) found[datum.key()] = datum.toString();
+  std::string carried;
+  for (const std::string key : {"Exif.Image.Orientation", "Exif.Image.Artist", "Exif.GPSInfo.GPSLatitudeRef",
+                                "Xmp.dc.rights", "Iptc.Application2.Keywords"})
+    carried += (found.contains(key) ? found[key] : "-") + ";";
+  return carried + std::to_string(image->iccProfileDefined() ? image->iccProfile()->size_ : 0);
+}
+
+// The stored 8-bit picture as it is viewed, by the EXIF definition of each orientation:
+// upright (x, y) is stored at (y, x) when the sides are swapped (5 to 8), then mirrored.
+Image Upright(const Image& stored, int orientation) {
+  const bool swap = orientation >= 5, mirrorX = "01100011"[orientation - 1] == '1';
+  const bool mirrorY = "00110110"[orientation - 1] == '1';
+  Image upright = Image::Blank(swap ? stored.height : stored.width, swap ? stored.width : stored.height, stored.layout, 8);
+  const int channels = stored.channels();
+  for (int64_t y = 0; y < upright.height; ++y)
+    for (int64_t x = 0; x < upright.width; ++x) {
+      const int64_t sx = swap ? y : x, sy = swap ? x : y, from = mirrorX ? stored.width - 1 - sx : sx;
+      std::copy_n(stored.row(mirrorY ? stored.height - 1 - sy : sy) + from * channels, channels, upright.row(y) + x * channels);
+    }
+  return upright;
+}
+
+// Each orientation, read from a JPEG and from a PNG, is turned upright into each output
+// type, which keeps the metadata (but WebP has no IPTC). Interlace with its defaults
+// changes no pixel, so its output is the upright input: exact but through JPEG.
+TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
+  ScratchDir scratch;
+  const std::string kept = "1;A. Photographer;N;lang=\"x-default\" CC0;";
+  for (int orientation = 1; orientation <= 8; ++orientation) {
+    const std::string in = scratch / (orientation <= 4 ? "in.jpg" : "in.png");
+    const std::string type = std::vector<std::string>{"jpg", "png", "tif", "webp"}[(orientation - 1) % 4];
+    const std::string out = scratch / ("out." + type);
+    MakePhoto(in, TestImage(30, 20, Layout::RGB, 8, true), orientation);
+    ExpectRuns(scratch, {{{"interlace", type == "webp" ? "--lossless" : "-q", "-q", in, out}, 0, ""},
+                         {{"info", out}, 0, "resolution: 300 x 300 dpi"}});
+    const Image image = ReadImage(out).image, upright = Upright(ReadImage(in).image, orientation);
+    ASSERT_EQ(std::pair(image.width, image.height), std::pair(upright.width, upright.height)) << orientation;
+    EXPECT_LE(MeanAbsoluteDifference(image, upright), type == "jpg" ? 3.0 : 0.0) << orientation;
+    EXPECT_EQ(Carried(out), kept + (type == "webp" ? "-;256" : "coffee;256")) << orientation;
+  }
+  // --strip writes none of it; a grey output cannot carry an RGB profile, and says so.
+  const std::string in = scratch / "in.png";
+  ExpectRuns(scratch, {
+      {{"interlace", "--strip", in, scratch / "bare.png"}, 0, ""},
+      {{"interlace", "--model", "gray", in, scratch / "grey.png"}, 0, "ICC profile is for RGB colour but the output holds grey"},
+      {{"info", in}, 0, "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
+                        "XMP: 1 properties\n  IPTC: 1 datasets\n"},
+  });
+  EXPECT_EQ(Carried(scratch / "bare.png"), "-;-;-;-;-;0");
+  EXPECT_TRUE(ReadImage(scratch / "bare.png").image == Upright(ReadImage(in).image, 8));
+  EXPECT_EQ(RunTool({"info", scratch / "bare.png"}, scratch).out.find("resolution"), std::string::npos);
+  EXPECT_EQ(Carried(scratch / "grey.png"), kept + "coffee;0");
+}
+
+// Each encoding option makes the file it applies to smaller.
+TEST(ToolFormats, EncodingOptionsDoWhatTheySay) {
+  ScratchDir scratch;
+  Save(TestImage(64, 48, Layout::RGB, 8, true), scratch / "ramp.png");
+  const auto size = [&](const std::string& option, const std::string& value, const std::string& name) {
+    EXPECT_EQ(RunTool({"interlace", option, value, "-q", scratch / "ramp.png", scratch / name}, scratch).status, 0);
+    return fs::file_size(scratch / name);
+  };
+  EXPECT_LT(size("--level", "9", "9.png"), size("--level", "0", "0.png"));
+  EXPECT_LT(size("--compress", "lzw", "lzw.tif"), size("--compress", "none", "none.tif"));
+  EXPECT_LT(size("--quality", "20", "20.jpg"), size("--quality", "95", "95.jpg"));
+  EXPECT_LT(size("--quality", "20", "20.webp"), size("--quality", "95", "95.webp"));
+}
+
+// A PNG with nothing but its header (and an empty IDAT), declaring any size.
+std::string PngHeader(uint32_t width, uint32_t height, char colourType) {
+  const auto word = [](uint32_t n) { return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)}; };
+  const auto chunk = [&](const std::string& body) {
+    const auto crc = crc32(0, reinterpret_cast<const Bytef*>(body.data()), uInt(body.size()));
+    return word(uint32_t(body.size() - 4)) + body + word(uint32_t(crc));
+  };
+  const std::string header = "IHDR" + word(width) + word(height) + std::string{8, colourType, 0, 0, 0};
+  return "\x89PNG\r\n\x1a\n" + chunk(header) + chunk("IDAT") + chunk("IEND");
+}
+
+// Peak memory is the source and the result plus 10 %: measured as the address space a
+// large run needs beyond what a tiny run of the same command needs. With less, or with
+// hostile headers in the tiny run's room, a run fails cleanly.
+TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer's shadow memory does not fit in a limited address space";
+#endif
+  ScratchDir scratch;
+  const Image large = TestImage(3000, 2800, Layout::RGBA, 8, true);
+  const double bytes = double(large.data.size());
+  Save(large, scratch / "large.tif");
+  Save(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
+  Save(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
+  for (const auto& [name, width, height, colourType] :
+       {std::tuple{"wide.png", 2147483647u, 1u, 6}, {"side.png", 1000001u, 1u, 0}, {"huge.png", 40000u, 40000u, 6}})
+    WriteBytes(scratch / name, PngHeader(width, height, char(colourType)));
+  WriteBytes(scratch / "zeros.png", "");
+  fs::resize_file(scratch / "zeros.png", 1 << 30);  // sparse: 1 GiB of zeros on no disk
+  const auto polar = [&](const std::string& input, const std::string& output = "out.tif") {
+    return Words{"polar", "-q", "--threads", "1", "--compress", "none", "--max-pixels", "2000000000", scratch / input,
+                 scratch / output};
+  };
+  // One malloc arena, whose reservations would otherwise count as used.
+  const auto room = [](double size) {
+    return "ulimit -v " + std::to_string(uint64_t(size) >> 10) + "; MALLOC_ARENA_MAX=1 " + kTool;
+  };
+  double low = 4 << 20, tiny = double(uint64_t{4} << 30);  // tiny: the least room (to 4 MiB) a tiny run needs
+  while (tiny - low > (4 << 20)) {
+    const double middle = std::floor((low + tiny) / 2);
+    (RunTool(polar("tiny.tif"), scratch, room(middle)).status == 0 ? tiny : low) = middle;
+  }
+  ExpectRuns(scratch, {
+      {polar("large.tif"), 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
+      {polar("large.tif"), 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
+      {{"info", scratch / "wide.png"}, 2, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused",
+       room(tiny)},
+      {polar("side.png"), 2, "a PNG side longer than 1000000", room(tiny)},
+      {polar("huge.png"), 2, "the host cannot make", room(tiny)},
+      {{"info", scratch / "zeros.png"}, 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
+      {polar("tall.tif", "o.png"), 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
+      {polar("large.tif"), 0, "", room(tiny + 2.2 * bytes)},
+  });
+}
+
 
 }  // namespace
 }  // namespace rawfx::tool::test
