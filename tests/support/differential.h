@@ -117,7 +117,11 @@ struct Outcome {
 };
 
 // A case but for its parameter block.
+// Cases move but never copy: a block may point into their storage.
 struct KernelCaseBase {
+  KernelCaseBase() = default;
+  KernelCaseBase(KernelCaseBase&&) = default;
+  KernelCaseBase& operator=(KernelCaseBase&&) = default;
   virtual ~KernelCaseBase() = default;
   // With the fast kernels or the reference ones.
   virtual Outcome Run(bool fast) const = 0;
