@@ -7,80 +7,55 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "effects/interlace/interlace_kernels.h"
 #include "support/differential.h"
 #include "support/interlace_reference.h"
-#include "support/kernel_blocks.h"
 
 namespace {
 
 using namespace rawfx::test;
 using Rows = std::vector<std::string>;
+using InterlaceCase = KernelCase<InterlaceParams>;
 
-// Part functions by depth (8, 16 bits) and mask (without, with).
-struct Kernels {
-  const char* name;
-  PartFunction parts[2][2];
-  PartFunction Part(int sampleBytes, bool masked) const { return parts[sampleBytes - 1][masked]; }
-};
-const Kernels kShipped{"Shipped", {{InterlacePart, InterlaceMaskPart}, {InterlacePart16, InterlaceMaskPart16}}};
-const Kernels kReference{"Reference",
-                         {{rawfx::reference::InterlacePart, rawfx::reference::InterlaceMaskPart},
-                          {rawfx::reference::InterlacePart16, rawfx::reference::InterlaceMaskPart16}}};
-void PrintTo(const Kernels& kernels, std::ostream* out) { *out << kernels.name; }
+// Part functions by kernels (reference, fast), depth (8, 16 bits) and mask (without, with).
+const PartFunction kParts[2][2][2] = {
+    {{rawfx::reference::InterlacePart, rawfx::reference::InterlaceMaskPart},
+     {rawfx::reference::InterlacePart16, rawfx::reference::InterlaceMaskPart16}},
+    {{InterlacePart, InterlaceMaskPart}, {InterlacePart16, InterlaceMaskPart16}}};
 
-// Source samples lie below 100 (25000 at 16 bits), colours above 200 (40000)
-// and the untouched destination holds 0xEE bytes, so every pixel can be told apart.
-constexpr uint8_t kUntouched = 0xEE;
-uint32_t Full(int sampleBytes) { return sampleBytes == 1 ? 255 : 65535; }
-uint32_t Colour(int sampleBytes, int channel) { return sampleBytes == 1 ? 201 + channel : 40001 + 1000 * channel; }
+void SetParts(InterlaceCase& c) {
+  c.reference = kParts[0][c.l.sampleBytes - 1][c.masked];
+  c.fast = kParts[1][c.l.sampleBytes - 1][c.masked];
+}
 
-struct Frame : PartFrame {
-  Frame(PartFunction partFunction, bool masked, int sb, int width, int height, int channels = 3, int dstChannels = 3)
-      : PartFrame(PixelBuffer(width, height, channels * sb, 2 * sb, 0, sb),
-                  PixelBuffer(width, height, dstChannels * sb, 2 * sb, kUntouched, sb)) {
-    for (size_t i = 0; i < src.bytes.size(); ++i)
-      src.bytes[i] = static_cast<uint8_t>(1 + (i * 7 + i / static_cast<size_t>(src.rowBytes) * 13) % 97);
-    original = src;
-    for (int c = 0; c < kMaxChannels; ++c) params.channelValues[c] = static_cast<int32_t>(Colour(sb, c));
-    params.interlaceAlpha = 1;
-    Attach(params.head, &params, partFunction, masked);
-  }
-  void SetTypes(int64_t horizontal, int64_t vertical) {
-    params.horizontalType = horizontal;
-    params.verticalType = vertical;
-  }
-  const PixelBuffer& Out() const { return params.head.dstPixels == src.bytes.data() ? src : dst; }
+// Source samples lie below 100, colours above 200 (40000 at 16 bits) and the
+// untouched destination holds 0xEE bytes, so every pixel can be told apart;
+// rows are padded. The mask is 0 in its low bits: the plain fill.
+InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3) {
+  InterlaceCase c;
+  Layout l = PackedLayout(width, height, sb, channels);
+  l.srcRowBytes += 2 * sb;
+  l.dstRowBytes += 2 * sb;
+  c.Block(l, 0, 0xEE);
+  for (size_t i = 0; i < c.source.size(); ++i)
+    c.source[i] = static_cast<uint8_t>(1 + (i * 7 + i / static_cast<size_t>(l.srcRowBytes) * 13) % 97);
+  for (int ch = 0; ch < kMaxChannels; ++ch) c.params.channelValues[ch] = sb == 1 ? 201 + ch : 40001 + 1000 * ch;
+  c.params.interlaceAlpha = 1;
+  c.masked = masked;
+  c.mask.values = MaskValues::Zero;
+  SetParts(c);
+  return c;
+}
 
-  // One character per pixel: F filled with the colour, . the source, u untouched, ? anything else.
-  Rows Map() const {
-    Rows rows(static_cast<size_t>(src.height));
-    for (int y = 0; y < src.height; ++y)
-      for (int x = 0; x < src.width; ++x) {
-        bool filled = true, copied = true, untouched = true;
-        for (int c = 0; c < src.pixelBytes / src.sampleBytes; ++c) {
-          const uint32_t v = Out().Sample(x, y, c);
-          filled = filled && v == static_cast<uint32_t>(params.channelValues[c]);
-          copied = copied && v == original.Sample(x, y, c);
-          untouched = untouched && v == (src.sampleBytes == 1 ? 0xEEu : 0xEEEEu);
-        }
-        rows[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
-      }
-    return rows;
-  }
-
-  PixelBuffer original{0, 0, 0, 0, 0};  // the source as built, which an in-place run overwrites
-  InterlaceParams params{};
-};
-
-class InterlaceKernels : public ::testing::TestWithParam<Kernels> {};
+class InterlaceKernels : public ::testing::TestWithParam<bool> {};
 
 TEST_P(InterlaceKernels, PhasesDecideWhichRowsAndPixelsAreFilled) {
-  // The map of every row of the bitmap; the part runs from firstRow to the last row.
+  // The map of every row of the bitmap, one character per pixel: F filled
+  // with the colour, . the source, u untouched. The part runs from firstRow
+  // to the last row.
   const struct {
     const char* what;
     int firstRow;
@@ -106,26 +81,32 @@ TEST_P(InterlaceKernels, PhasesDecideWhichRowsAndPixelsAreFilled) {
         for (bool inPlace : {false, true}) {
           SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit", masked ? ", masked" : "", inPlace ? ", in place" : ""));
           const int height = static_cast<int>(c.map.size()), width = static_cast<int>(c.map[0].size());
-          Frame f(GetParam().Part(sb, masked), masked, sb, width, height);  // mask value 0: the plain fill
-          f.SetTypes(c.horizontal, c.vertical);
-          if (inPlace) f.params.head.dstPixels = f.params.head.srcPixels;
-          f.Run(c.firstRow, height);
-          Rows expected = c.map;
-          std::vector<int64_t> rows;  // every row's handle is asked for ...
-          std::vector<RecordingMask::Query> values;  // ... and a value only for a filled pixel
+          InterlaceCase k = Block(sb, masked, width, height);
+          k.params.horizontalType = c.horizontal;
+          k.params.verticalType = c.vertical;
+          if (inPlace) k.destination.clear();
+          k.parts.ranges = {{c.firstRow, height}};
+          const Outcome out = k.Run(GetParam());
+          Rows map(static_cast<size_t>(height)), expected = c.map;
+          std::vector<MaskQuery> queries;  // every row's handle, of the part's own depth; a value only where filled
           for (int y = 0; y < height; ++y) {
-            if (y >= c.firstRow) rows.push_back(y);
+            if (y >= c.firstRow) queries.push_back({y, MaskHandle(y), -1, 8 * sb});
             for (int x = 0; x < width; ++x) {
-              if (c.map[y][x] == 'F') values.emplace_back(y, x);
+              bool filled = true, copied = true, untouched = true;
+              for (int ch = 0; ch < 3; ++ch) {
+                const uint32_t v = k.Result(out, x, y, ch);
+                filled = filled && v == static_cast<uint32_t>(k.params.channelValues[ch]);
+                copied = copied && v == k.Source(x, y, ch);
+                untouched = untouched && v == (sb == 1 ? 0xEEu : 0xEEEEu);
+              }
+              map[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
+              if (c.map[y][x] == 'F') queries.push_back({y, MaskHandle(y), x, 8 * sb});
               if (inPlace && c.map[y][x] == 'u') expected[y][x] = '.';
             }
           }
-          EXPECT_EQ(f.Map(), expected);
-          EXPECT_EQ(f.params.head.progress, height - c.firstRow);
-          if (!masked) continue;
-          EXPECT_EQ(f.mask.rows, rows);
-          EXPECT_EQ(f.mask.values, values);
-          EXPECT_EQ(f.mask.bits, 8 * sb);  // only the operations of the part's own depth
+          EXPECT_EQ(map, expected);
+          EXPECT_EQ(out.progress, height - c.firstRow);
+          EXPECT_EQ(out.queries, masked ? queries : std::vector<MaskQuery>{});
         }
 }
 
@@ -136,62 +117,47 @@ TEST_P(InterlaceKernels, MaskMixesSourceAndFill) {
   for (int sb : {1, 2})
     for (bool inPlace : {false, true}) {
       SCOPED_TRACE(Describe(8 * sb, "-bit", inPlace ? ", in place" : ""));
-      Frame f(GetParam().Part(sb, true), true, sb, 4, 1, 2, 2);
-      const uint32_t full = Full(sb), half = full / 2 + 1, values[] = {0, full, half, (full + 1) * 3 + half};
+      InterlaceCase c = Block(sb, true, 4, 1, 2);
+      const uint32_t full = sb == 1 ? 255 : 65535, half = full / 2 + 1;
+      c.mask.columns = {0, full, half, (full + 1) * 3 + half};
       for (int x = 0; x < 4; ++x) {
-        f.src.SetSample(x, 0, 0, 200);
-        f.src.SetSample(x, 0, 1, full);
+        c.SetSource(x, 0, 0, 200);
+        c.SetSource(x, 0, 1, full);
       }
-      f.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
-      f.params.interlaceAlpha = 0;
-      f.params.channelValues[0] = 0;
-      f.mask.value = [&values](int64_t, int32_t x) { return values[x]; };
-      if (inPlace) f.params.head.dstPixels = f.params.head.srcPixels;
-      f.SetTypes(1, 0);
-      f.RunAll();
+      c.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
+      c.params.interlaceAlpha = 0;
+      c.params.channelValues[0] = 0;
+      c.params.horizontalType = 1;
+      if (inPlace) c.destination.clear();
+      const Outcome out = c.Run(GetParam());
       const uint32_t mixed[] = {0, 200, 100, 100}, alpha[] = {full, full, full - 1, full - 1};
       for (int x = 0; x < 4; ++x) {
-        EXPECT_EQ(f.Out().Sample(x, 0, 0), mixed[x]) << x;
-        EXPECT_EQ(f.Out().Sample(x, 0, 1), alpha[x]) << x;
+        EXPECT_EQ(c.Result(out, x, 0, 0), mixed[x]) << x;
+        EXPECT_EQ(c.Result(out, x, 0, 1), alpha[x]) << x;
       }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
-
+INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
-
-using InterlaceCase = KernelCase<InterlaceParams>;
 
 int64_t TypeValue(Rng& rng) {
   const int64_t odd[] = {-7, -2, -1, 3, 4, 9};
   return Chance(rng, 0.9) ? Uniform(rng, 0, 2) : PickFrom(rng, odd);
 }
 
-// As the class describes the bitmaps: the 16-bit parts take their pixel
-// steps from channelCount, the 8-bit ones their channels from bytesPerPixel.
-RawBitmap Record(const Layout& l, int32_t pixelBytes, uint8_t alphaOffset) {
-  RawBitmap record{};
-  record.width = l.width;
-  record.height = l.height;
-  record.channelCount = pixelBytes / l.sampleBytes;
-  record.bytesPerPixel = l.channels * l.sampleBytes;
-  record.alphaOffset = alphaOffset;
-  record.bitsPerChannel = static_cast<uint8_t>(8 * l.sampleBytes);
-  return record;
-}
-
-// Depth and mask alternate and every fourth case takes the next of the nine
-// pairs of types, so all combinations come up whatever the random draws. The
-// destination lies apart, in place or overlapping the source. Packed rows are
-// the ones the fast paths take: the destination apart or in place, pixel
-// steps of their channels.
-InterlaceCase RandomCase(Rng& rng, int index, bool packed) {
+// Depth and mask alternate, every fourth case takes the next of the nine pairs
+// of types and every 36th turns to packed rows or back, so all combinations
+// come up whatever the random draws. The destination lies apart, in place or
+// overlapping the source. Packed rows are the ones the fast paths take: the
+// destination apart or in place, pixel steps of their channels.
+InterlaceCase RandomCase(Rng& rng, int index) {
   InterlaceCase c;
   Layout& l = c.l;
   l.sampleBytes = index % 2 == 0 ? 1 : 2;
   c.masked = (index / 2) % 2 == 1;
+  const bool packed = (index / 36) % 2 == 1;
   InterlaceParams& p = c.params;
   p.horizontalType = Chance(rng, 0.08) ? TypeValue(rng) : (index / 4) % 9 / 3;
   p.verticalType = Chance(rng, 0.08) ? TypeValue(rng) : (index / 4) % 9 % 3;
@@ -230,27 +196,22 @@ InterlaceCase RandomCase(Rng& rng, int index, bool packed) {
   uint8_t alpha = Chance(rng, 0.3) ? uint8_t{0xFF} : static_cast<uint8_t>(Uniform(rng, 0, 2 * l.channels));
   if (l.sampleBytes == 2 && Chance(rng, 0.5))  // a kept channel at a true 16-bit offset
     alpha = static_cast<uint8_t>(2 * Uniform(rng, 0, l.channels - 1));
-  c.srcRecord = Record(l, l.srcPixelBytes, alpha);
-  c.dstRecord = Record(l, l.dstPixelBytes, alpha);
+  c.srcRecord = RecordOf(l, l.srcPixelBytes, alpha);
+  c.dstRecord = RecordOf(l, l.dstPixelBytes, alpha);
   p.interlaceAlpha = Chance(rng, 0.5) ? 0 : static_cast<uint8_t>(Uniform(rng, 1, 255));
   const int32_t values[] = {-1, 0, 65535};
   for (int32_t& v : p.channelValues)
     v = Chance(rng, 0.3) ? PickFrom(rng, values) : static_cast<int32_t>(Uniform(rng, INT32_MIN, INT32_MAX));
-  c.reference = kReference.Part(l.sampleBytes, c.masked);
-  c.fast = kShipped.Part(l.sampleBytes, c.masked);
+  SetParts(c);
   c.mask = RandomMask(rng, l.height);
   c.parts = RandomParts(rng, l.height);
-  c.settings = "alpha " + std::to_string(alpha) + ", interlaceAlpha " + std::to_string(p.interlaceAlpha) +
-               ", types " + std::to_string(p.horizontalType) + "/" + std::to_string(p.verticalType);
+  c.settings = Describe(packed ? "packed, " : "", "alpha ", int{alpha}, ", interlaceAlpha ", int{p.interlaceAlpha},
+                        ", types ", p.horizontalType, "/", p.verticalType);
   return c;
 }
 
-TEST(InterlaceDifferential, RandomCasesOfEveryLayout) {
-  CheckRandomCases(0x1A7E4C0DEull, 6000, [](Rng& rng, int i) { return RandomCase(rng, i, false); });
-}
-
-TEST(InterlaceDifferential, RandomPackedRows) {
-  CheckRandomCases(0x5EED0F1A7ull, 6000, [](Rng& rng, int i) { return RandomCase(rng, i, true); });
+TEST(InterlaceDifferential, RandomCasesOfEveryLayoutAndPackedRows) {
+  CheckRandomCases(0x1A7E4C0DEull, 12000, RandomCase);
 }
 
 }  // namespace

@@ -8,35 +8,29 @@
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "effects/polar/polar_kernels.h"
 #include "imaging/cpu_dispatch.h"
 #include "support/differential.h"
-#include "support/kernel_blocks.h"
 #include "support/polar_reference.h"
 
 namespace {
 
 using namespace rawfx::test;
-
-using Mapping = bool (*)(double, double, double*, double*, PolarizeSettings*);
-struct Kernels {
-  const char* name;
-  Mapping map;
-  PartFunction part8, part16;
-};
-const Kernels kShipped{"Shipped", CalculateUndistortedCoordinates, PolarCoordinatesPart, PolarCoordinatesPart16};
-const Kernels kReference{"Reference", rawfx::reference::CalculateUndistortedCoordinates,
-                         rawfx::reference::PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart16};
-void PrintTo(const Kernels& kernels, std::ostream* out) { *out << kernels.name; }
+using PolarCase = KernelCase<PolarCoordinatesParams>;
 
 constexpr double kOutside = kNaN;
 constexpr double kSqrt2 = 1.4142135623730951;
 constexpr double kSqrt3 = 1.7320508075688772;
 constexpr double kTwoPi = 6.283185307179586;
+
+void SetParts(PolarCase& c) {
+  const bool eightBit = c.l.sampleBytes == 1;
+  c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
+  c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
+}
 
 // The effect's options, or others where a case changes them.
 struct Geometry {
@@ -53,20 +47,7 @@ PolarizeSettings SettingsOf(const Geometry& g) {
           g.angleOffset, g.width, g.height, (g.width - 1) * 0.5, (g.height - 1) * 0.5};
 }
 
-class PolarKernels : public ::testing::TestWithParam<Kernels> {
- protected:
-  // An outside position leaves the out-arguments untouched.
-  void ExpectMaps(const Geometry& g, double x, double y, double sx, double sy) {
-    SCOPED_TRACE(Describe(g.width, "x", g.height, g.toPolar ? " to polar" : " unrolled", g.flip ? " flipped" : "",
-                          " at ", x, ",", y));
-    PolarizeSettings s = SettingsOf(g);
-    double mappedX = -7.0, mappedY = -7.0;
-    const bool inside = GetParam().map(x, y, &mappedX, &mappedY, &s);
-    EXPECT_EQ(inside, !std::isnan(sx));
-    EXPECT_DOUBLE_EQ(mappedX, inside ? sx : -7.0);
-    EXPECT_DOUBLE_EQ(mappedY, inside ? sy : -7.0);
-  }
-};
+class PolarKernels : public ::testing::TestWithParam<bool> {};
 
 TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
   struct Point {
@@ -97,32 +78,39 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{8, 8, false, true}, {{3, kNaN, kOutside, kOutside}, {kInf, 3, kOutside, kOutside}, {3, -3e9, kOutside, kOutside}}},
       {{8, 8, true, false}, {{3, kInf, kOutside, kOutside}, {1e300, 3, kOutside, kOutside}, {kNaN, 3, kOutside, kOutside}}},
   };
+  const auto map = GetParam() ? CalculateUndistortedCoordinates : rawfx::reference::CalculateUndistortedCoordinates;
   for (const auto& c : cases)
-    for (const Point& p : c.points) ExpectMaps(c.g, p.x, p.y, p.sx, p.sy);
+    for (const Point& p : c.points) {
+      SCOPED_TRACE(Describe(c.g.width, "x", c.g.height, c.g.toPolar ? " to polar" : " unrolled",
+                            c.g.flip ? " flipped" : "", " at ", p.x, ",", p.y));
+      PolarizeSettings s = SettingsOf(c.g);
+      double mappedX = -7.0, mappedY = -7.0;  // an outside position leaves them untouched
+      const bool inside = map(p.x, p.y, &mappedX, &mappedY, &s);
+      EXPECT_EQ(inside, !std::isnan(p.sx));
+      EXPECT_DOUBLE_EQ(mappedX, inside ? p.sx : -7.0);
+      EXPECT_DOUBLE_EQ(mappedY, inside ? p.sy : -7.0);
+    }
 }
 
 // A source with two guard rows below it and padding, both holding 0, that
 // the part must never read; the block's own geometry holds -99, which
-// the parts must neither read nor write.
-struct Frame : PartFrame {
-  Frame(PartFunction partFunction, const Geometry& g, int channels, int sb, int dstChannels = 0)
-      : PartFrame(PixelBuffer(g.width, g.height + 2, channels * sb, 3 * sb, 0, sb),
-                  PixelBuffer(g.width, g.height, (dstChannels ? dstChannels : channels) * sb, 0, 0xA5, sb)) {
-    params.settings = SettingsOf(g);
-    params.settings.width = params.settings.height = -99;
-    params.settings.centerX = params.settings.centerY = -99.0;
-    Attach(params.head, &params, partFunction, false);
-    params.head.height = g.height;
+// the parts must neither read nor write. Background sample i is background + step i.
+PolarCase Block(const Geometry& g, int channels, int sb, int background, int step = 0) {
+  PolarCase c;
+  Layout l = PackedLayout(g.width, g.height, sb, channels);
+  l.srcRowBytes += 3 * sb;
+  c.Block(l, 0, 0xA5);
+  c.source.resize(c.source.size() + 2 * l.srcRowBytes, 0);
+  c.params.settings = SettingsOf(g);
+  c.params.settings.width = c.params.settings.height = -99;
+  c.params.settings.centerX = c.params.settings.centerY = -99.0;
+  for (size_t i = 0; i < std::size(c.params.backColor8); ++i) {
+    c.params.backColor8[i] = static_cast<uint8_t>(background + step * i);
+    c.params.backColor16[i] = static_cast<uint16_t>(background + step * i);
   }
-  void SetBackground(std::initializer_list<int> values) {
-    int i = 0;
-    for (int v : values) {
-      params.backColor8[i] = static_cast<uint8_t>(v);
-      params.backColor16[i++] = static_cast<uint16_t>(v);
-    }
-  }
-  PolarCoordinatesParams params{};
-};
+  SetParts(c);
+  return c;
+}
 
 TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
   const struct {
@@ -141,11 +129,9 @@ TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    Frame f(GetParam().part8, c.g, 1, 1);
-    f.SetBackground({c.background});
-    for (const auto& [x, y, v] : c.samples) f.src.SetSample(x, y, 0, static_cast<uint32_t>(v));
-    f.RunAll();
-    EXPECT_EQ(f.dst.Sample(c.x, c.y, 0), static_cast<uint32_t>(c.expected));
+    PolarCase k = Block(c.g, 1, 1, c.background);
+    for (const auto& [x, y, v] : c.samples) k.SetSource(x, y, 0, static_cast<uint32_t>(v));
+    EXPECT_EQ(k.Result(k.Run(GetParam()), c.x, c.y, 0), static_cast<uint32_t>(c.expected));
   }
 }
 
@@ -155,32 +141,26 @@ TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
 TEST_P(PolarKernels, ConstantSourceStaysConstantAndNothingOutsideIsRead) {
   for (bool toPolar : {true, false})
     for (bool flip : {true, false})
-      for (int sb : {1, 2}) {
-        const int value = sb == 1 ? 77 : 40077, channels = 2 + sb;
-        for (auto [w, h] : {std::pair{12, 7}, std::pair{7, 5}, std::pair{2, 9}, std::pair{9, 2}, std::pair{16, 16}, std::pair{1, 5},
-                            std::pair{5, 1}}) {
+      for (int sb : {1, 2})
+        for (auto [w, h] : {std::pair{12, 7}, {7, 5}, {2, 9}, {9, 2}, {16, 16}, {1, 5}, {5, 1}}) {
           SCOPED_TRACE(Describe(w, "x", h, toPolar ? " to polar " : " unrolled ", flip ? "flipped " : "", 8 * sb));
+          const int value = sb == 1 ? 77 : 40077, channels = 2 + sb;
           const bool thin = w == 1 || h == 1;
-          Frame f(sb == 1 ? GetParam().part8 : GetParam().part16, {w, h, toPolar, flip}, channels, sb);
+          PolarCase c = Block({w, h, toPolar, flip}, channels, sb, thin ? value + 1 : value, thin);
           for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
-              for (int i = 0; i < channels; ++i) f.src.SetSample(x, y, i, static_cast<uint32_t>(value));
-          f.SetBackground({value + 1, value + 2, value + 3, value + 4});
-          if (!thin) f.SetBackground({value, value, value, value});
-          f.RunAll();
+              for (int i = 0; i < channels; ++i) c.SetSource(x, y, i, static_cast<uint32_t>(value));
+          const Outcome out = c.Run(GetParam());
           for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
               for (int i = 0; i < channels; ++i)
-                ASSERT_EQ(f.dst.Sample(x, y, i), static_cast<uint32_t>(thin ? value + 1 + i : value)) << x << "," << y;
+                ASSERT_EQ(c.Result(out, x, y, i), static_cast<uint32_t>(thin ? value + 1 + i : value)) << x << "," << y;
         }
-      }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, PolarKernels, ::testing::Values(kShipped, kReference), NameOf<Kernels>);
+INSTANTIATE_TEST_SUITE_P(Kernels, PolarKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
-
-bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // The effect's own settings and hand-built ones: bottom at the centre, other
 // roundness, angle offsets, NaN and infinities. The parts fill the geometry in
@@ -204,8 +184,6 @@ PolarizeSettings RandomSettings(Rng& rng) {
   return s;
 }
 
-using PolarCase = KernelCase<PolarCoordinatesParams>;
-
 // A column table in the case's own storage, made for width x height and s
 // (none for sizes that take none).
 void AttachColumnTable(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
@@ -227,15 +205,11 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
-  const bool eightBit = l.sampleBytes == 1;
-  c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
-  c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
+  SetParts(c);
   c.parts = RandomParts(rng, l.height);
-  std::ostringstream text;
-  text.precision(17);
-  text << "toPolar " << int{settings.rectangularToPolar} << " flip " << int{settings.flipMapping} << " centerAtTop "
-       << int{settings.centerAtTop} << " roundness " << settings.roundness << " angleOffset " << settings.angleOffset;
-  c.settings = text.str();
+  c.settings = Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping},
+                        " centerAtTop ", int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ",
+                        settings.angleOffset);
   return c;
 }
 
@@ -295,12 +269,11 @@ TEST(PolarDifferential, MappingMatchesTheReference) {
     if (Chance(rng, 0.05)) x = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
     if (Chance(rng, 0.05)) y = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
     PolarizeSettings forReference = s, forFast = s;
-    double expectedX = 123.0, expectedY = 456.0, actualX = 123.0, actualY = 456.0;
-    const bool expectedInside =
-        rawfx::reference::CalculateUndistortedCoordinates(x, y, &expectedX, &expectedY, &forReference);
-    ASSERT_EQ(CalculateUndistortedCoordinates(x, y, &actualX, &actualY, &forFast), expectedInside) << "case " << i;
-    ASSERT_TRUE(SameBits(actualX, expectedX) && SameBits(actualY, expectedY))
-        << "case " << i << ": " << actualX << ", " << actualY << " vs " << expectedX << ", " << expectedY;
+    double expected[2] = {123.0, 456.0}, actual[2] = {123.0, 456.0};
+    const bool inside = rawfx::reference::CalculateUndistortedCoordinates(x, y, expected, expected + 1, &forReference);
+    ASSERT_EQ(CalculateUndistortedCoordinates(x, y, actual, actual + 1, &forFast), inside) << "case " << i;
+    ASSERT_EQ(std::memcmp(actual, expected, sizeof actual), 0)
+        << "case " << i << ": " << actual[0] << ", " << actual[1] << " vs " << expected[0] << ", " << expected[1];
     ASSERT_EQ(std::memcmp(&forFast, &s, sizeof s), 0) << "the settings were written";
   }
 }

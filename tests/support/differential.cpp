@@ -81,6 +81,18 @@ Layout PackedLayout(int32_t width, int32_t height, int32_t sampleBytes, int32_t 
   return {width, height, sampleBytes, channels, pixelBytes, pixelBytes, width * pixelBytes, width * pixelBytes};
 }
 
+RawBitmap RecordOf(const Layout& l, int32_t pixelBytes, uint8_t alphaOffset) {
+  RawBitmap record{};
+  record.width = l.width;
+  record.height = l.height;
+  record.channelCount = pixelBytes / l.sampleBytes;
+  record.bytesPerPixel = l.channels * l.sampleBytes;
+  record.alphaOffset = alphaOffset;
+  record.isValid = 1;
+  record.bitsPerChannel = static_cast<uint8_t>(8 * l.sampleBytes);
+  return record;
+}
+
 PartPlan RandomParts(Rng& rng, int32_t height) {
   PartPlan plan;
   auto& ranges = plan.ranges;
@@ -102,12 +114,13 @@ PartPlan RandomParts(Rng& rng, int32_t height) {
 }
 
 MaskPlan RandomMask(Rng& rng, int32_t height) {
-  MaskPlan plan{static_cast<MaskValues>(Uniform(rng, 0, 3)), rng()};
+  MaskPlan plan{static_cast<MaskValues>(Uniform(rng, 0, 3)), rng(), -1, {}};
   if (height > 0 && Chance(rng, 0.1)) plan.cancelAtRow = Uniform(rng, 0, height - 1);
   return plan;
 }
 
 uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x) {
+  if (!mask.columns.empty()) return mask.columns[x];
   uint64_t h = mask.seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
                (static_cast<uint64_t>(x) * 0xC2B2AE3D27D4EB4Full);
   h = (h ^ (h >> 29)) * 0xBF58476D1CE4E5B9ull;
@@ -128,45 +141,64 @@ struct RecordingMask {
   std::vector<MaskQuery> queries;
 
   static RecordingMask& Of(RawBitmapMaskData* m) { return *reinterpret_cast<RecordingMask*>(m); }
-  // Handles encode their row, so each value query shows which handle it was given.
+  template <int Bits>
   static MaskRowHandle Row(RawBitmapMaskData* m, int64_t row) {
-    const int64_t handle = row * 7919 + 13;
-    Of(m).queries.push_back({row, handle, -1});
+    Of(m).queries.push_back({row, MaskHandle(row), -1, Bits});
     if (row == Of(m).plan.cancelAtRow) Of(m).head->cancel = 1;
-    return static_cast<MaskRowHandle>(handle);
+    return static_cast<MaskRowHandle>(MaskHandle(row));
   }
+  template <int Bits>
   static uint32_t Value(RawBitmapMaskData* m, MaskRowHandle handle, int32_t x) {
-    const int64_t row = (static_cast<int64_t>(handle) - 13) / 7919;
-    Of(m).queries.push_back({row, static_cast<int64_t>(handle), x});
+    const int64_t row = (static_cast<int64_t>(handle) - MaskHandle(0)) / (MaskHandle(1) - MaskHandle(0));
+    Of(m).queries.push_back({row, static_cast<int64_t>(handle), x, Bits});
     return MaskValue(Of(m).plan, Of(m).sixteenBit, row, x);
   }
 };
 static_assert(std::is_standard_layout_v<RecordingMask>);
-constexpr RawBitmapMaskOps kRecordingOps{nullptr, RecordingMask::Row, RecordingMask::Value,
-                                         nullptr, RecordingMask::Row, RecordingMask::Value};
+constexpr RawBitmapMaskOps kRecordingOps{nullptr, RecordingMask::Row<8>,  RecordingMask::Value<8>,
+                                         nullptr, RecordingMask::Row<16>, RecordingMask::Value<16>};
 
-std::string FirstDifference(const Outcome& expected, const Outcome& actual) {
-  const auto at = std::mismatch(expected.memory.begin(), expected.memory.end(), actual.memory.begin());
-  std::ostringstream s;
-  s << "first byte that differs " << at.first - expected.memory.begin() << "; progress " << expected.progress
-    << " vs " << actual.progress << "; done flags, queries, blocks left, block untouched differ: "
-    << (expected.done != actual.done) << (expected.queries != actual.queries)
-    << (expected.blocksLeft != actual.blocksLeft) << (expected.blockUntouched != actual.blockUntouched);
-  return s.str();
+// Where sample (x, y, channel) lies from the first pixel of the source or the destination.
+int64_t OffsetOf(const Layout& l, bool source, int32_t x, int32_t y, int channel) {
+  return int64_t{y} * (source ? l.srcRowBytes : l.dstRowBytes) +
+         int64_t{x} * (source ? l.srcPixelBytes : l.dstPixelBytes) + channel * l.sampleBytes;
 }
+// 16-bit samples are little-endian, as on every machine the kernels run on.
+uint32_t Read(const uint8_t* p, int sampleBytes) { return sampleBytes == 1 ? *p : p[0] | p[1] << 8; }
 
 }  // namespace
 
 std::string KernelCaseBase::Describe() const {
-  std::ostringstream s;
-  s << l.width << "x" << l.height << ", " << l.sampleBytes * 8 << "-bit, " << l.channels << " channels, pixel "
-    << l.srcPixelBytes << "/" << l.dstPixelBytes << ", rows " << l.srcRowBytes << "/" << l.dstRowBytes << " at "
-    << srcAt << "/" << dstAt << (destination.empty() ? " in one block; " : "; ") << settings << "; mask " << masked
-    << " (values " << static_cast<int>(mask.values) << ", cancel at row " << mask.cancelAtRow << "), granted "
-    << grantedBlocks << ", parts";
-  for (const auto& [first, end] : parts.ranges) s << " [" << first << "," << end << ")";
-  s << ", cancel before part " << parts.cancelBefore;
-  return s.str();
+  std::string text = rawfx::test::Describe(
+      l.width, "x", l.height, ", ", l.sampleBytes * 8, "-bit, ", l.channels, " channels, pixel ", l.srcPixelBytes, "/",
+      l.dstPixelBytes, ", rows ", l.srcRowBytes, "/", l.dstRowBytes, " at ", srcAt, "/", dstAt,
+      destination.empty() ? " in one block; " : "; ", settings, "; mask ", masked, " (values ",
+      static_cast<int>(mask.values), ", cancel at row ", mask.cancelAtRow, "), granted ", grantedBlocks, ", parts");
+  for (const auto& [first, end] : parts.ranges) text += rawfx::test::Describe(" [", first, ",", end, ")");
+  return text + ", cancel before part " + std::to_string(parts.cancelBefore);
+}
+
+void KernelCaseBase::Block(const Layout& layout, uint8_t srcFill, uint8_t dstFill) {
+  l = layout;
+  source.assign(static_cast<size_t>(l.srcRowBytes) * l.height, srcFill);
+  destination.assign(static_cast<size_t>(l.dstRowBytes) * l.height, dstFill);
+  srcRecord = RecordOf(l, l.srcPixelBytes, 0xFE);  // no alpha channel unless a test sets one
+  dstRecord = RecordOf(l, l.dstPixelBytes, 0xFE);
+  parts.ranges = {{0, l.height}};
+}
+
+uint32_t KernelCaseBase::Source(int32_t x, int32_t y, int channel) const {
+  return Read(&source[srcAt + OffsetOf(l, true, x, y, channel)], l.sampleBytes);
+}
+
+void KernelCaseBase::SetSource(int32_t x, int32_t y, int channel, uint32_t value) {
+  uint8_t* p = &source[srcAt + OffsetOf(l, true, x, y, channel)];
+  p[0] = static_cast<uint8_t>(value);
+  if (l.sampleBytes == 2) p[1] = static_cast<uint8_t>(value >> 8);
+}
+
+uint32_t KernelCaseBase::Result(const Outcome& out, int32_t x, int32_t y, int channel) const {
+  return Read(&out.memory[dstAt + OffsetOf(l, false, x, y, channel)], l.sampleBytes);
 }
 
 // Runs the parts, setting cancel where the plan says, over copies of the
@@ -214,17 +246,21 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   return out;
 }
 
-bool MatchesReference(const std::function<Outcome(bool fast)>& run, const std::function<std::string()>& describe) {
-  const Outcome expected = run(false);
+bool MatchesReference(const KernelCaseBase& c, const std::string& label) {
+  const Outcome expected = c.Run(false);
   bool same = expected.blockUntouched && expected.blocksLeft == 0;
-  if (!same) ADD_FAILURE() << "the reference wrote its block or kept an allocation; " << describe();
+  if (!same) ADD_FAILURE() << "the reference wrote its block or kept an allocation; " << label << c.Describe();
   for (const bool scalar : {false, true}) {
     cpu::ForceScalar(scalar);
-    const Outcome actual = run(true);
+    const Outcome actual = c.Run(true);
     if (actual == expected) continue;
     same = false;
-    ADD_FAILURE() << (scalar ? "portable" : "AVX2") << " path, " << describe() << "\n"
-                  << FirstDifference(expected, actual);
+    const auto at = std::mismatch(expected.memory.begin(), expected.memory.end(), actual.memory.begin()).first;
+    ADD_FAILURE() << (scalar ? "portable" : "AVX2") << " path, " << label << c.Describe()
+                  << "\nfirst byte that differs " << at - expected.memory.begin() << "; progress " << expected.progress
+                  << " vs " << actual.progress << "; done flags, queries, blocks left, block untouched differ: "
+                  << (expected.done != actual.done) << (expected.queries != actual.queries)
+                  << (expected.blocksLeft != actual.blocksLeft) << (expected.blockUntouched != actual.blockUntouched);
   }
   cpu::ForceScalar(false);
   return same;

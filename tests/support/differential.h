@@ -6,13 +6,15 @@
 // queries, the scratch given back and a parameter block left as it was.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -66,6 +68,9 @@ void RandomSize(Rng& rng, Layout& l, int32_t longRows);
 // is a whole number of samples.
 Layout RandomLayout(Rng& rng, int32_t longRows, bool oddSteps);
 Layout PackedLayout(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels);
+// A bitmap's record as the engine describes it: channelCount from the pixel
+// step, bytesPerPixel from the channels.
+RawBitmap RecordOf(const Layout& l, int32_t pixelBytes, uint8_t alphaOffset);
 
 // Random bytes in all of value (the fields the kernels never read among them).
 template <class T>
@@ -82,18 +87,23 @@ struct PartPlan {
 };
 PartPlan RandomParts(Rng& rng, int32_t height);
 
-// A mask that answers from a seeded hash and records every query. Asking for
-// the row handle of cancelAtRow sets cancel.
+// A mask that answers from a seeded hash (or, given columns, the value of
+// column x) and records every query. Asking for the row handle of cancelAtRow
+// sets cancel.
 enum class MaskValues { Zero, Full, Extremes, Anything };
 struct MaskPlan {
   MaskValues values = MaskValues::Anything;
   uint64_t seed = 0;
   int64_t cancelAtRow = -1;
+  std::vector<uint32_t> columns;
 };
 MaskPlan RandomMask(Rng& rng, int32_t height);
 // The mask's value: random high bits over the low 8 (16) that count.
 uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x);
-using MaskQuery = std::array<int64_t, 3>;  // row, handle, x (-1 for a row handle request)
+// Row, handle, x (-1 for a row handle request), depth of the operation (8, 16).
+using MaskQuery = std::array<int64_t, 4>;
+// The handle of a row: each value query shows which handle it was given.
+inline int64_t MaskHandle(int64_t row) { return row * 7919 + 13; }
 
 // What a run leaves behind.
 struct Outcome {
@@ -107,7 +117,15 @@ struct Outcome {
 };
 
 // A case but for its parameter block.
+// Cases move but never copy: a block may point into their storage.
 struct KernelCaseBase {
+  KernelCaseBase() = default;
+  KernelCaseBase(KernelCaseBase&&) = default;
+  KernelCaseBase& operator=(KernelCaseBase&&) = default;
+  virtual ~KernelCaseBase() = default;
+  // With the fast kernels or the reference ones.
+  virtual Outcome Run(bool fast) const = 0;
+
   Layout l{};
   std::vector<uint8_t> source, destination;  // whole allocations; no destination: it lies in the source's
   int64_t srcAt = 0, dstAt = 0;              // where the first pixel lies in them
@@ -120,6 +138,13 @@ struct KernelCaseBase {
   std::vector<double> storage;  // double-aligned memory the block may point into
 
   std::string Describe() const;
+  // A hand-built case: source and destination of l filled with srcFill and
+  // dstFill, records of l, one part for all rows.
+  void Block(const Layout& layout, uint8_t srcFill, uint8_t dstFill);
+  // A sample of the source as built, set before a run, and of the destination after one.
+  uint32_t Source(int32_t x, int32_t y, int channel) const;
+  void SetSource(int32_t x, int32_t y, int channel, uint32_t value);
+  uint32_t Result(const Outcome& out, int32_t x, int32_t y, int channel) const;
   // Fills the head of params, runs the parts over copies of the memory and
   // returns what they leave.
   Outcome RunWith(void* params, size_t paramBytes, PartFunction part) const;
@@ -130,20 +155,29 @@ template <class Params>
 struct KernelCase : KernelCaseBase {
   Params params{};
   PartFunction reference = nullptr, fast = nullptr;
-  Outcome Run(bool fastKernels) const {
+  Outcome Run(bool fastKernels) const override {
     Params block = params;
     return RunWith(&block, sizeof block, fastKernels ? fast : reference);
   }
 };
 
-// One case: run(false) with the reference kernels, run(true) with the fast
-// ones on the AVX2 path and then the portable one. Reports what differs with
-// describe() and returns false when anything does.
-bool MatchesReference(const std::function<Outcome(bool fast)>& run, const std::function<std::string()>& describe);
+// One case with the reference kernels, then with the fast ones on the AVX2
+// path and the portable one. Reports what differs, after label and the case,
+// and returns false when anything does.
+bool MatchesReference(const KernelCaseBase& c, const std::string& label = "");
 
-template <class Case>
-bool MatchesReference(const Case& c) {
-  return MatchesReference([&](bool fast) { return c.Run(fast); }, [&] { return c.Describe(); });
+// The pieces streamed into one string, doubles in full, for messages.
+template <class... Pieces>
+std::string Describe(const Pieces&... pieces) {
+  std::ostringstream s;
+  s.precision(17);
+  (s << ... << pieces);
+  return s.str();
+}
+
+// Names the cases of a hand-built test run with the fast kernels (Shipped) and the reference ones.
+inline std::string KernelsName(const ::testing::TestParamInfo<bool>& info) {
+  return info.param ? "Shipped" : "Reference";
 }
 
 // RandomCases(usual) cases made by draw(rng, index); stops after 5 failures.
@@ -152,9 +186,7 @@ void CheckRandomCases(uint64_t seed, int usual, Draw draw) {
   Rng rng(seed);
   const int count = RandomCases(usual);
   for (int i = 0, failures = 0; i < count && failures < 5; ++i) {
-    const auto c = draw(rng, i);
-    failures += !MatchesReference([&](bool fast) { return c.Run(fast); },
-                                  [&] { return "case " + std::to_string(i) + ": " + c.Describe(); });
+    failures += !MatchesReference(draw(rng, i), "case " + std::to_string(i) + ": ");
   }
 }
 

@@ -122,12 +122,6 @@ void PolarToRectangularSource(double x, double y, const PolarizeSettings& s, dou
   }
 }
 
-// A whole pixel's samples from `from`.
-template <class Sample>
-void CopySamples(Sample* to, const Sample* from, int n) {
-  for (int i = 0; i < n; ++i) to[i] = from[i];
-}
-
 template <class Sample>
 void* Polar(void* block) {
   auto& part = *static_cast<MPParamBlock*>(block);
@@ -159,7 +153,7 @@ void* Polar(void* block) {
     for (int32_t x = 0; x < s.width; ++x, dst += head.dstPixelBytes / static_cast<int>(sizeof(Sample))) {
       double sx, sy;
       if (!addressable || !reference::CalculateUndistortedCoordinates(x, y, &sx, &sy, &s)) {
-        CopySamples(dst, background, n);
+        std::copy_n(background, n, dst);
         continue;
       }
       // Accepted: -1.5 < sx < W - 0.5 and likewise sy, so every truncation fits.
