@@ -53,7 +53,7 @@ CLI::Validator NumberIn(double min, double max, bool whole) {
 CLI::Validator FiniteRange(double min, double max) { return NumberIn(min, max, false); }
 CLI::Validator WholeRange(double min, double max) { return NumberIn(min, max, true); }
 
-void AddInterlaceOptions(CLI::App& app, InterlaceSettings& s) {
+void AddEffectOptions(CLI::App& app, InterlaceSettings& s) {
   const std::vector<std::string> types(std::begin(kInterlaceTypes), std::end(kInterlaceTypes));
   app.add_option("--horizontal", s.horizontal, "Rows to fill: none, odd (1st, 3rd, ...) or even (2nd, 4th, ...)")
       ->check(CLI::IsMember(types))
@@ -72,14 +72,14 @@ void AddSwitch(CLI::App& app, bool& setting, const char* on, const char* onHelp,
   app.add_flag_function(off, [&setting](int64_t) { setting = false; }, offHelp);
 }
 
-void AddPolarOptions(CLI::App& app, PolarSettings& s) {
+void AddEffectOptions(CLI::App& app, PolarSettings& s) {
   AddSwitch(app, s.toPolar, "--to-polar", "Rectangular to polar (RectangularToPolar true; the default)", "--to-rect",
             "Polar to rectangular (RectangularToPolar false)");
   AddSwitch(app, s.flip, "--flip", "Angles run the other way round (FlipMapping true; the default)", "--no-flip",
             "Angles run the usual way round (FlipMapping false)");
 }
 
-void AddBarrelOptions(CLI::App& app, BarrelSettings& s) {
+void AddEffectOptions(CLI::App& app, BarrelSettings& s) {
   app.add_option("--distortion", s.distortion, "Barrel (> 0) or pincushion (< 0) distortion")
       ->check(FiniteRange(kDistortionMin, kDistortionMax))
       ->capture_default_str();
@@ -92,7 +92,7 @@ void AddBarrelOptions(CLI::App& app, BarrelSettings& s) {
   app.add_flag("--nearest", s.nearest, "Nearest-sample instead of bilinear sampling (Interpolate false)");
 }
 
-void AddOilPaintOptions(CLI::App& app, OilPaintSettings& s) {
+void AddEffectOptions(CLI::App& app, OilPaintSettings& s) {
   app.add_option("--brush", s.brush, "Brush size: the square brush reaches this many pixels out")
       ->check(WholeRange(kBrushMin, kBrushMax))
       ->capture_default_str();
@@ -183,11 +183,8 @@ void AddModuleOption(CLI::App& app, std::string& modulePath) {
 CLI::App* AddEffectCommand(CLI::App& root, const EffectInfo& effect, EffectCommand& command, std::string& modulePath) {
   command.effect = &effect;
   CLI::App* app = root.add_subcommand(std::string(effect.command), std::string(effect.summary));
-  const std::string_view name = effect.command;
-  if (name == "interlace") AddInterlaceOptions(*app, command.interlace);
-  if (name == "polar") AddPolarOptions(*app, command.polar);
-  if (name == "barrel") AddBarrelOptions(*app, command.barrel);
-  if (name == "oilpaint") AddOilPaintOptions(*app, command.oilPaint);
+  command.settings = effect.newSettings();  // before the options bind to its fields
+  std::visit([app](auto& settings) { AddEffectOptions(*app, settings); }, command.settings);
   AddCommonOptions(*app, effect, command.common);
   AddBatchOptions(*app, command.batch);
   AddModuleOption(*app, modulePath);

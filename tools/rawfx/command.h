@@ -45,17 +45,12 @@ struct BatchOptions {
 
 struct EffectCommand {
   const EffectInfo* effect = nullptr;
-  InterlaceSettings interlace;
-  PolarSettings polar;
-  BarrelSettings barrel;
-  OilPaintSettings oilPaint;
+  EffectSettings settings;  // the effect's own
   CommonOptions common;
   std::string input;
   std::string output;
   std::vector<std::string> files;  // as given: INPUT OUTPUT, or the inputs with --out-dir
   BatchOptions batch;
-
-  std::vector<PropertySetting> properties() const;
 };
 
 // Reads the input, runs the effect, writes the output through a temporary file.

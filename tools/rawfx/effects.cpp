@@ -5,13 +5,18 @@
 namespace rawfx::tool {
 namespace {
 
+template <class Settings>
+EffectSettings New() {
+  return Settings{};
+}
+
 // clang-format off
 constexpr EffectInfo kEffects[] = {
-  // command      class                         title               summary                                                                          colour mask   async  inPlace 16-bit
-  {"interlace",  "InterlaceEffectRaw",         "interlace",        "Fill every other row and/or column with the background colour",                 true,  true,  false, true,  true},
-  {"polar",      "PolarCoordinatesEffectRaw",  "polar coordinates", "Wrap the image around its centre (rectangular to polar) or unroll it",          true,  false, true,  false, true},
-  {"barrel",     "BarrelDistortEffectRaw",     "barrel distortion", "Barrel or pincushion distortion with horizontal and vertical keystone",         true,  false, true,  false, true},
-  {"oilpaint",   "OilPaintEffectRaw",          "oil paint",        "Oil-paint filter: the commonest intensity under a square brush (8-bit images)", false, true,  false, false, false},
+  // command      class                         title               summary                                                                          colour mask   async  inPlace 16-bit settings
+  {"interlace",  "InterlaceEffectRaw",         "interlace",        "Fill every other row and/or column with the background colour",                 true,  true,  false, true,  true, &New<InterlaceSettings>},
+  {"polar",      "PolarCoordinatesEffectRaw",  "polar coordinates", "Wrap the image around its centre (rectangular to polar) or unroll it",          true,  false, true,  false, true, &New<PolarSettings>},
+  {"barrel",     "BarrelDistortEffectRaw",     "barrel distortion", "Barrel or pincushion distortion with horizontal and vertical keystone",         true,  false, true,  false, true, &New<BarrelSettings>},
+  {"oilpaint",   "OilPaintEffectRaw",          "oil paint",        "Oil-paint filter: the commonest intensity under a square brush (8-bit images)", false, true,  false, false, false, &New<OilPaintSettings>},
 };
 // clang-format on
 
@@ -64,6 +69,10 @@ std::vector<PropertySetting> PropertiesOf(const OilPaintSettings& settings) {
       {"BrushSize", static_cast<uint8_t>(std::clamp(settings.brush, 0, 255))},
       {"Smoothness", static_cast<float>(settings.smoothness)},
   };
+}
+
+std::vector<PropertySetting> PropertiesOf(const EffectSettings& settings) {
+  return std::visit([](const auto& s) { return PropertiesOf(s); }, settings);
 }
 
 std::string ExplainEffectError(const EffectInfo& effect, int64_t code, int bitsPerChannel) {

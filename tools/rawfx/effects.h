@@ -12,21 +12,6 @@
 
 namespace rawfx::tool {
 
-struct EffectInfo {
-  std::string_view command;    // the subcommand, "oilpaint"
-  std::string_view className;  // the registered class, "OilPaintEffectRaw"
-  std::string_view title;      // for messages, "oil paint"
-  std::string_view summary;    // one line for --help
-  bool backColour;             // has BackColor
-  bool mask;                   // has Mask
-  bool async;                  // has ApplyAsync
-  bool inPlace;                // has ApplyInPlace
-  bool sixteenBit;             // works on 16-bit bitmaps as well as 8-bit ones
-};
-
-std::span<const EffectInfo> Effects();
-const EffectInfo* FindEffect(std::string_view command);
-
 inline constexpr std::string_view kApply = "Apply(source as RawBitmap) as RawBitmap";
 inline constexpr std::string_view kApplyInPlace = "ApplyInPlace(source as RawBitmap)";
 inline constexpr std::string_view kApplyAsync =
@@ -74,10 +59,30 @@ struct OilPaintSettings {
   double smoothness = 0.4;
 };
 
+// The tool's settings of one effect: which alternative names the effect.
+using EffectSettings = std::variant<InterlaceSettings, PolarSettings, BarrelSettings, OilPaintSettings>;
+
+struct EffectInfo {
+  std::string_view command;    // the subcommand, "oilpaint"
+  std::string_view className;  // the registered class, "OilPaintEffectRaw"
+  std::string_view title;      // for messages, "oil paint"
+  std::string_view summary;    // one line for --help
+  bool backColour;             // has BackColor
+  bool mask;                   // has Mask
+  bool async;                  // has ApplyAsync
+  bool inPlace;                // has ApplyInPlace
+  bool sixteenBit;             // works on 16-bit bitmaps as well as 8-bit ones
+  EffectSettings (*newSettings)();  // the settings of a new object of the class
+};
+
+std::span<const EffectInfo> Effects();
+const EffectInfo* FindEffect(std::string_view command);
+
 std::vector<PropertySetting> PropertiesOf(const InterlaceSettings& settings);
 std::vector<PropertySetting> PropertiesOf(const PolarSettings& settings);
 std::vector<PropertySetting> PropertiesOf(const BarrelSettings& settings);
 std::vector<PropertySetting> PropertiesOf(const OilPaintSettings& settings);
+std::vector<PropertySetting> PropertiesOf(const EffectSettings& settings);
 
 // The one-line reason for an effect's error code (read with Host::LastError).
 std::string ExplainEffectError(const EffectInfo& effect, int64_t code, int bitsPerChannel);

@@ -82,10 +82,11 @@ void Note(std::ostream& log, ProgressBar& progress, const CommonOptions& common,
 EffectJob MakeJob(const EffectCommand& command, const std::optional<Image>& mask) {
   EffectJob job;
   job.effect = command.effect;
-  job.properties = command.properties();
+  job.properties = PropertiesOf(command.settings);
   job.backColour = BackColour(command);
   job.mask = mask ? &*mask : nullptr;
-  job.inPlace = command.interlace.inPlace;
+  const auto* interlace = std::get_if<InterlaceSettings>(&command.settings);
+  job.inPlace = interlace && interlace->inPlace;
   job.async = command.common.async;
   return job;
 }
@@ -114,14 +115,6 @@ void ReportEnd(std::ostream& log, const EffectCommand& command, const ImageShape
 }
 
 }  // namespace
-
-std::vector<PropertySetting> EffectCommand::properties() const {
-  const std::string_view name = effect->command;
-  if (name == "interlace") return PropertiesOf(interlace);
-  if (name == "polar") return PropertiesOf(polar);
-  if (name == "barrel") return PropertiesOf(barrel);
-  return PropertiesOf(oilPaint);
-}
 
 // Every check that needs no pixels comes first, so that a mistake costs no work;
 // the temporary output file is created only when writing starts.
