@@ -75,8 +75,10 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{5, 5, true, true}, {{0, 0, kOutside, kOutside}, {4, 2, kOutside, kOutside}, {2, 4, kOutside, kOutside}}},
       {{1, 6, true, false}, {{0, 2, kOutside, kOutside}}},
       {{6, 1, false, true}, {{2, 0, kOutside, kOutside}}},
-      {{8, 8, false, true}, {{3, kNaN, kOutside, kOutside}, {kInf, 3, kOutside, kOutside}, {3, -3e9, kOutside, kOutside}}},
-      {{8, 8, true, false}, {{3, kInf, kOutside, kOutside}, {1e300, 3, kOutside, kOutside}, {kNaN, 3, kOutside, kOutside}}},
+      {{8, 8, false, true},
+       {{3, kNaN, kOutside, kOutside}, {kInf, 3, kOutside, kOutside}, {3, -3e9, kOutside, kOutside}}},
+      {{8, 8, true, false},
+       {{3, kInf, kOutside, kOutside}, {1e300, 3, kOutside, kOutside}, {kNaN, 3, kOutside, kOutside}}},
   };
   const auto map = GetParam() ? CalculateUndistortedCoordinates : rawfx::reference::CalculateUndistortedCoordinates;
   for (const auto& c : cases)

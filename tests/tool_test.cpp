@@ -34,14 +34,19 @@ using Bytes = std::vector<uint8_t>;
 // A fresh directory under the system's temporary directory, removed at the end.
 struct ScratchDir {
   const fs::path path{mkdtemp((fs::temp_directory_path() / "rawfx-tool-XXXXXX").string().data())};
-  ~ScratchDir() { std::error_code ignored; fs::remove_all(path, ignored); }
+  ~ScratchDir() {
+    std::error_code ignored;
+    fs::remove_all(path, ignored);
+  }
   std::string operator/(const std::string& name) const { return (path / name).string(); }
   // Everything below it, each file with its size and the time it was last written.
   std::map<std::string, std::string> snapshot() const {
     std::map<std::string, std::string> found;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path))
-      found[fs::relative(entry.path(), path)] = entry.is_regular_file() ? std::to_string(entry.file_size()) + "@" +
-          std::to_string(entry.last_write_time().time_since_epoch().count()) : "";
+      found[fs::relative(entry.path(), path)] =
+          entry.is_regular_file() ? std::to_string(entry.file_size()) + "@" +
+                                        std::to_string(entry.last_write_time().time_since_epoch().count())
+                                  : "";
     return found;
   }
 };
@@ -88,10 +93,15 @@ void WriteTiff(const std::string& path, const std::vector<Image>& pages, int pho
   for (const Image& image : pages) {
     const int64_t channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels;
     const int64_t high = tiles ? 16 : 1, wide = tiles ? 16 : image.width, blockBytes = wide * high * samples * bytes;
-    for (const auto& [tag, value] : std::initializer_list<std::pair<uint32_t, int64_t>>{
-             {TIFFTAG_IMAGEWIDTH, image.width}, {TIFFTAG_IMAGELENGTH, image.height}, {TIFFTAG_BITSPERSAMPLE, image.depth},
-             {TIFFTAG_SAMPLESPERPIXEL, channels}, {TIFFTAG_PHOTOMETRIC, photometric}, {TIFFTAG_PLANARCONFIG, planes ? 2 : 1},
-             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, high}, {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, high}})
+    for (const auto& [tag, value] :
+         std::initializer_list<std::pair<uint32_t, int64_t>>{{TIFFTAG_IMAGEWIDTH, image.width},
+                                                             {TIFFTAG_IMAGELENGTH, image.height},
+                                                             {TIFFTAG_BITSPERSAMPLE, image.depth},
+                                                             {TIFFTAG_SAMPLESPERPIXEL, channels},
+                                                             {TIFFTAG_PHOTOMETRIC, photometric},
+                                                             {TIFFTAG_PLANARCONFIG, planes ? 2 : 1},
+                                                             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, high},
+                                                             {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, high}})
       TIFFSetField(tiff, tag, uint32_t(value));
     const uint16_t associatedAlpha = EXTRASAMPLE_ASSOCALPHA;
     if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &associatedAlpha);
@@ -103,8 +113,9 @@ void WriteTiff(const std::string& path, const std::vector<Image>& pages, int pho
       for (int64_t x = 0; x < image.width; ++x)
         for (int64_t c = 0; c < channels; ++c) {
           const int64_t block = (c / samples * down + y / high) * across + x / wide;
-          std::memcpy(&blocks[size_t(block * blockBytes + ((y % high * wide + x % wide) * samples + c % samples) * bytes)],
-                      &image.data[size_t(((y * image.width + x) * channels + c) * bytes)], size_t(bytes));
+          std::memcpy(
+              &blocks[size_t(block * blockBytes + ((y % high * wide + x % wide) * samples + c % samples) * bytes)],
+              &image.data[size_t(((y * image.width + x) * channels + c) * bytes)], size_t(bytes));
         }
     for (uint32_t block = 0; block * blockBytes < int64_t(blocks.size()); ++block)
       (tiles ? TIFFWriteEncodedTile : TIFFWriteEncodedStrip)(tiff, block, &blocks[block * blockBytes], blockBytes);
@@ -114,7 +125,10 @@ void WriteTiff(const std::string& path, const std::vector<Image>& pages, int pho
 }
 
 // The exit status (128 + the signal's number when killed by one) and what the run wrote.
-struct ToolResult { int status; std::string out, err; };
+struct ToolResult {
+  int status;
+  std::string out, err;
+};
 
 // The tool run by the shell in the scratch directory. `how` ends in the executable,
 // after what the run needs first (a directory, the environment, limits); redirections
@@ -132,7 +146,11 @@ ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::str
 
 // A run of the tool: its words, its exit status, a fragment of what it says, and how it
 // starts when not as the table's runs do.
-struct Expected { Words words; int status; std::string says, how = ""; };
+struct Expected {
+  Words words;
+  int status;
+  std::string says, how = "";
+};
 
 // Runs each in turn. A failed run says why on one line "rawfx: ...", writes nothing
 // to standard output, and leaves every file in scratch as it was and no new one.
@@ -176,8 +194,9 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
   for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP})
     for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK})
       for (const int depth : {8, 16}) {
-        const bool jpeg = type == FileType::JPEG, holds[] = {layout != Layout::CMYK, depth == 8 && !HasAlpha(layout), true,
-                                                             depth == 8 && (layout == Layout::RGB || layout == Layout::RGBA)};
+        const bool jpeg = type == FileType::JPEG,
+                   holds[] = {layout != Layout::CMYK, depth == 8 && !HasAlpha(layout), true,
+                              depth == 8 && (layout == Layout::RGB || layout == Layout::RGBA)};
         if (!holds[int(type)]) continue;
         SCOPED_TRACE(std::string(FileTypeOption(type)) + " " + LayoutName(layout) + " " + std::to_string(depth));
         const Image original = TestImage(jpeg ? 32 : 13, jpeg ? 24 : 7, layout, depth, jpeg);
@@ -190,7 +209,9 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
                   std::tuple(type, layout, depth, original.width, original.height));
         EXPECT_LE(MeanAbsoluteDifference(read.image, original), jpeg ? 3.0 : 0.0);
         const uint64_t pixels = uint64_t(original.width * original.height);
-        EXPECT_NE(ErrorOf([&] { ReadImage(path, {pixels - 1}); }).find("is more than the limit of " + std::to_string(pixels - 1)),
+        EXPECT_NE(ErrorOf([&] {
+                    ReadImage(path, {pixels - 1});
+                  }).find("is more than the limit of " + std::to_string(pixels - 1)),
                   std::string::npos);
         EXPECT_EQ(ErrorOf([&] { ReadImage(path, {pixels}); }), "no error");
         const std::string bytes = ReadText(path);
@@ -239,15 +260,29 @@ TEST(ToolConversions, ChangeDepthAndColourModelKeepingAlphaWhereItFits) {
 
 // Each colour as read ("rgb R G B A" or "cmyk C M Y K A"), or the reason it is refused.
 TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"#1A2b3C", "rgb 26 43 60 255"}, {"#00000080", "rgb 0 0 0 128"}, {"#f0a", "rgb 255 0 170 255"},
-      {"#f0a8", "rgb 255 0 170 136"}, {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"}, {"Red", "rgb 255 0 0 255"},
-      {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"}, {"RGBA(1,2,3,1)", "rgb 1 2 3 255"}, {"transparent", "rgb 0 0 0 0"},
-      {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"}, {"aliceblue", "rgb 240 248 255 255"},  // the first name
-      {"yellowgreen", "rgb 154 205 50 255"}, {"#12345", "3, 4, 6 or 8 digits"}, {"#12345g", "not hexadecimal"},
-      {"rgb(1,2)", "3 or 4 components"}, {"cmyk(1,2,3)", "4 or 5 components"}, {"rgb(256,0,0)", "'256'"},
-      {"rgb(1.5,0,0)", "'1.5'"}, {"rgb(101%,0,0)", "'101%'"}, {"rgb(-1,0,0)", "'-1'"}, {"hsl(1,2,3)", "is not a colour"},
-      {"rgba(1,2,3,2)", "'2' is not an alpha"}, {"reddish", "is not a colour: use a name"}};
+  const std::pair<const char*, const char*> cases[] = {{"#1A2b3C", "rgb 26 43 60 255"},
+                                                       {"#00000080", "rgb 0 0 0 128"},
+                                                       {"#f0a", "rgb 255 0 170 255"},
+                                                       {"#f0a8", "rgb 255 0 170 136"},
+                                                       {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"},
+                                                       {"Red", "rgb 255 0 0 255"},
+                                                       {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"},
+                                                       {"RGBA(1,2,3,1)", "rgb 1 2 3 255"},
+                                                       {"transparent", "rgb 0 0 0 0"},
+                                                       {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"},
+                                                       {"aliceblue", "rgb 240 248 255 255"},  // the first name
+                                                       {"yellowgreen", "rgb 154 205 50 255"},
+                                                       {"#12345", "3, 4, 6 or 8 digits"},
+                                                       {"#12345g", "not hexadecimal"},
+                                                       {"rgb(1,2)", "3 or 4 components"},
+                                                       {"cmyk(1,2,3)", "4 or 5 components"},
+                                                       {"rgb(256,0,0)", "'256'"},
+                                                       {"rgb(1.5,0,0)", "'1.5'"},
+                                                       {"rgb(101%,0,0)", "'101%'"},
+                                                       {"rgb(-1,0,0)", "'-1'"},
+                                                       {"hsl(1,2,3)", "is not a colour"},
+                                                       {"rgba(1,2,3,2)", "'2' is not an alpha"},
+                                                       {"reddish", "is not a colour: use a name"}};
   for (const auto& [text, expected] : cases) {
     std::string got;
     if (const std::optional<ColourOption> c = ParseColour(text, &got)) {
@@ -291,7 +326,7 @@ struct EffectCase {
   Words words;                // the command and its options; mask.png is kMask
   std::vector<Words> sameAs;  // further options that must not change the result
   const char* className;
-  Settings settings;          // what the options set; every other property keeps a new object's value
+  Settings settings;  // what the options set; every other property keeps a new object's value
   Image (*source)(const Image&) = [](const Image& file) { return file; };  // what the effect gets of the file
   friend void PrintTo(const EffectCase& effect, std::ostream* os) { *os << effect.name; }
 };
@@ -302,10 +337,14 @@ Image Reference(const EffectCase& effect, const Image& file) {
   host::Host host;
   const HostRef object(host, host.New(effect.className)), source(host, NewBitmapFromImage(host, effect.source(file)));
   for (const auto& [name, value] : effect.settings)
-    std::visit([&, &name = name](auto plain) {
-      if constexpr (std::is_same_v<decltype(plain), MakeObject>) host.Set(object.get(), name, HostRef(host, plain(host)).get());
-      else host.Set(object.get(), name, plain);
-    }, value);
+    std::visit(
+        [&, &name = name](auto plain) {
+          if constexpr (std::is_same_v<decltype(plain), MakeObject>)
+            host.Set(object.get(), name, HostRef(host, plain(host)).get());
+          else
+            host.Set(object.get(), name, plain);
+        },
+        value);
   const HostRef result(host, host.Call<REALobject, REALobject>(object.get(), kApply, source.get()));
   return result.get() ? ImageFromBitmap(host, result.get()) : Image{};
 }
@@ -315,29 +354,50 @@ Image Reference(const EffectCase& effect, const Image& file) {
 // option that makes the others show).
 const EffectCase kEffects[] = {
     {"interlace_odd_even_colour_mask",
-     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask", "mask.png"},
-     {{"--in-place"}}, "InterlaceEffectRaw",
-     {{"HorizontalInterlaceType", int64_t{1}}, {"VerticalInterlaceType", int64_t{2}}, {"InterlaceAlphaChannel", false},
-      {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }}, {"Mask", &NewMask}}},
-    {"polar_to_rect_no_flip_colour_grey", {"polar", "--to-rect", "--no-flip", "--color", "rgb(10,200,30,50%)", "--model", "gray"},
-     {{"--async"}}, "PolarCoordinatesEffectRaw",
-     {{"RectangularToPolar", false}, {"FlipMapping", false},
+     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask",
+      "mask.png"},
+     {{"--in-place"}},
+     "InterlaceEffectRaw",
+     {{"HorizontalInterlaceType", int64_t{1}},
+      {"VerticalInterlaceType", int64_t{2}},
+      {"InterlaceAlphaChannel", false},
+      {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }},
+      {"Mask", &NewMask}}},
+    {"polar_to_rect_no_flip_colour_grey",
+     {"polar", "--to-rect", "--no-flip", "--color", "rgb(10,200,30,50%)", "--model", "gray"},
+     {{"--async"}},
+     "PolarCoordinatesEffectRaw",
+     {{"RectangularToPolar", false},
+      {"FlipMapping", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}},
      [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
     {"barrel_keystones_nearest_cmyk_colour_16_bits",
      {"barrel", "--distortion", "0.4", "--hkeystone", "0.1", "--vkeystone", "-0.05", "--nearest", "--color",
       "cmyk(0,255,0,0)", "--depth", "16"},
-     {{"--async"}}, "BarrelDistortEffectRaw",
-     {{"Distortion", 0.4}, {"HorizontalKeystone", 0.1}, {"VerticalKeystone", -0.05}, {"Interpolate", false},
+     {{"--async"}},
+     "BarrelDistortEffectRaw",
+     {{"Distortion", 0.4},
+      {"HorizontalKeystone", 0.1},
+      {"VerticalKeystone", -0.05},
+      {"Interpolate", false},
       {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}},
      [](const Image& file) { return ConvertDepth(file, 16); }},
-    {"oilpaint_brush_smoothness_mask", {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "mask.png"},
-     {{"--threads", "1"}, {"--threads", "3"}}, "OilPaintEffectRaw",
+    {"oilpaint_brush_smoothness_mask",
+     {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "mask.png"},
+     {{"--threads", "1"}, {"--threads", "3"}},
+     "OilPaintEffectRaw",
      {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}}},
-    {"interlace_odd_defaults", {"interlace", "--horizontal", "odd"}, {}, "InterlaceEffectRaw",
+    {"interlace_odd_defaults",
+     {"interlace", "--horizontal", "odd"},
+     {},
+     "InterlaceEffectRaw",
      {{"HorizontalInterlaceType", int64_t{1}}}},
     {"polar_defaults", {"polar"}, {}, "PolarCoordinatesEffectRaw", {}},
-    {"barrel_distortion_defaults", {"barrel", "--distortion", "0.4"}, {}, "BarrelDistortEffectRaw", {{"Distortion", 0.4}}},
+    {"barrel_distortion_defaults",
+     {"barrel", "--distortion", "0.4"},
+     {},
+     "BarrelDistortEffectRaw",
+     {{"Distortion", 0.4}}},
     {"oilpaint_defaults", {"oilpaint"}, {}, "OilPaintEffectRaw", {}},
 };
 
@@ -368,8 +428,10 @@ TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
     for (const auto& [in, image] : expected) words.push_back(in);
     ASSERT_EQ(RunTool(words, scratch).status, 0) << testing::PrintToString(words);
     for (const auto& [in, image] : expected)
-      EXPECT_TRUE(ReadImage(scratch / ("out" + std::to_string(run) + "/" + fs::path(in).stem().string() + ".tiff")).image ==
-                  image) << in << run;
+      EXPECT_TRUE(
+          ReadImage(scratch / ("out" + std::to_string(run) + "/" + fs::path(in).stem().string() + ".tiff")).image ==
+          image)
+          << in << run;
   }
 }
 
@@ -394,12 +456,14 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::rename(scratch / "prefix", scratch / "moved");
   const std::string module = scratch / "moved/lib/rawfx/rawfx.so", installed = scratch / "moved/bin/rawfx";
   const std::string tool = "exec env -u RAWFX_MODULE TMPDIR=notes.png " + installed;
-  for (const auto& [name, image] : std::map<std::string, Image>{
-           {"rgb.png", TestImage(24, 16, Layout::RGB, 8)}, {"rgb16.png", TestImage(24, 16, Layout::RGB, 16)},
-           {"mask.png", TestImage(10, 10, Layout::Gray, 8)}, {"ga.png", TestImage(30, 20, Layout::GrayAlpha, 16)},
-           {"ink.tif", TestImage(5, 4, Layout::CMYK, 8)}})
+  for (const auto& [name, image] : std::map<std::string, Image>{{"rgb.png", TestImage(24, 16, Layout::RGB, 8)},
+                                                                {"rgb16.png", TestImage(24, 16, Layout::RGB, 16)},
+                                                                {"mask.png", TestImage(10, 10, Layout::Gray, 8)},
+                                                                {"ga.png", TestImage(30, 20, Layout::GrayAlpha, 16)},
+                                                                {"ink.tif", TestImage(5, 4, Layout::CMYK, 8)}})
     Save(image, scratch / name);
-  WriteTiff(scratch / "pages.tif", {TestImage(10, 5, Layout::Gray, 8), TestImage(6, 4, Layout::Gray, 8)}, PHOTOMETRIC_MINISBLACK);
+  WriteTiff(scratch / "pages.tif", {TestImage(10, 5, Layout::Gray, 8), TestImage(6, 4, Layout::Gray, 8)},
+            PHOTOMETRIC_MINISBLACK);
   WriteBytes(scratch / "notes.png", "shopping list\n");
   const fs::perms owner = fs::perms::owner_read | fs::perms::owner_write;
   const fs::perms readOnly = fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read;
@@ -413,17 +477,26 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   std::vector<Expected> runs = {
       // Runs that succeed; the first writes the output that no failure below may touch.
       {{"oilpaint", "--depth", "8", "rgb16.png", "out.png"}, 0, ""},
-      {{"info", "ga.png"}, 0, "ga.png: PNG\n  size:      30 x 20 (0.00 megapixels)\n  channels:  2 (grey+alpha)\n  depth:   "
-                              "  16 bits per channel\n  alpha:     yes\n  loads as:  RGBA bitmap (format 5), 16 bits per "
-                              "channel, grey+alpha widened to RGBA\n"},
+      {{"info", "ga.png"},
+       0,
+       "ga.png: PNG\n  size:      30 x 20 (0.00 megapixels)\n  channels:  2 (grey+alpha)\n  depth:   "
+       "  16 bits per channel\n  alpha:     yes\n  loads as:  RGBA bitmap (format 5), 16 bits per "
+       "channel, grey+alpha widened to RGBA\n"},
       {{"info", "pages.tif"}, 0, "  pages:     2\n"},
-      {{"interlace", "pages.tif", "first.png"}, 0, "note: pages.tif has 2 pages; page 1 was used (choose one with --page)\n"},
+      {{"interlace", "pages.tif", "first.png"},
+       0,
+       "note: pages.tif has 2 pages; page 1 was used (choose one with --page)\n"},
       {{"interlace", "-q", "--page", "2", "pages.tif", "second.png"}, 0, ""},
-      {{"barrel", "--model", "cmyk", "rgb.png", "cmyk.png"}, 0, "note: cmyk.png: PNG cannot hold 8-bit CMYK: written as 8-bit RGB"},
+      {{"barrel", "--model", "cmyk", "rgb.png", "cmyk.png"},
+       0,
+       "note: cmyk.png: PNG cannot hold 8-bit CMYK: written as 8-bit RGB"},
       {{"polar", "rgb16.png", "fit.Jpeg"}, 0, "note: fit.Jpeg: JPEG cannot hold 16-bit RGB: written as 8-bit RGB"},
-      {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"}, 0, "rawfx: module " + module + "\nrawfx: reading ga.png\n"
-                                                                    "rawfx: polar coordinates: ga.png, 30 x 20 RGBA, 16 bits, "
-                                                                    "bitmap format RGBA, 2 threads\n"},
+      {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"},
+       0,
+       "rawfx: module " + module +
+           "\nrawfx: reading ga.png\n"
+           "rawfx: polar coordinates: ga.png, 30 x 20 RGBA, 16 bits, "
+           "bitmap format RGBA, 2 threads\n"},
       {{"polar", "--verbose", "--async", "ga.png", "v.png"}, 0, "ApplyAsync took"},
       {{"polar", "--verbose", "ga.png", "v.png"}, 0, "megapixels/s; wrote v.png\nrawfx: phases: reading "},
       {{"--help-all"}, 0, "--hkeystone"},
@@ -439,15 +512,21 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       {{"oilpaint", "notes.png", "out.png"}, 2, "cannot read notes.png: " + notAnImage},
       {{"info", "notes.png"}, 2, notAnImage},
       {{"info", "-"}, 2, "rawfx: cannot read standard input: " + notAnImage + "\n", tool + " < /dev/zero"},
-      {{"polar", "rgb.png", "/sys/out.png"}, 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
+      {{"polar", "rgb.png", "/sys/out.png"},
+       2,
+       "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
       {{"polar", "rgb.png", "no/such/dir/out.png"}, 2, "No such file or directory"},
-      {{"polar", "rgb.png", "locked.png"}, 2, "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
+      {{"polar", "rgb.png", "locked.png"},
+       2,
+       "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
       {{"polar", "rgb.png", "out.bmp"}, 2, "the name must end in .png"},
       {{"polar", "rgb.png", "dir.png/out"}, 2, "the name must end in .png"},
       {{"polar", "rgb.png", "rgb.png"}, 2, "rgb.png is the input file; rawfx never overwrites what it reads"},
       {{"oilpaint", "--mask", "mask.png", "rgb.png", "mask.png"}, 2, "is the mask file"},
       {{"polar", "rgb.png", "out.png", "--suffix", "-x"}, 2, "--suffix needs --out-dir"},
-      {{"polar", "rgb.png", "rgb16.png", "out.png"}, 2, "give one INPUT and one OUTPUT, or INPUT... with --out-dir DIR (got 3"},
+      {{"polar", "rgb.png", "rgb16.png", "out.png"},
+       2,
+       "give one INPUT and one OUTPUT, or INPUT... with --out-dir DIR (got 3"},
       {{"polar", "rgb.png", "x/rgb.png", "--out-dir", "o"}, 2, "would both be written to o/rgb.png"},
       {{"polar", "rgb.png", "rgb16.png", "--out-dir", ".", "--format", "png"}, 2, "is the input file rgb.png"},
       {{"oilpaint", "--mask", "mask.png", "rgb.png", "out.png"}, 2, "is 10 x 10 but the input is 24 x 16"},
@@ -463,13 +542,19 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       // The effect refusing the bitmap: status 1.
       {{"oilpaint", "rgb16.png", "out.png"}, 1, "oil paint works on 8-bit images; use --depth 8"},
       // Options out of range, malformed or unknown: status 2.
-      {{"oilpaint", "--brush", "6", "rgb.png", "out.png"}, 2, "--brush: 6 is outside [1 - 5] (see rawfx oilpaint --help)"},
+      {{"oilpaint", "--brush", "6", "rgb.png", "out.png"},
+       2,
+       "--brush: 6 is outside [1 - 5] (see rawfx oilpaint --help)"},
       {{"oilpaint", "--smoothness", "0.02", "rgb.png", "out.png"}, 2, "--smoothness: 0.02 is outside [0.04 - 1]"},
       {{"barrel", "--distortion", "abc", "rgb.png", "out.png"}, 2, "--distortion: 'abc' is not a number"},
       {{"barrel", "--hkeystone", "nan", "rgb.png", "out.png"}, 2, "--hkeystone: nan is outside [-1 - 1]"},
-      {{"interlace", "--horizontal", "sideways", "rgb.png", "out.png"}, 2, "--horizontal: sideways not in {none,odd,even}"},
+      {{"interlace", "--horizontal", "sideways", "rgb.png", "out.png"},
+       2,
+       "--horizontal: sideways not in {none,odd,even}"},
       {{"polar", "--colour", "#12345", "rgb.png", "out.png"}, 2, "3, 4, 6 or 8 digits"},
-      {{"oilpaint", "--color", "red", "rgb.png", "out.png"}, 2, "unknown option --color for rawfx oilpaint"},  // no background
+      {{"oilpaint", "--color", "red", "rgb.png", "out.png"},
+       2,
+       "unknown option --color for rawfx oilpaint"},  // no background
       {{"blur", "rgb.png", "out.png"}, 2, "unknown command 'blur'"},
       // A module that does not load: status 3. One named explicitly wins over the installed one.
       {{"polar", "--module", "rgb.png", "rgb.png", "b.png"}, 3, broken},
@@ -495,10 +580,12 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   EXPECT_EQ(std::distance(fs::directory_iterator(scratch / "real"), {}), 1);
   // Many inputs into one folder: each result as if run alone, the run goes on after a
   // failed file, and one summary line ends it; the status is the worst file's.
-  const ToolResult run = RunTool({"oilpaint", "--out-dir", "batch", "--suffix", "-oil", "--format", "tiff", "-q", "rgb.png",
-                                  "rgb16.png", "notes.png", "ink.tif"}, scratch, tool);
+  const ToolResult run = RunTool({"oilpaint", "--out-dir", "batch", "--suffix", "-oil", "--format", "tiff", "-q",
+                                  "rgb.png", "rgb16.png", "notes.png", "ink.tif"},
+                                 scratch, tool);
   EXPECT_EQ(run.status, 2);
-  EXPECT_TRUE(run.err.ends_with("rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n")) << run.err;
+  EXPECT_TRUE(run.err.ends_with("rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n"))
+      << run.err;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 3) << "one line per failure and the summary";
   EXPECT_EQ(ReadText(scratch / "batch/rgb-oil.tiff"), ReadText(scratch / "alone.TIFF"));
   EXPECT_EQ(ReadImage(scratch / "batch/ink-oil.tiff").image.layout, Layout::CMYK);
@@ -506,8 +593,10 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   const ToolResult bare = RunTool({}, scratch, tool);
   EXPECT_TRUE(bare.status == 2 && bare.err.find("Subcommands:") != std::string::npos) << bare.err;
   fs::remove(module);
-  ExpectRuns(scratch, {{{"polar", "rgb.png", "b.png"}, 3, "installation error: the effects module is missing (looked for " + module}},
-             tool);
+  ExpectRuns(
+      scratch,
+      {{{"polar", "rgb.png", "b.png"}, 3, "installation error: the effects module is missing (looked for " + module}},
+      tool);
 }
 
 // A signal at each phase of a run: the tool exits within a second with 128 + the
@@ -516,7 +605,7 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
   ScratchDir scratch;
   const std::string big = scratch / "big.png", paint = scratch / "paint.png", out = scratch / "out.png";
   Save(TestImage(1200, 900, Layout::RGBA, 16), big);  // slow to read and to write
-  Save(SampleImage(1200, 900), paint);                 // slow to oil-paint on one thread
+  Save(SampleImage(1200, 900), paint);                // slow to oil-paint on one thread
   WriteBytes(out, "old");
   const auto before = scratch.snapshot();
   const Words slowEffect = {"oilpaint", "--brush", "5", "--threads", "1", "-v", paint, out};
@@ -534,7 +623,8 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
     for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
          std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
       std::string seen = ReadText(scratch / ".err");
-      for (const fs::directory_entry& entry : fs::directory_iterator(scratch.path)) seen += "\n" + entry.path().filename().string();
+      for (const fs::directory_entry& entry : fs::directory_iterator(scratch.path))
+        seen += "\n" + entry.path().filename().string();
       if (seen.find(moment) != std::string::npos) break;
     }
     const auto sent = std::chrono::steady_clock::now();
@@ -557,7 +647,8 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
   ScratchDir scratch;
   const std::string directory = scratch / "demo";
   Save(TestImage(500, 100, Layout::RGBA, 16), scratch / "mine.png");
-  ExpectRuns(scratch, {{{"demo", "--out", directory, "--size", "96", "--input", scratch / "mine.png"}, 0, "wrote 24 results"}});
+  ExpectRuns(scratch,
+             {{{"demo", "--out", directory, "--size", "96", "--input", scratch / "mine.png"}, 0, "wrote 24 results"}});
   EXPECT_EQ(RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch).out, "");
   const std::string page = ReadText(directory + "/index.html");
   int pictures = 0;  // each source, its mask and 12 results
@@ -566,19 +657,20 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
     if (name == "index.html" || name == "contact-sheet.png") continue;
     const Image image = ReadImage(entry.path()).image;
     const bool photo = name.starts_with("photo");
-    EXPECT_EQ(std::pair(image.width, image.height), std::pair(photo ? int64_t{166} : 96, photo ? int64_t{33} : 72)) << name;
+    EXPECT_EQ(std::pair(image.width, image.height), std::pair(photo ? int64_t{166} : 96, photo ? int64_t{33} : 72))
+        << name;
     EXPECT_NE(page.find("<a href=\"" + name + "\"><img src=\"" + name + "\""), std::string::npos) << name;
     ++pictures;
   }
   EXPECT_EQ(pictures, 28);
   EXPECT_NE(page.find("rawfx oilpaint --brush 4 --mask mask.png sample.png oilpaint-masked.png"), std::string::npos);
-  const Image sheet = ReadImage(directory + "/contact-sheet.png").image, mask = ReadImage(directory + "/mask.png").image;
+  const Image sheet = ReadImage(directory + "/contact-sheet.png").image,
+              mask = ReadImage(directory + "/mask.png").image;
   EXPECT_EQ(std::pair(sheet.width, sheet.height), std::pair(int64_t{8 + 4 * (96 + 8)}, int64_t{8 + 4 * (72 + 8)}));
   EXPECT_TRUE(mask.layout == Layout::Gray && mask.sample(36 * 96 + 48) == 0 && mask.sample(0) == 255);
   for (const char* name : {"/sample.png", "/oilpaint.png"})
     EXPECT_EQ(ReadText(scratch / "again" + name), ReadText(directory + name)) << name;
 }
-
 
 // A camera picture with its orientation, a photographer's EXIF (300 dpi), XMP, IPTC and
 // the header of an RGB colour profile padded to its declared size (256 bytes, big-endian).
@@ -586,10 +678,12 @@ void MakePhoto(const std::string& path, const Image& stored, int orientation) {
   Save(stored, path);
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
   Exiv2::ExifData exif;
-  for (const auto& [key, value] : std::map<std::string, std::string>{
-           {"Image.Orientation", std::to_string(orientation)}, {"Image.Artist", "A. Photographer"},
-           {"Image.XResolution", "300/1"}, {"Image.YResolution", "300/1"}, {"Image.ResolutionUnit", "2"},
-           {"GPSInfo.GPSLatitudeRef", "N"}})
+  for (const auto& [key, value] : std::map<std::string, std::string>{{"Image.Orientation", std::to_string(orientation)},
+                                                                     {"Image.Artist", "A. Photographer"},
+                                                                     {"Image.XResolution", "300/1"},
+                                                                     {"Image.YResolution", "300/1"},
+                                                                     {"Image.ResolutionUnit", "2"},
+                                                                     {"GPSInfo.GPSLatitudeRef", "N"}})
     exif["Exif." + key] = value;
   Exiv2::XmpData xmp;
   xmp["Xmp.dc.rights"] = "CC0";
@@ -622,12 +716,14 @@ std::string Carried(const std::string& path) {
 Image Upright(const Image& stored, int orientation) {
   const bool swap = orientation >= 5, mirrorX = "01100011"[orientation - 1] == '1';
   const bool mirrorY = "00110110"[orientation - 1] == '1';
-  Image upright = Image::Blank(swap ? stored.height : stored.width, swap ? stored.width : stored.height, stored.layout, 8);
+  Image upright =
+      Image::Blank(swap ? stored.height : stored.width, swap ? stored.width : stored.height, stored.layout, 8);
   const int channels = stored.channels();
   for (int64_t y = 0; y < upright.height; ++y)
     for (int64_t x = 0; x < upright.width; ++x) {
       const int64_t sx = swap ? y : x, sy = swap ? x : y, from = mirrorX ? stored.width - 1 - sx : sx;
-      std::copy_n(stored.row(mirrorY ? stored.height - 1 - sy : sy) + from * channels, channels, upright.row(y) + x * channels);
+      std::copy_n(stored.row(mirrorY ? stored.height - 1 - sy : sy) + from * channels, channels,
+                  upright.row(y) + x * channels);
     }
   return upright;
 }
@@ -652,12 +748,17 @@ TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
   }
   // --strip writes none of it; a grey output cannot carry an RGB profile, and says so.
   const std::string in = scratch / "in.png";
-  ExpectRuns(scratch, {
-      {{"interlace", "--strip", in, scratch / "bare.png"}, 0, ""},
-      {{"interlace", "--model", "gray", in, scratch / "grey.png"}, 0, "ICC profile is for RGB colour but the output holds grey"},
-      {{"info", in}, 0, "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
-                        "XMP: 1 properties\n  IPTC: 1 datasets\n"},
-  });
+  ExpectRuns(scratch,
+             {
+                 {{"interlace", "--strip", in, scratch / "bare.png"}, 0, ""},
+                 {{"interlace", "--model", "gray", in, scratch / "grey.png"},
+                  0,
+                  "ICC profile is for RGB colour but the output holds grey"},
+                 {{"info", in},
+                  0,
+                  "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
+                  "XMP: 1 properties\n  IPTC: 1 datasets\n"},
+             });
   EXPECT_EQ(Carried(scratch / "bare.png"), "-;-;-;-;-;0");
   EXPECT_TRUE(ReadImage(scratch / "bare.png").image == Upright(ReadImage(in).image, 8));
   EXPECT_EQ(RunTool({"info", scratch / "bare.png"}, scratch).out.find("resolution"), std::string::npos);
@@ -708,8 +809,9 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   WriteBytes(scratch / "zeros.png", "");
   fs::resize_file(scratch / "zeros.png", 1 << 30);  // sparse: 1 GiB of zeros on no disk
   const auto polar = [&](const std::string& input, const std::string& output = "out.tif") {
-    return Words{"polar", "-q", "--threads", "1", "--compress", "none", "--max-pixels", "2000000000", scratch / input,
-                 scratch / output};
+    return Words{
+        "polar",         "-q", "--threads", "1", "--compress", "none", "--max-pixels", "2000000000", scratch / input,
+        scratch / output};
   };
   // One malloc arena, whose reservations would otherwise count as used.
   const auto room = [](double size) {
@@ -721,18 +823,19 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
     (RunTool(polar("tiny.tif"), scratch, room(middle)).status == 0 ? tiny : low) = middle;
   }
   ExpectRuns(scratch, {
-      {polar("large.tif"), 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
-      {polar("large.tif"), 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
-      {{"info", scratch / "wide.png"}, 2, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused",
-       room(tiny)},
-      {polar("side.png"), 2, "a PNG side longer than 1000000", room(tiny)},
-      {polar("huge.png"), 2, "the host cannot make", room(tiny)},
-      {{"info", scratch / "zeros.png"}, 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
-      {polar("tall.tif", "o.png"), 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
-      {polar("large.tif"), 0, "", room(tiny + 2.2 * bytes)},
-  });
+                          {polar("large.tif"), 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
+                          {polar("large.tif"), 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
+                          {{"info", scratch / "wide.png"},
+                           2,
+                           "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused",
+                           room(tiny)},
+                          {polar("side.png"), 2, "a PNG side longer than 1000000", room(tiny)},
+                          {polar("huge.png"), 2, "the host cannot make", room(tiny)},
+                          {{"info", scratch / "zeros.png"}, 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
+                          {polar("tall.tif", "o.png"), 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
+                          {polar("large.tif"), 0, "", room(tiny + 2.2 * bytes)},
+                      });
 }
-
 
 }  // namespace
 }  // namespace rawfx::tool::test
