@@ -9,6 +9,7 @@
 
 #include "imaging/color_order.h"
 #include "imaging/cpu_dispatch.h"
+#include "imaging/memory.h"
 #include "plugin/host_binding.h"
 #include "support/host_fixture.h"
 
@@ -200,6 +201,21 @@ TEST(BackgroundColour, IsConvertedToTheBitmapsFamilyAndOrdered) {
     }
     EXPECT_EQ(std::make_tuple(gCMYKRef, gClassLookups), std::make_tuple(kCMYKClass, S{kCMYKColorClass}));
   });
+}
+
+// The allocation limit the failure tests rely on: exactly `count` blocks, then nil
+// until the limit is lifted; the live count follows NewPtr and DisposePtr.
+TEST(Memory, AllocationLimitGrantsExactlyItsCountOfBlocks) {
+  const int64_t live = rawfx::memory::LiveBlockCount();
+  rawfx::memory::FailAllocationsAfter(1);
+  void* granted = NewPtr(8);
+  void* refused = NewPtr(8);
+  rawfx::memory::FailAllocationsAfter(-1);
+  void* unlimited = NewPtr(8);
+  EXPECT_EQ(std::make_tuple(granted != nullptr, refused, unlimited != nullptr, rawfx::memory::LiveBlockCount()),
+            std::make_tuple(true, nullptr, true, live + 2));
+  for (void* block : {granted, unlimited}) DisposePtr(block);
+  EXPECT_EQ(rawfx::memory::LiveBlockCount(), live);
 }
 
 // ---- bitmap creation, through a real host ------------------------------------------------------
