@@ -1,10 +1,13 @@
 #include "support/differential.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <sstream>
 #include <type_traits>
 
@@ -166,6 +169,36 @@ int64_t OffsetOf(const Layout& l, bool source, int32_t x, int32_t y, int channel
 // 16-bit samples are little-endian, as on every machine the kernels run on.
 uint32_t Read(const uint8_t* p, int sampleBytes) { return sampleBytes == 1 ? *p : p[0] | p[1] << 8; }
 
+// A copy of bytes that ends where an inaccessible page begins (as close as a
+// start aligned to `align` allows), so that a kernel reading past the end of
+// its source faults in every build, not only under AddressSanitizer.
+class PageEndCopy {
+ public:
+  PageEndCopy(const std::vector<uint8_t>& bytes, size_t align) : size_(bytes.size()) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    mapped_ = (size_ + align + page - 1) / page * page + page;
+    void* mapped = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) throw std::bad_alloc();
+    base_ = static_cast<uint8_t*>(mapped);
+    uint8_t* guard = base_ + mapped_ - page;
+    mprotect(guard, page, PROT_NONE);
+    data_ = guard - size_;
+    data_ -= reinterpret_cast<uintptr_t>(data_) % align;
+    std::copy(bytes.begin(), bytes.end(), data_);
+  }
+  ~PageEndCopy() { munmap(base_, mapped_); }
+  PageEndCopy(const PageEndCopy&) = delete;
+  PageEndCopy& operator=(const PageEndCopy&) = delete;
+
+  uint8_t* data() const { return data_; }
+  uint8_t* end() const { return data_ + size_; }
+
+ private:
+  size_t size_, mapped_;
+  uint8_t* base_;
+  uint8_t* data_;
+};
+
 }  // namespace
 
 std::string KernelCaseBase::Describe() const {
@@ -206,14 +239,15 @@ uint32_t KernelCaseBase::Result(const Outcome& out, int32_t x, int32_t y, int ch
 // progress and cancel.
 Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction part) const {
   auto& head = *static_cast<GenericMPParams*>(params);
-  std::vector<uint8_t> src = source, dst = destination;
+  const PageEndCopy src(source, static_cast<size_t>(std::max(l.sampleBytes, 1)));
+  std::vector<uint8_t> dst = destination;
   RawBitmap records[2] = {srcRecord, dstRecord};
   head.width = l.width;
   head.height = l.height;
   head.progress = 0;
   head.cancel = 0;
   head.srcPixels = src.data() + srcAt;
-  head.dstPixels = (destination.empty() ? src : dst).data() + dstAt;
+  head.dstPixels = (destination.empty() ? src.data() : dst.data()) + dstAt;
   head.srcRowBytes = l.srcRowBytes;
   head.dstRowBytes = l.dstRowBytes;
   head.srcPixelBytes = l.srcPixelBytes;
@@ -242,7 +276,7 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   out.blockUntouched = std::equal(before.begin(), before.end(), bytes);
   out.queries = std::move(recording.queries);
   out.memory = std::move(dst);
-  out.memory.insert(out.memory.end(), src.begin(), src.end());
+  out.memory.insert(out.memory.end(), src.data(), src.end());
   return out;
 }
 
