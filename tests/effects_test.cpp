@@ -7,17 +7,22 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
+#include <initializer_list>
 #include <limits>
+#include <mutex>
 #include <new>
+#include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "effects/barrel/barrel_class.h"
 #include "effects/interlace/interlace_kernels.h"
 #include "effects/oilpaint/oilpaint_class.h"
 #include "effects/polar/polar_kernels.h"
 #include "support/barrel_reference.h"
-#include "support/effect_checks.h"
+#include "support/host_fixture.h"
 #include "support/interlace_reference.h"
 #include "support/oilpaint_kernel_reference.h"
 #include "support/polar_reference.h"
@@ -83,36 +88,105 @@ void operator delete[](void* p, size_t) noexcept { Release(p); }
 namespace {
 
 using namespace rawfx::test;
+using namespace rawfx::test::fault;
 using namespace BarrelKeystone;
+using rawfx::host::BitmapView;
 using rawfx::host::EngineCall;
+using rawfx::host::SplitPolicy;
 namespace ref = rawfx::reference;
 
-constexpr const char* kInterlace = "InterlaceEffectRaw";
-constexpr const char* kPolar = "PolarCoordinatesEffectRaw";
-constexpr const char* kBarrel = "BarrelDistortEffectRaw";
-constexpr const char* kOilPaint = "OilPaintEffectRaw";
-constexpr const char* kApply4 =
-    "Apply(source as RawBitmap,rectangularToPolar as Boolean,flipMapping as Boolean,"
-    "backColor as ZandoriaColors.GenericColor) as RawBitmap";
+// RawBitmap format codes besides the shared ones.
+constexpr int64_t kRGB = 3, kARGB = 6, kBGRA = 7, kXRGB = 9, kCMYKA = 14;
 constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-// Two colours of each family that the runs use; no run may change them.
-class Effects : public EffectTest {
+// How an effect must hand a run to the engine, besides the operation.
+struct ExpectedCall {
+  int32_t modeCode;
+  int32_t formatFlags;
+  REALobject mask;
+  bool onePartFunction;  // the same function passed as plain and as masked part
+};
+
+// The pixel bytes of a bitmap, rows packed (padding excluded).
+std::vector<uint8_t> PixelBytes(rawfx::host::Host& host, REALobject bitmap) {
+  std::vector<uint8_t> bytes;
+  for (const std::vector<uint8_t>& row : Rows(host, bitmap)) bytes.insert(bytes.end(), row.begin(), row.end());
+  return bytes;
+}
+
+// The value a colour gives each channel of a bitmap of that format and depth,
+// in the bitmap's order: the colour converted to the bitmap's family, alpha
+// only when includeAlpha, -1 for a channel that carries no component.
+std::vector<int32_t> BackgroundValues(rawfx::host::Host& host, REALobject colour, int64_t format, int bits,
+                                      bool includeAlpha) {
+  const rawfx::host::FormatInfo& info = *rawfx::host::FindFormat(format);
+  const RGBColorData rgb = host.RGBColor(colour);
+  const CMYKColorData cmyk = host.CMYKColor(colour);
+  const auto pick = [bits](int32_t narrow, int32_t wide) { return bits == 16 ? wide : narrow; };
+  // The components at the red, green, blue, black and alpha positions; the
+  // first of them wins where positions coincide (grey formats).
+  const int32_t parts[] = {info.cmyk ? pick(cmyk.cyan, cmyk.cyan16) : pick(rgb.red, rgb.red16),
+                           info.cmyk ? pick(cmyk.magenta, cmyk.magenta16) : pick(rgb.green, rgb.green16),
+                           info.cmyk ? pick(cmyk.yellow, cmyk.yellow16) : pick(rgb.blue, rgb.blue16),
+                           pick(cmyk.black, cmyk.black16),
+                           info.cmyk ? pick(cmyk.alpha, cmyk.alpha16) : pick(rgb.alpha, rgb.alpha16)};
+  const uint8_t positions[] = {info.red, info.green, info.blue, info.black, includeAlpha ? info.alpha : uint8_t{0xFF}};
+  std::vector<int32_t> values(kMaxChannels, -1);
+  for (int i = 4; i >= 0; --i)
+    if (positions[i] < kMaxChannels) values[positions[i]] = parts[i];
+  return values;
+}
+
+// Keeps the objects a test makes and sees every run the engine accepts; two
+// colours of each family that the runs use, which no run may change.
+class Effects : public AsyncHostTest {
  protected:
   void SetUp() override {
-    EffectTest::SetUp();
+    target = Keep(host.NewCMYKColor(0, 0, 0, 0));
     rgb = Keep(host.NewRGBColor(200, 100, 50, 40));
     cmyk = Keep(host.NewCMYKColor(10, 60, 120, 30, 20));
     colourStates = ColourState(rgb) + ColourState(cmyk);
+    host.SetRunInspector(
+        [this](const EngineCall& call, const GenericMPParams&, const std::vector<MPParamBlock>& parts, REALobject) {
+          std::lock_guard lock(mutex_);
+          seen_ = {seen_.count + 1, call, parts};
+        });
   }
   void TearDown() override {
+    host.WaitForAsync();
+    host.SetRunInspector(nullptr);
     EXPECT_EQ(ColourState(rgb) + ColourState(cmyk), colourStates);
-    EffectTest::TearDown();
+    for (REALobject object : kept_) host.Unlock(object);
+    AsyncHostTest::TearDown();
+  }
+
+  // Released at the end of the test, before the leak check.
+  REALobject Keep(REALobject object) {
+    if (object) kept_.push_back(object);
+    return object;
+  }
+  // A kept bitmap of pattern pixels with padded rows.
+  REALobject NewSource(int64_t width, int64_t height, int64_t format, int bits = 8, uint32_t seed = 1) {
+    REALobject bitmap = Keep(NewPattern(host, width, height, format, bits, seed, 6));
+    EXPECT_NE(bitmap, nullptr);
+    return bitmap;
+  }
+  // Runs the method on source to its end: the result with a reference for the
+  // caller, or nil; the source itself after ApplyInPlace. ApplyAsync completes on `target`.
+  REALobject Run(Method method, REALobject effect, REALobject source) {
+    if (method == Method::Apply) return host.Call<REALobject>(effect, kApply, source);
+    if (method == Method::InPlace) {
+      host.Call<void>(effect, kApplyInPlace, source);
+      return source;
+    }
+    host.Call<void>(effect, kApplyAsync, source, target, log.method());
+    host.WaitForAsync();
+    return log.Take(target);
   }
   REALobject Apply4(REALobject effect, REALobject source, bool toPolar, bool flip, REALobject colour) {
-    return host.Call<REALobject>(effect, kApply4, source, static_cast<signed char>(toPolar),
+    return host.Call<REALobject>(effect, kPolarApply4, source, static_cast<signed char>(toPolar),
                                  static_cast<signed char>(flip), colour);
   }
   REALobject SetTypes(REALobject effect, int64_t horizontal, int64_t vertical) {
@@ -127,14 +201,166 @@ class Effects : public EffectTest {
     std::copy(background.begin(), background.end(), params.backColor8);
     std::copy(background.begin(), background.end(), params.backColor16);
   }
+  // The last run the engine accepted, as its run inspector saw it.
+  struct SeenRun {
+    int count = 0;  // runs accepted so far
+    EngineCall call;
+    std::vector<MPParamBlock> parts;
+  };
+  SeenRun Seen() {
+    std::lock_guard lock(mutex_);
+    return seen_;
+  }
+  // Both views of a colour, to show that a run left it as it was.
+  std::string ColourState(REALobject colour) {
+    const RGBColorData asRGB = host.RGBColor(colour);
+    const CMYKColorData asCMYK = host.CMYKColor(colour);
+    return std::string(reinterpret_cast<const char*>(&asRGB), sizeof asRGB) +
+           std::string(reinterpret_cast<const char*>(&asCMYK), sizeof asCMYK);
+  }
 
+  void ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart,
+                              Method method, const ExpectedCall& expected, std::function<REALobject()> run = {});
+  void ExpectRefused(REALobject effect, REALobject source, int64_t code, const std::function<REALobject()>& run);
+  // The same for each of the methods.
+  void ExpectRefused(REALobject effect, REALobject source, int64_t code, std::initializer_list<Method> methods) {
+    for (Method method : methods) {
+      SCOPED_TRACE(testing::Message() << "method " << static_cast<int>(method));
+      ExpectRefused(effect, source, code, [&] {
+        const REALobject result = Run(method, effect, source);
+        return method == Method::InPlace ? nullptr : result;
+      });
+    }
+  }
+  void ExpectHoldsOneLock(REALobject effect, const char* property, REALobject first, REALobject second,
+                          bool nilRemoves);
+
+  REALobject target = nullptr;  // where ApplyAsync completes
   REALobject rgb = nullptr, cmyk = nullptr;
   std::string colourStates;
+
+ private:
+  std::mutex mutex_;  // the inspector runs on engine workers
+  SeenRun seen_;
+  std::vector<REALobject> kept_;
 };
 using InterlaceEffect = Effects;
 using PolarEffect = Effects;
 using BarrelEffect = Effects;
 using OilPaintEffect = Effects;
+
+// Runs `run` (by default the method) with 1 and 4 workers under every split
+// policy. Each run must be handed to the engine as `method` and `expected`
+// say, leave lastError as it was, leave the source unchanged and the result's
+// row padding zero, and give what referencePart makes of the source over the
+// engine's own parts with params (its head filled here, the effect's fields
+// by the caller). `run` returns the destination: a result with a reference for
+// the caller, or the source itself after an in-place run (restored here afterwards).
+void Effects::ExpectMatchesReference(REALobject effect, REALobject source, void* params, PartFunction referencePart,
+                                     Method method, const ExpectedCall& expected, std::function<REALobject()> run) {
+  if (!run) run = [&] { return Run(method, effect, source); };
+  const EngineCall::Operation operation = method == Method::Apply     ? EngineCall::Parts
+                                          : method == Method::InPlace ? EngineCall::PartsInPlace
+                                                                      : EngineCall::PartsAsync;
+  const std::vector<uint8_t> original = PixelBytes(host, source), memory = Pixels(host, source);
+  const std::pair<int, SplitPolicy> setups[] = {{1, SplitPolicy::Balanced},   {4, SplitPolicy::Balanced},
+                                                {4, SplitPolicy::SinglePart}, {4, SplitPolicy::SmallParts},
+                                                {1, SplitPolicy::OddStarts},  {4, SplitPolicy::WithEmptyParts}};
+  for (auto [threads, policy] : setups) {
+    SCOPED_TRACE(testing::Message() << threads << " threads, split policy " << static_cast<int>(policy));
+    host.SetThreads(threads);
+    host.SetSplitPolicy(policy);
+    LastErrorField(host, effect) = 4;  // a success leaves an earlier code as it was
+    const int runsBefore = Seen().count, completionsBefore = log.TotalCalls();
+    const REALobject destination = run();
+    const auto [count, call, parts] = Seen();
+    ASSERT_NE(destination, nullptr);
+    EXPECT_EQ(count, runsBefore + 1);
+    EXPECT_EQ(log.TotalCalls() - completionsBefore, method == Method::Async ? 1 : 0);
+    EXPECT_EQ(log.TotalCalls(), log.Calls(target)) << "completed on another target";
+    EXPECT_EQ(host.LastError(effect), 4);
+    EXPECT_EQ(call.operation, operation);
+    EXPECT_EQ(call.modeCode, expected.modeCode);
+    EXPECT_EQ(call.formatFlags, expected.formatFlags);
+    EXPECT_EQ(call.resultFlag, method == Method::InPlace ? 0 : 1);
+    EXPECT_EQ(call.mask, expected.mask);
+    EXPECT_EQ(call.partFunction == call.maskPartFunction, expected.onePartFunction);
+    // What referencePart makes of the packed pixels over the same parts, one
+    // after the other, into a zeroed destination, the head filled as the engine fills it.
+    std::vector<uint8_t> pixels = original, reference(original.size(), 0);
+    const BitmapView view = host.Bitmap(source);
+    GenericMPParams& head = *static_cast<GenericMPParams*>(params);
+    head = {};
+    head.width = static_cast<int32_t>(view.width);
+    head.height = static_cast<int32_t>(view.height);
+    head.srcPixels = pixels.data();
+    head.dstPixels = reference.data();
+    head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
+    head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
+    head.srcBitmap = head.dstBitmap = view.record;
+    head.maskData =
+        expected.mask ? static_cast<RawBitmapMaskData*>(host.ClassData(expected.mask, "RawBitmapMask")) : nullptr;
+    for (MPParamBlock block : parts) {
+      block.done = 0;
+      block.params = params;
+      referencePart(&block);
+    }
+    EXPECT_EQ(PixelBytes(host, destination), reference);
+    if (destination == source) {
+      std::copy(memory.begin(), memory.end(), host.Bitmap(source).pixels);
+      continue;
+    }
+    EXPECT_EQ(Pixels(host, source), memory) << "the source is never written";
+    const BitmapView made = host.Bitmap(destination);
+    for (int64_t y = 0; y < made.height; ++y)
+      EXPECT_TRUE(std::all_of(made.row(y) + made.width * made.pixelBytes, made.row(y) + made.rowBytes,
+                              [](uint8_t b) { return b == 0; }))
+          << "row padding of row " << y;
+    host.Unlock(destination);
+  }
+  host.SetThreads(0);
+  host.SetSplitPolicy(SplitPolicy::Balanced);
+}
+
+// `run` must give nil, store `code` (over another code stored before), start
+// no run and no completion, and leave the source's memory as it was.
+void Effects::ExpectRefused(REALobject effect, REALobject source, int64_t code, const std::function<REALobject()>& run) {
+  const std::vector<uint8_t> before = source ? Pixels(host, source) : std::vector<uint8_t>{};
+  LastErrorField(host, effect) = code == 4 ? 6 : 4;  // so that the code shows this run stored it
+  const int runs = Seen().count;
+  const rawfx::host::Host::AsyncCounts counts = host.asyncCounts();
+  EXPECT_EQ(run(), nullptr);
+  host.WaitForAsync();
+  EXPECT_EQ(host.LastError(effect), code);
+  EXPECT_EQ(Seen().count, runs) << "no run reached the engine";
+  EXPECT_EQ(host.asyncCounts().started, counts.started);
+  EXPECT_EQ(host.asyncCounts().completionCalls, counts.completionCalls);
+  EXPECT_EQ(source ? Pixels(host, source) : before, before);
+}
+
+// The effect holds exactly one lock on the object in property: setting it
+// twice takes one, the getter hands out its own, nil is ignored (colours)
+// or removes the object (masks), and a replaced object is released.
+void Effects::ExpectHoldsOneLock(REALobject effect, const char* property, REALobject first, REALobject second,
+                                 bool nilRemoves) {
+  SCOPED_TRACE(property);
+  const int64_t firstRefs = host.RefCount(first), secondRefs = host.RefCount(second);
+  host.Set<REALobject>(effect, property, first);
+  host.Set<REALobject>(effect, property, first);  // the object it already holds
+  EXPECT_EQ(host.RefCount(first), firstRefs + 1);
+  REALobject got = host.Get<REALobject>(effect, property);
+  EXPECT_EQ(got, first);
+  EXPECT_EQ(host.RefCount(first), firstRefs + 2) << "the getter hands out a reference of its own";
+  host.Unlock(got);
+  host.Set(effect, property, nullptr);
+  got = host.Get<REALobject>(effect, property);
+  EXPECT_EQ(got, nilRemoves ? nullptr : first);
+  host.Unlock(got);
+  EXPECT_EQ(host.RefCount(first), firstRefs + (nilRemoves ? 0 : 1));
+  host.Set<REALobject>(effect, property, second);
+  EXPECT_EQ(host.RefCount(first), firstRefs);
+  EXPECT_EQ(host.RefCount(second), secondRefs + 1);
+}
 
 // The objects a class holds: one lock each, whichever way they are set; a
 // default colour is the effect's own, handed out with a reference of the getter's.
@@ -246,13 +472,13 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
       if (row.channels) (row.bits == 8 ? record.bytesPerPixel : record.channelCount) = row.channels;
     }
     REALobject compared = row.height == 6 ? source : nullptr;  // a patched height's pixels are not all there
-    ExpectRefused(effect, compared, row.code, [&] { return Run(Via::Apply, effect, source); });
-    if (row.className == kInterlace) ExpectRefused(effect, compared, row.code, {Via::InPlace});
-    if (row.className == kBarrel) ExpectRefused(effect, compared, row.code, {Via::Async});
+    ExpectRefused(effect, compared, row.code, [&] { return Run(Method::Apply, effect, source); });
+    if (row.className == kInterlace) ExpectRefused(effect, compared, row.code, {Method::InPlace});
+    if (row.className == kBarrel) ExpectRefused(effect, compared, row.code, {Method::Async});
     if (row.className == kPolar) {
       ExpectRefused(effect, compared, row.code, [&] { return Apply4(effect, source, row.first, true, colour); });
       Watch(kBlockSize + (row.nilSource || row.first ? 0 : PolarColumnTableBytes(9, row.height)));
-      ExpectRefused(effect, compared, row.code, [&] { return Run(Via::Async, effect, source); });
+      ExpectRefused(effect, compared, row.code, [&] { return Run(Method::Async, effect, source); });
       EXPECT_EQ(Watched(), std::pair(1, 0)) << "the block was taken and freed";
     }
     if (source) *host.Bitmap(source).record = saved;
@@ -260,7 +486,7 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
   REALobject polar = Keep(host.New(kPolar)), source = NewSource(9, 6, kRGB);
   ExpectRefused(polar, source, 4, [&] { return Apply4(polar, source, true, true, nullptr); });
   Watch(kBlockSize, true);  // wrapping takes no table: the block is the one allocation
-  ExpectRefused(polar, source, 5, {Via::Async});
+  ExpectRefused(polar, source, 5, {Method::Async});
   Watch(0);
   EXPECT_EQ(host.lastEngineCall().operation, EngineCall::None);
 }
@@ -280,11 +506,11 @@ TEST_F(InterlaceEffect, BothTypesNoneReturnTheSourceItself) {
       REALobject source = NewSource(4, 3, kCMYK, bits);
       host.Bitmap(source).record->bitsPerChannel = static_cast<uint8_t>(claimedBits);
       const std::vector<uint8_t> before = PixelBytes(host, source);
-      REALobject result = Run(Via::Apply, effect, source);
+      REALobject result = Run(Method::Apply, effect, source);
       EXPECT_EQ(result, source);
       EXPECT_EQ(host.RefCount(source), 2);
       host.Unlock(result);
-      Run(Via::InPlace, effect, source);
+      Run(Method::InPlace, effect, source);
       EXPECT_EQ(host.RefCount(source), 1);
       EXPECT_EQ(PixelBytes(host, source), before);
       EXPECT_EQ(host.LastError(effect), 0);
@@ -327,7 +553,7 @@ TEST_F(InterlaceEffect, RunsMatchTheReferenceKernels) {
           SetTypes(effect, types / 3, types % 3);
           params.horizontalType = types / 3;
           params.verticalType = types % 3;
-          for (Via via : {Via::Apply, Via::InPlace})
+          for (Method via : {Method::Apply, Method::InPlace})
             ExpectMatchesReference(effect, source, &params, reference, via,
                                    {2, bits == 8 ? 13 : 14, masked ? mask : nullptr, false});
         }
@@ -351,7 +577,7 @@ TEST_F(InterlaceEffect, EightChannelsOfEightBitsRun) {
   for (const uint8_t colour : {record.redOffset, record.greenOffset, record.blueOffset})
     params.channelValues[colour] = 0;
   params.channelValues[record.alphaOffset] = 255;
-  ExpectMatchesReference(effect, source, &params, ref::InterlacePart, Via::InPlace, {2, 13, nullptr, false});
+  ExpectMatchesReference(effect, source, &params, ref::InterlacePart, Method::InPlace, {2, 13, nullptr, false});
   record.bitsPerChannel = 16;
 }
 
@@ -368,15 +594,15 @@ TEST_F(PolarEffect, RunsMatchTheReferenceKernels) {
     int64_t format;
     int bits;
     REALobject colour;  // nil: the default colour
-    Via via;
+    Method via;
     bool arguments;  // the four-argument Apply
   };
   const Row rows[] = {
-      {true, true, kRGBA, 8, nullptr, Via::Apply, false}, {false, true, kRGBA, 16, rgb, Via::Apply, false},
-      {true, false, kXRGB, 8, rgb, Via::Apply, true},     {false, false, kARGB, 16, rgb, Via::Async, false},
-      {true, true, kCMYKA, 8, rgb, Via::Apply, true},     {false, true, kRGB, 16, cmyk, Via::Async, false},
-      {true, false, kCMYK, 16, cmyk, Via::Apply, false},  {false, false, kXRGB, 16, cmyk, Via::Apply, true},
-      {true, true, kARGB, 8, cmyk, Via::Async, false},
+      {true, true, kRGBA, 8, nullptr, Method::Apply, false}, {false, true, kRGBA, 16, rgb, Method::Apply, false},
+      {true, false, kXRGB, 8, rgb, Method::Apply, true},     {false, false, kARGB, 16, rgb, Method::Async, false},
+      {true, true, kCMYKA, 8, rgb, Method::Apply, true},     {false, true, kRGB, 16, cmyk, Method::Async, false},
+      {true, false, kCMYK, 16, cmyk, Method::Apply, false},  {false, false, kXRGB, 16, cmyk, Method::Apply, true},
+      {true, true, kARGB, 8, cmyk, Method::Async, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "wrapping " << row.toPolar << ", flip " << row.flip << ", format " << row.format
@@ -430,7 +656,7 @@ TEST_F(PolarEffect, EveryRunTakesItsTableAndGivesItBack) {
     host.Set<bool>(effect, "FlipMapping", flip);
     const size_t tableBytes = toPolar ? 0 : PolarColumnTableBytes(kWidth, kHeight);
     Watch(async ? kBlockSize + tableBytes : tableBytes);
-    REALobject result = Run(async ? Via::Async : Via::Apply, effect, source);
+    REALobject result = Run(async ? Method::Async : Method::Apply, effect, source);
     EXPECT_NE(result, nullptr);
     host.Unlock(result);
     EXPECT_EQ(Watched(), std::pair(toPolar && !async ? 0 : 1, 0)) << "what the run took was given back";
@@ -488,14 +714,14 @@ TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
     const PartFunction reference =
         row.bits == 8 ? (row.interpolate ? ref::BarrelDistortInterpolate8BitPart : ref::BarrelDistort8BitPart)
                       : (row.interpolate ? ref::BarrelDistortInterpolate16BitPart : ref::BarrelDistort16BitPart);
-    for (Via via : {Via::Apply, Via::Async}) {
+    for (Method via : {Method::Apply, Method::Async}) {
       const rawfx::host::Host::AsyncCounts before = host.asyncCounts();
       ExpectMatchesReference(effect, source, &params, reference, via, {3, row.bits == 8 ? 13 : 14, nullptr, true});
       const EngineCall call = Seen().call;
       EXPECT_EQ(call.params, &block);
       EXPECT_EQ(host.asyncCounts().blocksDeleted, before.blocksDeleted) << "the block is never deleted";
-      EXPECT_EQ(host.asyncCounts().deleteCallbacks > before.deleteCallbacks, via == Via::Async);
-      EXPECT_EQ(call.deleteCallback != nullptr, via == Via::Async);
+      EXPECT_EQ(host.asyncCounts().deleteCallbacks > before.deleteCallbacks, via == Method::Async);
+      EXPECT_EQ(call.deleteCallback != nullptr, via == Method::Async);
       EXPECT_EQ(call.deleteCallback ? call.deleteCallback(effect, &block.head) : 0, 0);
     }
   }
@@ -510,7 +736,7 @@ TEST_F(BarrelEffect, RunsMatchTheReferenceKernels) {
 TEST_F(OilPaintEffect, RunsMatchTheReferenceKernels) {
   const int64_t formats[] = {kRGBA, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 13, 14, 15, 16, 22, 23};
   const float smoothnesses[] = {0.0f, 0.4f, 7.5f, 0.5f, 0.1f};
-  REALobject maskBitmap = NewSource(17, 13, kGrey, 8, 99);
+  REALobject maskBitmap = NewSource(17, 13, kGray, 8, 99);
   host.Bitmap(maskBitmap).row(0)[0] = 0;
   host.Bitmap(maskBitmap).row(0)[1] = 255;
   REALobject mask = Keep(host.NewMask(maskBitmap));
@@ -537,7 +763,7 @@ TEST_F(OilPaintEffect, RunsMatchTheReferenceKernels) {
     params.greenOffset = info.green;
     params.blueOffset = info.blue;
     ExpectMatchesReference(effect, source, &params, masked ? ref::OilPaintMaskPart8bit : ref::OilPaintPart8bit,
-                           Via::Apply, {3, 5, masked ? mask : nullptr, false});
+                           Method::Apply, {3, 5, masked ? mask : nullptr, false});
   }
 }
 
