@@ -172,31 +172,24 @@ uint32_t Read(const uint8_t* p, int sampleBytes) { return sampleBytes == 1 ? *p 
 // A copy of bytes that ends where an inaccessible page begins (as close as a
 // start aligned to `align` allows), so that a kernel reading past the end of
 // its source faults in every build, not only under AddressSanitizer.
-class PageEndCopy {
- public:
-  PageEndCopy(const std::vector<uint8_t>& bytes, size_t align) : size_(bytes.size()) {
+struct PageEndCopy {
+  PageEndCopy(const std::vector<uint8_t>& bytes, size_t align) : size(bytes.size()) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    mapped_ = (size_ + align + page - 1) / page * page + page;
-    void* mapped = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED) throw std::bad_alloc();
-    base_ = static_cast<uint8_t*>(mapped);
-    uint8_t* guard = base_ + mapped_ - page;
-    mprotect(guard, page, PROT_NONE);
-    data_ = guard - size_;
-    data_ -= reinterpret_cast<uintptr_t>(data_) % align;
-    std::copy(bytes.begin(), bytes.end(), data_);
+    mapped = (size + align + page - 1) / page * page + page;
+    base = static_cast<uint8_t*>(mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (base == MAP_FAILED) throw std::bad_alloc();
+    mprotect(base + mapped - page, page, PROT_NONE);
+    data = base + mapped - page - size;
+    data -= reinterpret_cast<uintptr_t>(data) % align;
+    std::copy(bytes.begin(), bytes.end(), data);
   }
-  ~PageEndCopy() { munmap(base_, mapped_); }
+  ~PageEndCopy() { munmap(base, mapped); }
   PageEndCopy(const PageEndCopy&) = delete;
   PageEndCopy& operator=(const PageEndCopy&) = delete;
 
-  uint8_t* data() const { return data_; }
-  uint8_t* end() const { return data_ + size_; }
-
- private:
-  size_t size_, mapped_;
-  uint8_t* base_;
-  uint8_t* data_;
+  size_t size, mapped;
+  uint8_t* base;
+  uint8_t* data;
 };
 
 }  // namespace
@@ -246,8 +239,8 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   head.height = l.height;
   head.progress = 0;
   head.cancel = 0;
-  head.srcPixels = src.data() + srcAt;
-  head.dstPixels = (destination.empty() ? src.data() : dst.data()) + dstAt;
+  head.srcPixels = src.data + srcAt;
+  head.dstPixels = (destination.empty() ? src.data : dst.data()) + dstAt;
   head.srcRowBytes = l.srcRowBytes;
   head.dstRowBytes = l.dstRowBytes;
   head.srcPixelBytes = l.srcPixelBytes;
@@ -276,7 +269,7 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   out.blockUntouched = std::equal(before.begin(), before.end(), bytes);
   out.queries = std::move(recording.queries);
   out.memory = std::move(dst);
-  out.memory.insert(out.memory.end(), src.data(), src.end());
+  out.memory.insert(out.memory.end(), src.data, src.data + src.size);
   return out;
 }
 
