@@ -174,13 +174,12 @@ std::vector<uint8_t> Source(Rng& rng, const OilPaintCase& c, Picture picture) {
     bytes = (l.height - 1) * int64_t{l.srcRowBytes} + (l.width - 1) * int64_t{l.srcPixelBytes} +
             std::max({at[0], at[1], at[2], int32_t{c.srcRecord.alphaOffset}}) + 1;
   std::vector<uint8_t> source = RandomBytes(rng, static_cast<size_t>(bytes));
-  std::vector<Rgb> palette(static_cast<size_t>(Uniform(rng, 2, 6)));
-  for (auto& colour : palette)
-    for (uint8_t& v : colour) v = static_cast<uint8_t>(rng());
+  const std::vector<uint8_t> palette = RandomBytes(rng, static_cast<size_t>(3 * Uniform(rng, 2, 6)));  // a few colours
   const double phase = static_cast<double>(Uniform(rng, 0, 1000)) / 100.0;
   for (int y = 0; y < l.height && picture != Picture::Noise; ++y)
     for (int x = 0; x < l.width; ++x) {
-      Rgb colour = picture == Picture::EdgeOfBins ? EdgeColour(rng) : palette[Uniform(rng, 0, palette.size() - 1)];
+      const uint8_t* few = &palette[3 * Uniform(rng, 0, palette.size() / 3 - 1)];
+      Rgb colour = picture == Picture::EdgeOfBins ? EdgeColour(rng) : Rgb{few[0], few[1], few[2]};
       uint8_t* pixel = source.data() + y * int64_t{l.srcRowBytes} + x * int64_t{l.srcPixelBytes};
       for (int ch = 0; ch < 3; ++ch) {
         const double wave = 0.5 + 0.3 * std::sin(x * 0.21 + phase + ch) * std::cos(y * 0.17 - phase);

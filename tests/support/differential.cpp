@@ -139,7 +139,6 @@ namespace {
 struct RecordingMask {
   RawBitmapMaskData data;  // first: the kernels' pointer is this object
   MaskPlan plan;
-  bool sixteenBit;
   GenericMPParams* head;
   std::vector<MaskQuery> queries;
 
@@ -154,7 +153,7 @@ struct RecordingMask {
   static uint32_t Value(RawBitmapMaskData* m, MaskRowHandle handle, int32_t x) {
     const int64_t row = (static_cast<int64_t>(handle) - MaskHandle(0)) / (MaskHandle(1) - MaskHandle(0));
     Of(m).queries.push_back({row, static_cast<int64_t>(handle), x, Bits});
-    return MaskValue(Of(m).plan, Of(m).sixteenBit, row, x);
+    return MaskValue(Of(m).plan, Bits == 16, row, x);
   }
 };
 static_assert(std::is_standard_layout_v<RecordingMask>);
@@ -247,7 +246,7 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   head.dstPixelBytes = l.dstPixelBytes;
   head.srcBitmap = &records[0];
   head.dstBitmap = &records[1];
-  RecordingMask recording{{&kRecordingOps}, mask, l.sampleBytes == 2, &head, {}};
+  RecordingMask recording{{&kRecordingOps}, mask, &head, {}};
   head.maskData = masked ? &recording.data : nullptr;
   const auto* bytes = static_cast<const uint8_t*>(params);
   std::vector<uint8_t> before(bytes, bytes + paramBytes);
