@@ -138,10 +138,11 @@ INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Bool(), KernelsNa
 // ---- the fast kernels against the reference ----------------------------------------
 
 // Depth and mask alternate, every fourth case takes the next of the nine pairs
-// of types (now and then a value outside them) and every 36th turns to packed rows or back, so all combinations
-// come up whatever the random draws. The destination lies apart, in place or
-// overlapping the source. Packed rows are the ones the fast paths take: the
-// destination apart or in place, pixel steps of their channels.
+// of types (now and then a value outside them) and every 36th turns to packed
+// rows or back, so all combinations come up whatever the random draws. The
+// destination lies apart, in place or overlapping the source. Packed rows are
+// the ones the fast paths take: the destination apart or in place, pixel steps
+// of their channels.
 InterlaceCase RandomCase(Rng& rng, int index) {
   InterlaceCase c;
   Layout& l = c.l;
