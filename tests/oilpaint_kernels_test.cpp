@@ -158,7 +158,8 @@ enum class Picture {
 // miss by an ulp.
 Rgb EdgeColour(Rng& rng) {
   const auto r = static_cast<int>(Uniform(rng, 0, 255)), b = static_cast<int>(Uniform(rng, 0, 255));
-  const int g = (100 - 39 * (30 * r + 11 * b) % 100) % 100 + 100 * static_cast<int>(Uniform(rng, 0, 1));
+  const int lowest = (100 - 39 * (30 * r + 11 * b) % 100) % 100;  // then every 100th green up to 255
+  const int g = lowest + 100 * static_cast<int>(Uniform(rng, 0, lowest <= 55 ? 2 : 1));
   return {static_cast<uint8_t>(r), static_cast<uint8_t>(g), static_cast<uint8_t>(b)};
 }
 
