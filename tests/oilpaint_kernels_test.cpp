@@ -31,6 +31,16 @@ constexpr Rgb kBlack{0, 0, 0}, kWhite{255, 255, 255};
 constexpr Offsets kRGB{0, 1, 2}, kBGR{2, 1, 0}, kGrey{0, 0, 0};
 Rgb Grey(int g) { return {static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g)}; }
 
+// The settings as the effect fills them into the block, and the part functions for the mask.
+void Settle(OilPaintCase& c, bool masked, float smoothness, int brush) {
+  c.masked = masked;
+  c.params.smoothness = smoothness;
+  c.params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
+  c.params.brushSize = static_cast<uint8_t>(brush);
+  c.reference = kParts[0][masked];
+  c.fast = kParts[1][masked];
+}
+
 // A black source of packed pixels without alpha (one byte when the offsets
 // coincide), an unwritten destination, the block as the effect fills it and
 // the colours of row 0; a masked one reads 0 in the low bits.
@@ -42,13 +52,8 @@ struct Frame : OilPaintCase {
     params.redOffset = rgb[0];
     params.greenOffset = rgb[1];
     params.blueOffset = rgb[2];
-    params.smoothness = smoothness;
-    params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
-    params.brushSize = static_cast<uint8_t>(brush);
-    masked = isMasked;
+    Settle(*this, isMasked, smoothness, brush);
     mask.values = MaskValues::Zero;
-    reference = kParts[0][masked];
-    fast = kParts[1][masked];
     for (size_t x = 0; x < row.size(); ++x)
       for (int i = 0; i < 3; ++i) SetSource(static_cast<int>(x), 0, rgb[i], row[x][i]);
   }
@@ -241,12 +246,9 @@ void RandomColourLayout(Rng& rng, OilPaintCase& c, bool photograph) {
 OilPaintCase RandomCase(Rng& rng, int index) {
   OilPaintCase c;
   OilPaintParams& p = c.params;
-  p.brushSize = static_cast<uint8_t>(1 + index % 5);
-  c.masked = (index / 5) % 2 == 1;
+  Settle(c, index / 5 % 2 == 1, RandomSmoothness(rng), 1 + index % 5);
   const int kind = index / 10 % 12;  // 0 .. 7 every layout, 8 .. 10 photographs, 11 failing scratch
   const bool photograph = kind >= 8 && kind <= 10;
-  p.smoothness = RandomSmoothness(rng);
-  p.maxLevel = static_cast<int16_t>(p.smoothness * 255.0f);
   RandomColourLayout(rng, c, photograph);
   auto picture = static_cast<Picture>(Uniform(rng, 0, 4));
   if (photograph) picture = Chance(rng, 0.5) ? Picture::Smooth : Picture::EdgeOfBins;
@@ -260,8 +262,6 @@ OilPaintCase RandomCase(Rng& rng, int index) {
   c.source = Source(rng, c, picture);
   c.dstAt = Uniform(rng, 0, 8);
   c.destination = RandomBytes(rng, static_cast<size_t>(c.dstAt + l.dstRowBytes * std::max<int64_t>(l.height, 0) + 16));
-  c.reference = kParts[0][c.masked];
-  c.fast = kParts[1][c.masked];
   c.mask = RandomMask(rng, l.height);
   c.parts = RandomParts(rng, l.height);
   c.settings = Describe("brush ", int{p.brushSize}, ", smoothness ", p.smoothness, " (maxLevel ", p.maxLevel, "), rgb ",
