@@ -122,6 +122,9 @@ MaskPlan RandomMask(Rng& rng, int32_t height) {
   return plan;
 }
 
+namespace {
+
+// The mask's value: random high bits over the low 8 (16) that count.
 uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x) {
   if (!mask.columns.empty()) return mask.columns[x];
   uint64_t h = mask.seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
@@ -133,8 +136,6 @@ uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x
   const uint32_t values[] = {0, full, h % 3 == 0 ? 0 : h % 3 == 1 ? full : low, low};
   return (static_cast<uint32_t>(h >> 32) & ~full) | values[static_cast<int>(mask.values)];
 }
-
-namespace {
 
 struct RecordingMask {
   RawBitmapMaskData data;  // first: the kernels' pointer is this object
