@@ -77,90 +77,82 @@ TEST_P(InterlaceKernels, PhasesDecideWhichRowsAndPixelsAreFilled) {
   };
   for (const auto& c : cases)
     for (int sb : {1, 2})
-      for (bool masked : {false, true})
-        for (bool inPlace : {false, true}) {
-          SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit", masked ? ", masked" : "", inPlace ? ", in place" : ""));
-          const int height = static_cast<int>(c.map.size()), width = static_cast<int>(c.map[0].size());
-          InterlaceCase k = Block(sb, masked, width, height);
-          k.params.horizontalType = c.horizontal;
-          k.params.verticalType = c.vertical;
-          if (inPlace) k.destination.clear();
-          k.parts.ranges = {{c.firstRow, height}};
-          const Outcome out = k.Run(GetParam());
-          Rows map(static_cast<size_t>(height)), expected = c.map;
-          std::vector<MaskQuery> queries;  // every row's handle, of the part's own depth; a value only where filled
-          for (int y = 0; y < height; ++y) {
-            if (y >= c.firstRow) queries.push_back({y, MaskHandle(y), -1, 8 * sb});
-            for (int x = 0; x < width; ++x) {
-              bool filled = true, copied = true, untouched = true;
-              for (int ch = 0; ch < 3; ++ch) {
-                const uint32_t v = k.Result(out, x, y, ch);
-                filled = filled && v == static_cast<uint32_t>(k.params.channelValues[ch]);
-                copied = copied && v == k.Source(x, y, ch);
-                untouched = untouched && v == (sb == 1 ? 0xEEu : 0xEEEEu);
-              }
-              map[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
-              if (c.map[y][x] == 'F') queries.push_back({y, MaskHandle(y), x, 8 * sb});
-              if (inPlace && c.map[y][x] == 'u') expected[y][x] = '.';
+      for (bool masked : {false, true}) {
+        SCOPED_TRACE(Describe(c.what, ", ", 8 * sb, "-bit", masked ? ", masked" : ""));
+        const int height = static_cast<int>(c.map.size()), width = static_cast<int>(c.map[0].size());
+        InterlaceCase k = Block(sb, masked, width, height);
+        k.params.horizontalType = c.horizontal;
+        k.params.verticalType = c.vertical;
+        k.parts.ranges = {{c.firstRow, height}};
+        const Outcome out = k.Run(GetParam());
+        Rows map(static_cast<size_t>(height));
+        std::vector<MaskQuery> queries;  // every row's handle, of the part's own depth; a value only where filled
+        for (int y = 0; y < height; ++y) {
+          if (y >= c.firstRow) queries.push_back({y, MaskHandle(y), -1, 8 * sb});
+          for (int x = 0; x < width; ++x) {
+            bool filled = true, copied = true, untouched = true;
+            for (int ch = 0; ch < 3; ++ch) {
+              const uint32_t v = k.Result(out, x, y, ch);
+              filled = filled && v == static_cast<uint32_t>(k.params.channelValues[ch]);
+              copied = copied && v == k.Source(x, y, ch);
+              untouched = untouched && v == (sb == 1 ? 0xEEu : 0xEEEEu);
             }
+            map[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
+            if (c.map[y][x] == 'F') queries.push_back({y, MaskHandle(y), x, 8 * sb});
           }
-          EXPECT_EQ(map, expected);
-          EXPECT_EQ(out.progress, height - c.firstRow);
-          EXPECT_EQ(out.queries, masked ? queries : std::vector<MaskQuery>{});
         }
+        EXPECT_EQ(map, c.map);
+        EXPECT_EQ(out.progress, height - c.firstRow);
+        EXPECT_EQ(out.queries, masked ? queries : std::vector<MaskQuery>{});
+      }
 }
 
 // Channel 0: source 200 under fill 0; channel 1: a kept full alpha, which any
 // mask strictly between 0 and full brings one lower. Mask values by column: 0,
 // full, half, and half with high bits that must not count.
 TEST_P(InterlaceKernels, MaskMixesSourceAndFill) {
-  for (int sb : {1, 2})
-    for (bool inPlace : {false, true}) {
-      SCOPED_TRACE(Describe(8 * sb, "-bit", inPlace ? ", in place" : ""));
-      InterlaceCase c = Block(sb, true, 4, 1, 2);
-      const uint32_t full = sb == 1 ? 255 : 65535, half = full / 2 + 1;
-      c.mask.columns = {0, full, half, (full + 1) * 3 + half};
-      for (int x = 0; x < 4; ++x) {
-        c.SetSource(x, 0, 0, 200);
-        c.SetSource(x, 0, 1, full);
-      }
-      c.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
-      c.params.interlaceAlpha = 0;
-      c.params.channelValues[0] = 0;
-      c.params.horizontalType = 1;
-      if (inPlace) c.destination.clear();
-      const Outcome out = c.Run(GetParam());
-      const uint32_t mixed[] = {0, 200, 100, 100}, alpha[] = {full, full, full - 1, full - 1};
-      for (int x = 0; x < 4; ++x) {
-        EXPECT_EQ(c.Result(out, x, 0, 0), mixed[x]) << x;
-        EXPECT_EQ(c.Result(out, x, 0, 1), alpha[x]) << x;
-      }
+  for (int sb : {1, 2}) {
+    SCOPED_TRACE(Describe(8 * sb, "-bit"));
+    InterlaceCase c = Block(sb, true, 4, 1, 2);
+    const uint32_t full = sb == 1 ? 255 : 65535, half = full / 2 + 1;
+    c.mask.columns = {0, full, half, (full + 1) * 3 + half};
+    for (int x = 0; x < 4; ++x) {
+      c.SetSource(x, 0, 0, 200);
+      c.SetSource(x, 0, 1, full);
     }
+    c.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
+    c.params.interlaceAlpha = 0;
+    c.params.channelValues[0] = 0;
+    c.params.horizontalType = 1;
+    const Outcome out = c.Run(GetParam());
+    const uint32_t mixed[] = {0, 200, 100, 100}, alpha[] = {full, full, full - 1, full - 1};
+    for (int x = 0; x < 4; ++x) {
+      EXPECT_EQ(c.Result(out, x, 0, 0), mixed[x]) << x;
+      EXPECT_EQ(c.Result(out, x, 0, 1), alpha[x]) << x;
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
 
-int64_t TypeValue(Rng& rng) {
-  const int64_t odd[] = {-7, -2, -1, 3, 4, 9};
-  return Chance(rng, 0.9) ? Uniform(rng, 0, 2) : PickFrom(rng, odd);
-}
-
 // Depth and mask alternate, every fourth case takes the next of the nine pairs
-// of types and every 36th turns to packed rows or back, so all combinations
-// come up whatever the random draws. The destination lies apart, in place or
-// overlapping the source. Packed rows are the ones the fast paths take: the
-// destination apart or in place, pixel steps of their channels.
+// of types (now and then a value outside them) and every 36th turns to packed
+// rows or back, so all combinations come up whatever the random draws. The
+// destination lies apart, in place or overlapping the source. Packed rows are
+// the ones the fast paths take: the destination apart or in place, pixel steps
+// of their channels.
 InterlaceCase RandomCase(Rng& rng, int index) {
   InterlaceCase c;
   Layout& l = c.l;
-  l.sampleBytes = index % 2 == 0 ? 1 : 2;
-  c.masked = (index / 2) % 2 == 1;
-  const bool packed = (index / 36) % 2 == 1;
+  l.sampleBytes = 1 + index % 2;
+  c.masked = index / 2 % 2 == 1;
+  const bool packed = index / 36 % 2 == 1;
   InterlaceParams& p = c.params;
-  p.horizontalType = Chance(rng, 0.08) ? TypeValue(rng) : (index / 4) % 9 / 3;
-  p.verticalType = Chance(rng, 0.08) ? TypeValue(rng) : (index / 4) % 9 % 3;
+  const int64_t odd[] = {-7, -2, -1, 3, 4, 9};
+  p.horizontalType = Chance(rng, 0.08) ? PickFrom(rng, odd) : index / 4 % 9 / 3;
+  p.verticalType = Chance(rng, 0.08) ? PickFrom(rng, odd) : index / 4 % 9 % 3;
   l.channels = static_cast<int32_t>(Uniform(rng, 1, 8));
   const int64_t place = Uniform(rng, 0, 99);
   const bool inPlace = place >= (packed ? 60 : 45) && (packed || place < 85), overlapping = !packed && place >= 85;

@@ -1,5 +1,5 @@
 // The oil paint part functions. Hand-built blocks pin the reference (and the
-// shipped kernels) to neighbourhoods clipped at the borders, intensity bins and
+// shipped kernels) to neighbourhoods clipped at the borders, intensity bins,
 // the lowest of equally full bins, channel offsets and weights and the mask
 // mix; random cases then demand that the fast kernels leave every byte,
 // progress, done and the mask queries as the reference does and give back
@@ -20,57 +20,50 @@ namespace {
 
 using namespace rawfx::test;
 using Rgb = std::array<uint8_t, 3>;
+using Offsets = std::array<int32_t, 3>;  // of red, green and blue in the pixel
 using OilPaintCase = KernelCase<OilPaintParams>;
 
 // Part functions by kernels (reference, fast) and mask (without, with).
 const PartFunction kParts[2][2] = {{rawfx::reference::OilPaintPart8bit, rawfx::reference::OilPaintMaskPart8bit},
                                    {OilPaintPart8bit, OilPaintMaskPart8bit}};
 
-constexpr Rgb kBlack{0, 0, 0};
-constexpr Rgb kWhite{255, 255, 255};
+constexpr Rgb kBlack{0, 0, 0}, kWhite{255, 255, 255};
+constexpr Offsets kRGB{0, 1, 2}, kBGR{2, 1, 0}, kGrey{0, 0, 0};
 Rgb Grey(int g) { return {static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g)}; }
-// What a mask of 0 makes of an oil paint colour: o x 255 >> 8, no shortcut.
-Rgb UnderClearMask(Rgb c) {
-  for (uint8_t& v : c) v = static_cast<uint8_t>(v * 255 >> 8);
-  return c;
+
+// The settings as the effect fills them into the block, and the part functions for the mask.
+void Settle(OilPaintCase& c, bool masked, float smoothness, int brush) {
+  c.masked = masked;
+  c.params.smoothness = smoothness;
+  c.params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
+  c.params.brushSize = static_cast<uint8_t>(brush);
+  c.reference = kParts[0][masked];
+  c.fast = kParts[1][masked];
 }
 
-struct Colours {
-  int pixelBytes, red, green, blue;
-};
-constexpr Colours kRGB{3, 0, 1, 2}, kBGR{3, 2, 1, 0}, kGrey{1, 0, 0, 0};
-
-// A black source and an unwritten destination of one layout without alpha, the
-// block as the effect fills it and the colours of one row; a masked one reads
-// 0 in the low bits.
+// A black source of packed pixels without alpha (one byte when the offsets
+// coincide), an unwritten destination, the block as the effect fills it and
+// the colours of row 0; a masked one reads 0 in the low bits.
 struct Frame : OilPaintCase {
-  Frame(bool isMasked, int width, int height, Colours layoutIn, float smoothness = 0.4f, int brush = 2,
+  Frame(bool isMasked, int width, int height, Offsets offsets, float smoothness, int brush,
         const std::vector<Rgb>& row = {})
-      : layout(layoutIn) {
-    Block(PackedLayout(width, height, 1, layout.pixelBytes), 0, 0xA5);
-    params.redOffset = layout.red;
-    params.greenOffset = layout.green;
-    params.blueOffset = layout.blue;
-    params.smoothness = smoothness;
-    params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
-    params.brushSize = static_cast<uint8_t>(brush);
-    masked = isMasked;
+      : rgb(offsets) {
+    Block(PackedLayout(width, height, 1, rgb[0] == rgb[1] ? 1 : 3), 0, 0xA5);
+    params.redOffset = rgb[0];
+    params.greenOffset = rgb[1];
+    params.blueOffset = rgb[2];
+    Settle(*this, isMasked, smoothness, brush);
     mask.values = MaskValues::Zero;
-    reference = kParts[0][masked];
-    fast = kParts[1][masked];
-    for (size_t x = 0; x < row.size(); ++x) SetRgb(static_cast<int>(x), 0, row[x]);
-  }
-  void SetRgb(int x, int y, Rgb c) {
-    SetSource(x, y, layout.red, c[0]);
-    SetSource(x, y, layout.green, c[1]);
-    SetSource(x, y, layout.blue, c[2]);
+    for (size_t x = 0; x < row.size(); ++x)
+      for (int i = 0; i < 3; ++i) SetSource(static_cast<int>(x), 0, rgb[i], row[x][i]);
   }
   Rgb Out(const Outcome& out, int x, int y) const {
-    return {static_cast<uint8_t>(Result(out, x, y, layout.red)), static_cast<uint8_t>(Result(out, x, y, layout.green)),
-            static_cast<uint8_t>(Result(out, x, y, layout.blue))};
+    Rgb c;
+    for (int i = 0; i < 3; ++i) c[i] = static_cast<uint8_t>(Result(out, x, y, rgb[i]));
+    return c;
   }
 
-  const Colours layout;
+  const Offsets rgb;
 };
 
 class OilPaintKernels : public ::testing::TestWithParam<bool> {};
@@ -87,63 +80,57 @@ TEST_P(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
     for (int probe : {c.count, c.count - 1}) {
       SCOPED_TRACE(Describe("(", c.x, ", ", c.y, ") probe ", probe));
       Frame b(false, 13, 11, kRGB, 0.04f, 5);
-      b.SetRgb(c.x, c.y, {0, 0, static_cast<uint8_t>(probe)});
+      b.SetSource(c.x, c.y, 2, static_cast<uint32_t>(probe));
       EXPECT_EQ(b.Out(b.Run(GetParam()), c.x, c.y)[2], probe == c.count ? 1 : 0);
     }
 }
 
-// Three pixels that every neighbourhood of brush 2 holds whole: a pair and a
-// single. If both share a bin, all three are averaged; otherwise the pair's
-// bin wins with the pair's colour. Masked, a clear mask scales the result.
+// One row that every neighbourhood holds whole, so every pixel comes out
+// alike. Three pixels, a pair and a single: if both share a bin, all three are
+// averaged; otherwise the pair's bin wins with the pair's colour. Two pixels,
+// one black and one white: equal counts, and the lower bin wins. Masked, a
+// clear mask gives o x 255 >> 8, no shortcut.
 TEST_P(OilPaintKernels, TheFullestBinGivesItsMeanColour) {
   const struct {
     const char* what;
-    Colours layout;
+    Offsets rgb;
     float smoothness;
-    Rgb pair, single, expected;
+    int brush;
+    std::vector<Rgb> row;
+    Rgb expected;
   } cases[] = {
-      {"200 in bin 80, 199 in 79", kRGB, 0.4f, Grey(200), Grey(199), Grey(200)},
-      {"200 and 201 share bin 80", kRGB, 0.4f, Grey(200), Grey(201), Grey(200)},
-      {"201 and 200 share bin 80", kRGB, 0.4f, Grey(201), Grey(200), Grey(200)},
-      {"10 has intensity 9, bin 3 like 9", kRGB, 0.4f, Grey(10), Grey(9), Grey(9)},
-      {"11 in bin 4", kRGB, 0.4f, Grey(10), Grey(11), Grey(10)},
+      {"200 in bin 80, 199 in 79", kRGB, 0.4f, 2, {Grey(200), Grey(199), Grey(200)}, Grey(200)},
+      {"200 and 201 share bin 80", kRGB, 0.4f, 2, {Grey(200), Grey(201), Grey(200)}, Grey(200)},
+      {"201 and 200 share bin 80", kRGB, 0.4f, 2, {Grey(201), Grey(200), Grey(201)}, Grey(200)},
+      {"10 has intensity 9, bin 3 like 9", kRGB, 0.4f, 2, {Grey(10), Grey(9), Grey(10)}, Grey(9)},
+      {"11 in bin 4", kRGB, 0.4f, 2, {Grey(10), Grey(11), Grey(10)}, Grey(10)},
       // One channel: grey g of intensity g - 1 shares a bin with g - 1,
       // which intensity g would not at these smoothness values.
-      {"one channel 1", kGrey, 1.0f, Grey(1), Grey(0), Grey(0)},
-      {"one channel 2", kGrey, 0.5f, Grey(2), Grey(1), Grey(1)},
-      {"one channel 4", kGrey, 1.0f, Grey(4), Grey(3), Grey(3)},
-      {"one channel 5", kGrey, 0.2f, Grey(5), Grey(4), Grey(4)},
+      {"one channel 1", kGrey, 1.0f, 2, {Grey(1), Grey(0), Grey(1)}, Grey(0)},
+      {"one channel 2", kGrey, 0.5f, 2, {Grey(2), Grey(1), Grey(2)}, Grey(1)},
+      {"one channel 5", kGrey, 0.2f, 2, {Grey(5), Grey(4), Grey(5)}, Grey(4)},
       // White fills the top bin, maxLevel: 10, 102 and 255 bins are all scanned.
-      {"top bin at 0.04", kRGB, 0.04f, kWhite, kBlack, kWhite},
-      {"top bin at 0.4", kRGB, 0.4f, kWhite, kBlack, kWhite},
-      {"top bin at 1.0", kRGB, 1.0f, kWhite, kBlack, kWhite},
+      {"top bin at 0.04", kRGB, 0.04f, 2, {kWhite, kBlack, kWhite}, kWhite},
+      {"top bin at 0.4", kRGB, 0.4f, 2, {kWhite, kBlack, kWhite}, kWhite},
+      {"top bin at 1.0", kRGB, 1.0f, 2, {kWhite, kBlack, kWhite}, kWhite},
       // Red at its offset weighs 0.3: intensity 76, bin 7 like grey 78 (not
       // 150 or 28, as green's or blue's weight would give).
-      {"weights and offsets", kBGR, 0.1f, {255, 0, 0}, Grey(78), {196, 26, 26}},
+      {"weights and offsets", kBGR, 0.1f, 2, {{255, 0, 0}, Grey(78), {255, 0, 0}}, {196, 26, 26}},
+      {"tie, white first", kRGB, 0.04f, 1, {kWhite, kBlack}, kBlack},
+      {"tie, black first", kRGB, 1.0f, 5, {kBlack, kWhite}, kBlack},
+      {"tie at 0.73", kRGB, 0.73f, 3, {kWhite, kBlack}, kBlack},
   };
   for (const auto& c : cases)
     for (bool masked : {false, true}) {
-      if (masked && c.layout.pixelBytes == 1) continue;  // a shared offset is mixed once per colour
+      if (masked && c.rgb == kGrey) continue;  // a shared offset is mixed once per colour
       SCOPED_TRACE(Describe(c.what, masked ? ", masked" : ""));
-      Frame b(masked, 3, 1, c.layout, c.smoothness, 2, {c.pair, c.single, c.pair});
+      const int width = static_cast<int>(c.row.size());
+      Frame b(masked, width, 1, c.rgb, c.smoothness, c.brush, c.row);
       const Outcome out = b.Run(GetParam());
-      for (int x = 0; x < 3; ++x) EXPECT_EQ(b.Out(out, x, 0), masked ? UnderClearMask(c.expected) : c.expected) << x;
+      Rgb expected = c.expected;
+      for (uint8_t& v : expected) v = masked ? static_cast<uint8_t>(v * 255 >> 8) : v;
+      for (int x = 0; x < width; ++x) EXPECT_EQ(b.Out(out, x, 0), expected) << x;
     }
-}
-
-// Each neighbourhood holds one black and one white pixel: equal counts, and
-// the lower bin wins, whatever the brush and smoothness.
-TEST_P(OilPaintKernels, LowestOfEquallyFullBinsWins) {
-  for (float smoothness : {0.04f, 0.4f, 0.73f, 1.0f})
-    for (int brush = 1; brush <= 5; ++brush)
-      for (bool whiteFirst : {false, true})
-        for (bool masked : {false, true}) {
-          SCOPED_TRACE(Describe(smoothness, " brush ", brush, whiteFirst ? " white first" : "", masked ? " mask" : ""));
-          Frame b(masked, 2, 1, kRGB, smoothness, brush, {whiteFirst ? kWhite : kBlack, whiteFirst ? kBlack : kWhite});
-          const Outcome out = b.Run(GetParam());
-          EXPECT_EQ(b.Out(out, 0, 0), kBlack);
-          EXPECT_EQ(b.Out(out, 1, 0), kBlack);
-        }
 }
 
 // The pair's white is the oil paint colour of all three pixels. Mask values
@@ -171,53 +158,42 @@ enum class Picture {
   Extremes,    // 0 and 255 only
 };
 
-// Colours (r, g, b) with 59 g + 30 r + 11 b a multiple of 100: whole
-// intensities in exact arithmetic, which the double sum may miss by an ulp.
-const std::vector<Rgb>& EdgeColours() {
-  static const std::vector<Rgb> colours = [] {
-    std::vector<Rgb> found;
-    for (int r = 0; r < 256; r += 3)
-      for (int g = 0; g < 256; ++g)
-        for (int b = 0; b < 256; ++b)
-          if ((59 * g + 30 * r + 11 * b) % 100 == 0) found.push_back({uint8_t(r), uint8_t(g), uint8_t(b)});
-    return found;
-  }();
-  return colours;
+// A colour (r, g, b) with 59 g + 30 r + 11 b a multiple of 100 (39 x 59 is 1
+// modulo 100): a whole intensity in exact arithmetic, which the double sum may
+// miss by an ulp.
+Rgb EdgeColour(Rng& rng) {
+  const auto r = static_cast<int>(Uniform(rng, 0, 255)), b = static_cast<int>(Uniform(rng, 0, 255));
+  const int lowest = (100 - 39 * (30 * r + 11 * b) % 100) % 100;  // then every 100th green up to 255
+  const int g = lowest + 100 * static_cast<int>(Uniform(rng, 0, lowest <= 55 ? 2 : 1));
+  return {static_cast<uint8_t>(r), static_cast<uint8_t>(g), static_cast<uint8_t>(b)};
 }
 
 // Random bytes everywhere (padding and unused channels included), then the
 // colour channels drawn as the picture asks. The source ends right after
 // the last byte that the reference reads, so a fast path reading further
-// runs off its end (and trips the sanitizers).
+// runs off its end.
 std::vector<uint8_t> Source(Rng& rng, const OilPaintCase& c, Picture picture) {
   const Layout& l = c.l;
-  const OilPaintParams& p = c.params;
+  const Offsets at{c.params.redOffset, c.params.greenOffset, c.params.blueOffset};
   int64_t bytes = 0;
   if (l.width > 0 && l.height > 0)
     bytes = (l.height - 1) * int64_t{l.srcRowBytes} + (l.width - 1) * int64_t{l.srcPixelBytes} +
-            std::max({p.redOffset, p.greenOffset, p.blueOffset, int32_t{c.srcRecord.alphaOffset}}) + 1;
+            std::max({at[0], at[1], at[2], int32_t{c.srcRecord.alphaOffset}}) + 1;
   std::vector<uint8_t> source = RandomBytes(rng, static_cast<size_t>(bytes));
-  std::vector<Rgb> palette(static_cast<size_t>(Uniform(rng, 2, 6)));
-  for (auto& colour : palette)
-    for (uint8_t& v : colour) v = static_cast<uint8_t>(rng());
-  static const std::vector<Rgb> kExtremes = {{0, 0, 0},     {0, 0, 255},   {0, 255, 0},   {0, 255, 255},
-                                             {255, 0, 0},   {255, 0, 255}, {255, 255, 0}, {255, 255, 255}};
-  const std::vector<Rgb>& colours = picture == Picture::EdgeOfBins ? EdgeColours()
-                                    : picture == Picture::Extremes ? kExtremes
-                                                                   : palette;
+  const std::vector<uint8_t> palette = RandomBytes(rng, static_cast<size_t>(3 * Uniform(rng, 2, 6)));  // a few colours
   const double phase = static_cast<double>(Uniform(rng, 0, 1000)) / 100.0;
   for (int y = 0; y < l.height && picture != Picture::Noise; ++y)
     for (int x = 0; x < l.width; ++x) {
-      Rgb colour = colours[static_cast<size_t>(Uniform(rng, 0, colours.size() - 1))];
-      for (int ch = 0; ch < 3 && picture == Picture::Smooth; ++ch) {
+      const uint8_t* few = &palette[3 * Uniform(rng, 0, palette.size() / 3 - 1)];
+      Rgb colour = picture == Picture::EdgeOfBins ? EdgeColour(rng) : Rgb{few[0], few[1], few[2]};
+      uint8_t* pixel = source.data() + y * int64_t{l.srcRowBytes} + x * int64_t{l.srcPixelBytes};
+      for (int ch = 0; ch < 3; ++ch) {
         const double wave = 0.5 + 0.3 * std::sin(x * 0.21 + phase + ch) * std::cos(y * 0.17 - phase);
         const double grain = static_cast<double>(Uniform(rng, -12, 12));
-        colour[ch] = static_cast<uint8_t>(std::clamp(wave * 255.0 + grain, 0.0, 255.0));
+        if (picture == Picture::Smooth) colour[ch] = static_cast<uint8_t>(std::clamp(wave * 255 + grain, 0.0, 255.0));
+        if (picture == Picture::Extremes) colour[ch] = Chance(rng, 0.5) ? 0 : 255;
+        pixel[at[ch]] = colour[ch];
       }
-      uint8_t* pixel = source.data() + y * int64_t{l.srcRowBytes} + x * int64_t{l.srcPixelBytes};
-      pixel[p.redOffset] = colour[0];
-      pixel[p.greenOffset] = colour[1];
-      pixel[p.blueOffset] = colour[2];
     }
   return source;
 }
@@ -233,70 +209,59 @@ float RandomSmoothness(Rng& rng) {
 }
 
 // The colour layout: one channel (all three offsets alike), the usual 3- and
-// 4-byte orders, or any offsets within the pixel, coinciding or not.
-void RandomColourLayout(Rng& rng, OilPaintCase& c) {
+// 4-byte orders, or any offsets within the pixel, coinciding or not. A
+// photograph has the layout of the benchmarks and of most bitmaps: 4-byte
+// pixels, colour bytes together in order, alpha last.
+void RandomColourLayout(Rng& rng, OilPaintCase& c, bool photograph) {
   int32_t& pixelBytes = c.l.srcPixelBytes;
   OilPaintParams& p = c.params;
-  const int64_t draw = Uniform(rng, 0, 9);
+  const int64_t draw = photograph ? 3 : Uniform(rng, 0, 9);
   if (draw < 3) {
     pixelBytes = static_cast<int32_t>(Uniform(rng, 1, 4));
     p.redOffset = p.greenOffset = p.blueOffset = static_cast<int32_t>(Uniform(rng, 0, pixelBytes - 1));
   } else if (draw < 7) {
     pixelBytes = draw < 6 ? 4 : 3;
-    p.redOffset = pixelBytes == 4 ? static_cast<int32_t>(Uniform(rng, 0, 1)) : 0;
+    p.redOffset = pixelBytes == 4 && !photograph ? static_cast<int32_t>(Uniform(rng, 0, 1)) : 0;
     p.greenOffset = p.redOffset + 1;
     p.blueOffset = p.redOffset + 2;
-    if (Chance(rng, 0.5)) std::swap(p.redOffset, p.blueOffset);
+    if (!photograph && Chance(rng, 0.5)) std::swap(p.redOffset, p.blueOffset);
   } else {
     pixelBytes = static_cast<int32_t>(Uniform(rng, 1, 8));
     for (int32_t* offset : {&p.redOffset, &p.greenOffset, &p.blueOffset})
       *offset = static_cast<int32_t>(Uniform(rng, 0, pixelBytes - 1));
   }
   c.l.channels = pixelBytes;
-  c.l.dstPixelBytes = std::max(Chance(rng, 0.85) ? pixelBytes : static_cast<int32_t>(Uniform(rng, 1, 8)),
+  c.l.dstPixelBytes = std::max(Chance(rng, 0.85) || photograph ? pixelBytes : static_cast<int32_t>(Uniform(rng, 1, 8)),
                                std::max({p.redOffset, p.greenOffset, p.blueOffset}) + 1);
-  c.srcRecord.hasAlpha = c.dstRecord.hasAlpha = Chance(rng, 0.5);
-  c.srcRecord.alphaOffset = static_cast<uint8_t>(Uniform(rng, 0, pixelBytes - 1));
-  c.dstRecord.alphaOffset = static_cast<uint8_t>(Uniform(rng, 0, c.l.dstPixelBytes - 1));
+  c.srcRecord.hasAlpha = c.dstRecord.hasAlpha = photograph || Chance(rng, 0.5);
+  c.srcRecord.alphaOffset = static_cast<uint8_t>(photograph ? 3 : Uniform(rng, 0, pixelBytes - 1));
+  c.dstRecord.alphaOffset = static_cast<uint8_t>(photograph ? 3 : Uniform(rng, 0, c.l.dstPixelBytes - 1));
 }
 
 // Brushes and masks cycle with the index, and so do three kinds of case, so
-// every combination comes up whatever the random draws: every layout; the
-// layout of the benchmarks and of most bitmaps (4-byte pixels, colour bytes
-// together, pictures like photographs, wide enough for the vector path); and
+// every combination comes up whatever the random draws: every layout;
+// photographs (pictures like them, wide enough for the vector path); and
 // scratch that cannot be had, in any part and at any of its four blocks, where
 // every row is still painted and every block taken is given back.
 OilPaintCase RandomCase(Rng& rng, int index) {
   OilPaintCase c;
   OilPaintParams& p = c.params;
-  p.brushSize = static_cast<uint8_t>(1 + index % 5);
-  c.masked = (index / 5) % 2 == 1;
+  Settle(c, index / 5 % 2 == 1, RandomSmoothness(rng), 1 + index % 5);
   const int kind = index / 10 % 12;  // 0 .. 7 every layout, 8 .. 10 photographs, 11 failing scratch
-  p.smoothness = RandomSmoothness(rng);
-  p.maxLevel = static_cast<int16_t>(p.smoothness * 255.0f);
-  RandomColourLayout(rng, c);
+  const bool photograph = kind >= 8 && kind <= 10;
+  RandomColourLayout(rng, c, photograph);
   auto picture = static_cast<Picture>(Uniform(rng, 0, 4));
+  if (photograph) picture = Chance(rng, 0.5) ? Picture::Smooth : Picture::EdgeOfBins;
   Layout& l = c.l;
   l.sampleBytes = 1;
   RandomSize(rng, l, 420);  // long rows: past the binned chunks and round the ring
-  if (kind >= 8 && kind <= 10) {
-    l.channels = l.srcPixelBytes = l.dstPixelBytes = 4;
-    p.redOffset = 0;
-    p.greenOffset = 1;
-    p.blueOffset = 2;
-    c.srcRecord.hasAlpha = c.dstRecord.hasAlpha = true;
-    c.srcRecord.alphaOffset = c.dstRecord.alphaOffset = 3;
-    picture = Chance(rng, 0.5) ? Picture::Smooth : Picture::EdgeOfBins;
-    l.width = std::max(l.width, 8);
-  }
+  if (photograph) l.width = std::max(l.width, 8);
   if (kind == 11) c.grantedBlocks = Uniform(rng, 0, 13);
   l.srcRowBytes = std::max(l.width, 0) * l.srcPixelBytes + static_cast<int32_t>(Uniform(rng, 0, 9));
   l.dstRowBytes = std::max(l.width, 0) * l.dstPixelBytes + static_cast<int32_t>(Uniform(rng, 0, 9));
   c.source = Source(rng, c, picture);
   c.dstAt = Uniform(rng, 0, 8);
   c.destination = RandomBytes(rng, static_cast<size_t>(c.dstAt + l.dstRowBytes * std::max<int64_t>(l.height, 0) + 16));
-  c.reference = kParts[0][c.masked];
-  c.fast = kParts[1][c.masked];
   c.mask = RandomMask(rng, l.height);
   c.parts = RandomParts(rng, l.height);
   c.settings = Describe("brush ", int{p.brushSize}, ", smoothness ", p.smoothness, " (maxLevel ", p.maxLevel, "), rgb ",

@@ -122,6 +122,9 @@ MaskPlan RandomMask(Rng& rng, int32_t height) {
   return plan;
 }
 
+namespace {
+
+// The mask's value: random high bits over the low 8 (16) that count.
 uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x) {
   if (!mask.columns.empty()) return mask.columns[x];
   uint64_t h = mask.seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
@@ -134,12 +137,9 @@ uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x
   return (static_cast<uint32_t>(h >> 32) & ~full) | values[static_cast<int>(mask.values)];
 }
 
-namespace {
-
 struct RecordingMask {
   RawBitmapMaskData data;  // first: the kernels' pointer is this object
   MaskPlan plan;
-  bool sixteenBit;
   GenericMPParams* head;
   std::vector<MaskQuery> queries;
 
@@ -154,7 +154,7 @@ struct RecordingMask {
   static uint32_t Value(RawBitmapMaskData* m, MaskRowHandle handle, int32_t x) {
     const int64_t row = (static_cast<int64_t>(handle) - MaskHandle(0)) / (MaskHandle(1) - MaskHandle(0));
     Of(m).queries.push_back({row, static_cast<int64_t>(handle), x, Bits});
-    return MaskValue(Of(m).plan, Of(m).sixteenBit, row, x);
+    return MaskValue(Of(m).plan, Bits == 16, row, x);
   }
 };
 static_assert(std::is_standard_layout_v<RecordingMask>);
@@ -172,31 +172,24 @@ uint32_t Read(const uint8_t* p, int sampleBytes) { return sampleBytes == 1 ? *p 
 // A copy of bytes that ends where an inaccessible page begins (as close as a
 // start aligned to `align` allows), so that a kernel reading past the end of
 // its source faults in every build, not only under AddressSanitizer.
-class PageEndCopy {
- public:
-  PageEndCopy(const std::vector<uint8_t>& bytes, size_t align) : size_(bytes.size()) {
+struct PageEndCopy {
+  PageEndCopy(const std::vector<uint8_t>& bytes, size_t align) : size(bytes.size()) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    mapped_ = (size_ + align + page - 1) / page * page + page;
-    void* mapped = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED) throw std::bad_alloc();
-    base_ = static_cast<uint8_t*>(mapped);
-    uint8_t* guard = base_ + mapped_ - page;
-    mprotect(guard, page, PROT_NONE);
-    data_ = guard - size_;
-    data_ -= reinterpret_cast<uintptr_t>(data_) % align;
-    std::copy(bytes.begin(), bytes.end(), data_);
+    mapped = (size + align + page - 1) / page * page + page;
+    base = static_cast<uint8_t*>(mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (base == MAP_FAILED) throw std::bad_alloc();
+    mprotect(base + mapped - page, page, PROT_NONE);
+    data = base + mapped - page - size;
+    data -= reinterpret_cast<uintptr_t>(data) % align;
+    std::copy(bytes.begin(), bytes.end(), data);
   }
-  ~PageEndCopy() { munmap(base_, mapped_); }
+  ~PageEndCopy() { munmap(base, mapped); }
   PageEndCopy(const PageEndCopy&) = delete;
   PageEndCopy& operator=(const PageEndCopy&) = delete;
 
-  uint8_t* data() const { return data_; }
-  uint8_t* end() const { return data_ + size_; }
-
- private:
-  size_t size_, mapped_;
-  uint8_t* base_;
-  uint8_t* data_;
+  size_t size, mapped;
+  uint8_t* base;
+  uint8_t* data;
 };
 
 }  // namespace
@@ -246,15 +239,15 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   head.height = l.height;
   head.progress = 0;
   head.cancel = 0;
-  head.srcPixels = src.data() + srcAt;
-  head.dstPixels = (destination.empty() ? src.data() : dst.data()) + dstAt;
+  head.srcPixels = src.data + srcAt;
+  head.dstPixels = (destination.empty() ? src.data : dst.data()) + dstAt;
   head.srcRowBytes = l.srcRowBytes;
   head.dstRowBytes = l.dstRowBytes;
   head.srcPixelBytes = l.srcPixelBytes;
   head.dstPixelBytes = l.dstPixelBytes;
   head.srcBitmap = &records[0];
   head.dstBitmap = &records[1];
-  RecordingMask recording{{&kRecordingOps}, mask, l.sampleBytes == 2, &head, {}};
+  RecordingMask recording{{&kRecordingOps}, mask, &head, {}};
   head.maskData = masked ? &recording.data : nullptr;
   const auto* bytes = static_cast<const uint8_t*>(params);
   std::vector<uint8_t> before(bytes, bytes + paramBytes);
@@ -276,7 +269,7 @@ Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction pa
   out.blockUntouched = std::equal(before.begin(), before.end(), bytes);
   out.queries = std::move(recording.queries);
   out.memory = std::move(dst);
-  out.memory.insert(out.memory.end(), src.data(), src.end());
+  out.memory.insert(out.memory.end(), src.data, src.data + src.size);
   return out;
 }
 

@@ -98,8 +98,6 @@ struct MaskPlan {
   std::vector<uint32_t> columns;
 };
 MaskPlan RandomMask(Rng& rng, int32_t height);
-// The mask's value: random high bits over the low 8 (16) that count.
-uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x);
 // Row, handle, x (-1 for a row handle request), depth of the operation (8, 16).
 using MaskQuery = std::array<int64_t, 4>;
 // The handle of a row: each value query shows which handle it was given.

@@ -35,18 +35,14 @@ void* Interlace(void* block) {
     auto* dst = reinterpret_cast<Sample*>(head.dstPixels + int64_t{y} * head.dstRowBytes);
     const bool wholeRow = Fills(rowPhase);
     for (int32_t x = 0; x < head.width; ++x, src += srcStep, dst += dstStep) {
-      if (!wholeRow && !Fills(columnPhase)) {
-        for (int64_t i = 0; i < channels; ++i) dst[i] = src[i];
-        continue;
-      }
-      const uint32_t m = !Masked ? 0 : k8 ? MaskAt8(head.maskData, maskRow, x) : MaskAt16(head.maskData, maskRow, x);
+      const bool fill = wholeRow || Fills(columnPhase);
+      uint32_t m = 0;  // the mask is asked only where a pixel is filled
+      if (Masked && fill) m = k8 ? MaskAt8(head.maskData, maskRow, x) : MaskAt16(head.maskData, maskRow, x);
       for (int64_t i = 0; i < channels; ++i) {
         const uint32_t s = src[i];
         const uint32_t v = i == alpha && !p.interlaceAlpha ? s : static_cast<Sample>(p.channelValues[i]);
-        uint32_t out = (s * m + v * (kFull - m)) >> (k8 ? 8 : 16);
-        if (m == 0) out = v;
-        if (m == kFull) out = s;
-        dst[i] = static_cast<Sample>(out);
+        const uint32_t mixed = m == 0 ? v : m == kFull ? s : (s * m + v * (kFull - m)) >> (k8 ? 8 : 16);
+        dst[i] = static_cast<Sample>(fill ? mixed : s);
       }
     }
   });

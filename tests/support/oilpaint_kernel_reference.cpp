@@ -24,23 +24,19 @@ int32_t BinOf(const uint8_t* pixel, const OilPaintParams& p) {
 // equals) in the neighbourhood of (x, y), clipped to the bitmap.
 void PaintMean(const OilPaintParams& p, int32_t x, int32_t y, uint8_t* dst) {
   const GenericMPParams& head = p.head;
-  const int32_t r = p.brushSize;
+  const int32_t r = p.brushSize, offsets[] = {p.redOffset, p.greenOffset, p.blueOffset};
   uint32_t counts[256] = {}, sums[256][3] = {};
   for (int32_t y2 = std::max(0, y - r); y2 <= std::min(head.height - 1, y + r); ++y2)
     for (int32_t x2 = std::max(0, x - r); x2 <= std::min(head.width - 1, x + r); ++x2) {
       const uint8_t* pixel = head.srcPixels + int64_t{y2} * head.srcRowBytes + int64_t{x2} * head.srcPixelBytes;
       const int32_t k = BinOf(pixel, p);
       counts[k]++;
-      sums[k][0] += pixel[p.redOffset];
-      sums[k][1] += pixel[p.greenOffset];
-      sums[k][2] += pixel[p.blueOffset];
+      for (int c = 0; c < 3; ++c) sums[k][c] += pixel[offsets[c]];
     }
   int32_t best = 0;
   for (int32_t k = 0; k <= p.maxLevel; ++k)
     if (counts[k] > counts[best]) best = k;
-  dst[p.redOffset] = static_cast<uint8_t>(sums[best][0] / counts[best]);
-  dst[p.greenOffset] = static_cast<uint8_t>(sums[best][1] / counts[best]);
-  dst[p.blueOffset] = static_cast<uint8_t>(sums[best][2] / counts[best]);
+  for (int c = 0; c < 3; ++c) dst[offsets[c]] = static_cast<uint8_t>(sums[best][c] / counts[best]);
 }
 
 // Masked, each colour byte (once per offset, coinciding ones included) then
