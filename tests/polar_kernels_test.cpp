@@ -24,7 +24,6 @@ using PolarCase = KernelCase<PolarCoordinatesParams>;
 
 constexpr double kOutside = kNaN;
 constexpr double kSqrt2 = 1.4142135623730951;
-constexpr double kSqrt3 = 1.7320508075688772;
 constexpr double kTwoPi = 6.283185307179586;
 
 void SetParts(PolarCase& c) {
@@ -44,8 +43,8 @@ struct Geometry {
 
 // The settings with the geometry that a part fills in.
 PolarizeSettings SettingsOf(const Geometry& g) {
-  return {g.roundness, g.flip,   g.centerAtTop,       g.toPolar,           g.angleOffset,
-          g.width,     g.height, (g.width - 1) * 0.5, (g.height - 1) * 0.5};
+  return {g.roundness, g.flip, g.centerAtTop, g.toPolar,
+          g.angleOffset, g.width, g.height, (g.width - 1) * 0.5, (g.height - 1) * 0.5};
 }
 
 class PolarKernels : public ::testing::TestWithParam<bool> {};
@@ -60,7 +59,7 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{4, 4, false, true}, {{0, 0, 2, 2}, {3, 0, 2, 2}, {1, 2, 3, 2}, {2, 2, 2, 3}, {3, 2, 1, 2}, {0, 3, 2, 0.5}}},
       {{4, 4, false, true}, {{1, 3, kOutside, kOutside}, {2, 3, kOutside, kOutside}}},
       {{4, 4, false, false}, {{1, 2, 1, 2}, {2, 3, kOutside, kOutside}, {3, 3, kOutside, kOutside}}},
-      {{12, 7, false, true}, {{5, 6, 7.5, 3.5 + 1.5 * kSqrt3}}},
+      {{12, 7, false, true}, {{5, 6, 7.5, 3.5 + 1.5 * std::sqrt(3.0)}}},
       {{7, 5, true, false}, {{3, 1, 6, 2.5}}},
       // The options without a property of their own follow their definition.
       {{5, 5, true, true, 100.0, 0}, {{2, 2, kOutside, kOutside}, {2, 1, 0, 2.5}}},  // distance 0 is row H
@@ -69,6 +68,7 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{4, 4, false, true, 100.0, 1, 1.5707963267948966}, {{0, 2, 3, 2}}},
       {{8, 8, false, true, -1e300}, {{1, 5, kOutside, kOutside}}},  // a row beyond 32 bits
       {{8, 8, true, true, 100.0, 1, kNaN}, {{3, 3, kOutside, kOutside}}},
+      // Positions past the border.
       {{5, 5, true, true}, {{0, 0, kOutside, kOutside}, {4, 2, kOutside, kOutside}, {2, 4, kOutside, kOutside}}},
   };
   const auto map = GetParam() ? CalculateUndistortedCoordinates : rawfx::reference::CalculateUndistortedCoordinates;
@@ -194,9 +194,9 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   c.params.columnTable = nullptr;
   SetParts(c);
   c.parts = RandomParts(rng, l.height);
-  c.settings =
-      Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping}, " centerAtTop ",
-               int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ", settings.angleOffset);
+  c.settings = Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping},
+                        " centerAtTop ", int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ",
+                        settings.angleOffset);
   return c;
 }
 

@@ -161,7 +161,8 @@ void* Polar(void* block) {
 
 }  // namespace
 
-bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double* sourceY, PolarizeSettings* settings) {
+bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double* sourceY,
+                                     PolarizeSettings* settings) {
   double sx, sy;
   if (settings->rectangularToPolar)
     RectangularToPolarSource(x, y, *settings, sx, sy);
