@@ -1,16 +1,15 @@
-// The barrel distortion part functions. Hand-built blocks pin the reference
-// (and the shipped kernels) to the documented source positions, truncation at
-// the edges and the pixel layouts of each depth; random cases (the effect's
-// matrix form and hand-built ones, with NaN, infinities and extremes) then
-// demand that the fast kernels leave every byte, progress and done as the
-// reference does, on the AVX2 path and the portable one.
+// The barrel distortion part functions. One table pins the reference (and the
+// shipped kernels) to documented source positions, truncation and the blends
+// with the background at the edges; random cases (the effect's matrix form and
+// hand-built ones, with NaN, infinities and extremes) then demand that the fast
+// kernels leave every byte, progress and done as the reference does, on the
+// AVX2 path and the portable one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <sstream>
 #include <vector>
 
 #include "effects/barrel/barrel_kernels.h"
@@ -37,121 +36,70 @@ void SetParts(BarrelCase& c, bool bilinear) {
   c.fast = kParts[1][c.l.sampleBytes - 1][bilinear];
 }
 
-void SetMatrix(BarrelDistortionParams& p, const std::array<double, 9>& cells) {
-  std::copy(cells.begin(), cells.end(), p.keystone);
-}
-
-// A zero source and a destination of 0xA5 bytes, rows padded, with the block
-// as the effect fills it: the keystone matrix form, centre at half the size.
-BarrelCase Block(int width, int height, int channels, int sb, bool bilinear, double distortion, double horizontal,
-                 double vertical, int padding = 0) {
-  BarrelCase c;
-  Layout l = PackedLayout(width, height, sb, channels);
-  l.srcRowBytes += padding;
-  l.dstRowBytes += padding;
-  c.Block(l, 0, 0xA5);
-  SetMatrix(c.params, {1.0, 0.0, horizontal, 0.0, 1.0, vertical, horizontal, vertical, 1.0});
-  c.params.distortion = distortion;
-  c.params.distortionPlusOne = distortion + 1.0;
-  c.params.centerX = width * 0.5;
-  c.params.centerY = height * 0.5;
-  SetParts(c, bilinear);
-  return c;
+// The block's matrix (row by row), distortion, distortion + 1 and centre.
+void SetBlock(BarrelDistortionParams& p, const std::array<double, 9>& matrix, double distortion, double cx, double cy) {
+  std::copy(matrix.begin(), matrix.end(), p.keystone);
+  p.distortion = distortion;
+  p.distortionPlusOne = distortion + 1.0;
+  p.centerX = cx;
+  p.centerY = cy;
 }
 
 class BarrelKernels : public ::testing::TestWithParam<bool> {};
 
-// On a 16-bit source whose pixel (x, y) holds 256x and 256y under a background
-// of 65535, a bilinear result reads back as 256 times the source position, a
-// nearest one as the column and row copied.
+// The block as the effect fills it (the keystone matrix form, centre at half
+// the size), k20 moved by `shift` pixels (exactly, for these sizes), on a
+// 16-bit source whose pixel (x, y) holds 256x and 256y. The background holds
+// 256 width and 256 height: it reads as the column and row just past the
+// bitmap. A result reads back as 256 times the position sampled.
 TEST_P(BarrelKernels, PixelsSampleTheDocumentedPositions) {
   const struct {
     int width, height;
-    double distortion, horizontal, vertical;
+    double distortion, horizontal, vertical, shift;
     bool bilinear;
     int x, y;
     double sx, sy;  // kOutside: the background
   } cases[] = {
-      {200, 100, 1, 0, 0, true, 100, 50, 100, 50},
-      {200, 100, 1, 0, 0, true, 150, 50, 131.25, 50},
-      {200, 100, 1, 0, 0, false, 150, 50, 131, 50},
-      {200, 100, 1, 0, 0, true, 150, 75, 137.5, 68.75},
-      {200, 100, 1, 0, 0, false, 0, 0, kOutside, kOutside},  // (-50, -25)
-      {200, 100, 1, 0, 0, true, 0, 0, kOutside, kOutside},
-      {200, 100, -0.5, 0, 0, true, 150, 75, 175, 87.5},
-      {200, 100, 0, 0.5, 0, true, 100, 50, 150, 50},
-      {200, 100, 0, 0.5, 0, false, 0, 25, 0, 0},
-      {200, 100, 0, 0.5, 0, false, 0, 0, kOutside, kOutside},     // (0, -50)
-      {200, 100, 0, 0.5, 0, false, 199, 50, kOutside, kOutside},  // (199.66555183946485, 50)
-      {200, 100, 0, 0, 0.5, false, 100, 0, 100, 0},
-      {200, 100, 0, 0, 0.5, false, 0, 0, kOutside, kOutside},  // (-100, 0)
-      // Column 1 of 10 maps to 0.9999999999999998: truncated, never rounded.
-      {10, 4, 0, 0, 0, false, 1, 0, 0, 0},
-      {10, 4, 0, 0, 0, true, 1, 0, 255 / 256.0, 0},
+      {200, 100, 1, 0, 0, 0, false, 150, 50, 131, 50},
+      {200, 100, 1, 0, 0, 0, true, 150, 75, 137.5, 68.75},
+      {200, 100, 1, 0, 0, 0, true, 0, 0, kOutside, kOutside},  // (-50, -25)
+      {200, 100, -0.5, 0, 0, 0, true, 150, 75, 175, 87.5},
+      {200, 100, 0, 0.5, 0, 0, true, 100, 50, 150, 50},
+      {200, 100, 0, 0.5, 0, 0, false, 0, 25, 0, 0},
+      {200, 100, 0, 0.5, 0, 0, false, 199, 50, kOutside, kOutside},  // (199.66555183946485, 50)
+      {200, 100, 0, 0, 0.5, 0, false, 100, 0, 100, 0},
+      // Column 1 of 10 maps to 0.9999999999999998: truncated, never rounded,
+      // and blended with that weight.
+      {10, 4, 0, 0, 0, 0, false, 1, 0, 0, 0},
+      {10, 4, 0, 0, 0, 0, true, 1, 0, 255 / 256.0, 0},
+      {16, 8, 0, 0, 0, 0, true, 5, 3, 5, 3},                  // no distortion on a power of two: the pixel itself
+      {8, 4, 0, 0, 0, 0, false, 7, 2, 7, 2},                  // the last column exactly is inside
+      {8, 4, 0, 0, 0, 0.5, false, 7, 2, kOutside, kOutside},  // 7.5 lies past width - 1
+      {8, 4, 0, 0, 0, 0.5, true, 7, 2, 7.5, 3},               // half (7, 2), half the background (8, 4)
+      {8, 4, 0, 0, 0, -0.25, false, 0, 1, kOutside, kOutside},
+      {8, 4, 0, 0, 0, -0.25, true, 0, 1, 2, 1.75},  // a quarter of the background (8, 4) over (0, 1)
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(Describe(c.distortion, "/", c.horizontal, "/", c.vertical, c.bilinear ? " bilinear " : " nearest ",
-                          c.x, ",", c.y));
-    BarrelCase k = Block(c.width, c.height, 2, 2, c.bilinear, c.distortion, c.horizontal, c.vertical);
+    SCOPED_TRACE(Describe(c.width, "x", c.height, ", ", c.distortion, "/", c.horizontal, "/", c.vertical, " shift ",
+                          c.shift, c.bilinear ? " bilinear " : " nearest ", c.x, ",", c.y));
+    BarrelCase k;
+    k.Block(PackedLayout(c.width, c.height, 2, 2), 0, 0xA5);
+    SetBlock(k.params, {1.0, 0.0, c.horizontal, 0.0, 1.0, c.vertical, c.horizontal, c.vertical, 1.0}, c.distortion,
+             c.width * 0.5, c.height * 0.5);
+    k.params.keystone[k20] += c.shift / k.params.centerX;
+    k.params.backColor16[0] = static_cast<uint16_t>(256 * c.width);
+    k.params.backColor16[1] = static_cast<uint16_t>(256 * c.height);
+    SetParts(k, c.bilinear);
     for (int y = 0; y < c.height; ++y)
       for (int x = 0; x < c.width; ++x) {
         k.SetSource(x, y, 0, static_cast<uint32_t>(x * 256));
         k.SetSource(x, y, 1, static_cast<uint32_t>(y * 256));
       }
-    k.params.backColor16[0] = k.params.backColor16[1] = 65535;
     k.parts.ranges = {{c.y, c.y + 1}};
     const Outcome out = k.Run(GetParam());
-    EXPECT_EQ(k.Result(out, c.x, c.y, 0), std::isnan(c.sx) ? 65535 : c.sx * 256);
-    EXPECT_EQ(k.Result(out, c.x, c.y, 1), std::isnan(c.sy) ? 65535 : c.sy * 256);
+    EXPECT_EQ(k.Result(out, c.x, c.y, 0), 256 * (std::isnan(c.sx) ? c.width : c.sx));
+    EXPECT_EQ(k.Result(out, c.x, c.y, 1), 256 * (std::isnan(c.sy) ? c.height : c.sy));
   }
-}
-
-// One 8-bit channel holding 10x under a background of 250; k20 shifts every
-// position by `shift` pixels (exactly, for these sizes).
-TEST_P(BarrelKernels, EdgesAreTruncatedAndBlendWithTheBackground) {
-  const struct {
-    int width;
-    double shift;
-    bool bilinear;
-    int x, y, expected;
-  } cases[] = {
-      // 0.9999999999999998 copies column 0 and blends with that weight: above, at 10 wide.
-      {8, 0, false, 7, 2, 70},  // the last column exactly is inside
-      {8, 0, true, 7, 2, 70},
-      {8, 0.5, false, 7, 2, 250},  // 7.5 lies past width - 1
-      {8, 0.5, false, 6, 2, 60},
-      {8, 0.5, true, 7, 2, 160},  // half the last column, half the background
-      {8, 0.5, true, 0, 2, 5},
-      {8, -0.25, true, 0, 1, 62},  // 62.5: a quarter of the background, three of column 0
-      {8, -0.25, false, 0, 1, 250},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(Describe(c.width, " wide, shift ", c.shift, c.bilinear ? " bilinear" : " nearest", " at ", c.x));
-    BarrelCase k = Block(c.width, 4, 1, 1, c.bilinear, 0, 0, 0);
-    for (int y = 0; y < 4; ++y)
-      for (int x = 0; x < c.width; ++x) k.SetSource(x, y, 0, static_cast<uint32_t>(10 * x));
-    k.params.backColor8[0] = 250;
-    k.params.keystone[k20] = c.shift / k.params.centerX;
-    EXPECT_EQ(k.Result(k.Run(GetParam()), c.x, c.y, 0), static_cast<uint32_t>(c.expected));
-  }
-}
-
-// No distortion and no keystone on a power-of-two size: every pixel maps
-// exactly onto itself, all its samples copied (or blended with weight 0); the
-// odd padding that leaves rows unaligned keeps its bytes.
-TEST_P(BarrelKernels, IdentityReproducesTheSource) {
-  for (int sb : {1, 2})
-    for (bool bilinear : {false, true}) {
-      SCOPED_TRACE(Describe(8 * sb, bilinear ? "-bit bilinear" : "-bit nearest"));
-      BarrelCase c = Block(16, 8, 4, sb, bilinear, 0, 0, 0, 3);
-      for (size_t i = 0; i < c.source.size(); ++i) c.source[i] = static_cast<uint8_t>(i * 37 + 11);
-      const Outcome out = c.Run(GetParam());
-      for (int y = 0; y < 8; ++y) {
-        const uint8_t* row = out.memory.data() + y * c.l.dstRowBytes;
-        EXPECT_TRUE(std::equal(row, row + 16 * 4 * sb, c.source.begin() + y * c.l.srcRowBytes)) << "row " << y;
-        EXPECT_EQ(std::vector<uint8_t>(row + 16 * 4 * sb, row + c.l.dstRowBytes), std::vector<uint8_t>(3, 0xA5));
-      }
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, BarrelKernels, ::testing::Bool(), KernelsName);
@@ -166,12 +114,10 @@ void EffectSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l, bool m
     return Chance(rng, 0.4) ? 0.0 : RandomDouble(rng, 0.3, -1.0, 1.0, {0.5, -0.5, 1.0, -1.0});
   };
   const double horizontal = keystone(), vertical = keystone();
-  SetMatrix(p, {1.0, 0.0, horizontal, 0.0, 1.0, vertical, horizontal, vertical, 1.0});
-  p.distortion = mild ? UniformReal(rng, -0.6, 1.5)
-                      : RandomDouble(rng, 0.35, -1.0, 3.0, {1e-17, -1.0, -1.0 + 1e-16, 1e6, -1e6});
-  p.distortionPlusOne = p.distortion + 1.0;
-  p.centerX = l.width * 0.5;
-  p.centerY = l.height * 0.5;
+  const double distortion = mild ? UniformReal(rng, -0.6, 1.5)
+                                 : RandomDouble(rng, 0.35, -1.0, 3.0, {1e-17, -1.0, -1.0 + 1e-16, 1e6, -1e6});
+  SetBlock(p, {1.0, 0.0, horizontal, 0.0, 1.0, vertical, horizontal, vertical, 1.0}, distortion, l.width * 0.5,
+           l.height * 0.5);
 }
 
 // Any matrix and centre, as the kernels would take them.
@@ -195,10 +141,7 @@ void GridSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l) {
     return static_cast<double>(Uniform(rng, -2 * int64_t{size} - 8, 2 * int64_t{size} + 8)) * 0.25 - 1.0;
   };
   const double a = PickFrom(rng, steps), b = PickFrom(rng, steps);
-  SetMatrix(p, {a, 0.0, 0.0, 0.0, b, 0.0, offset(l.width), offset(l.height), 1.0});
-  p.distortion = 0.0;
-  p.distortionPlusOne = 1.0;
-  p.centerX = p.centerY = 1.0;
+  SetBlock(p, {a, 0.0, 0.0, 0.0, b, 0.0, offset(l.width), offset(l.height), 1.0}, 0.0, 1.0, 1.0);
 }
 
 // The source is sized exactly, so a read past it shows under the sanitizers;
@@ -212,18 +155,6 @@ BarrelCase NewCase(Rng& rng, const Layout& l, bool bilinear) {
   SetParts(c, bilinear);
   c.parts = RandomParts(rng, l.height);
   return c;
-}
-
-// Names the settings for failure messages, once they are made.
-void NameSettings(BarrelCase& c) {
-  const BarrelDistortionParams& p = c.params;
-  std::ostringstream s;
-  s.precision(17);
-  s << (c.fast == BarrelDistort8BitPart || c.fast == BarrelDistort16BitPart ? "nearest" : "bilinear")
-    << ", distortion " << p.distortion << " (+1: " << p.distortionPlusOne << "), centre " << p.centerX << " "
-    << p.centerY << ", matrix";
-  for (double cell : p.keystone) s << " " << cell;
-  c.settings = s.str();
 }
 
 // Pixel (0, 0) of a 5 x 5 bitmap exactly on the n-th of the positions where
@@ -249,11 +180,7 @@ BarrelCase CornerCase(Rng& rng, int n) {
   };
   const auto [a, cx] = exactlyAt(sx);
   const auto [b, cy] = exactlyAt(sy);
-  SetMatrix(c.params, {-a, 0.0, 0.0, 0.0, -b, 0.0, 0.0, 0.0, 1.0});
-  c.params.distortion = 0.0;
-  c.params.distortionPlusOne = 1.0;
-  c.params.centerX = cx;
-  c.params.centerY = cy;
+  SetBlock(c.params, {-a, 0.0, 0.0, 0.0, -b, 0.0, 0.0, 0.0, 1.0}, 0.0, cx, cy);
   return c;
 }
 
@@ -279,7 +206,12 @@ BarrelCase RandomCase(Rng& rng, int index) {
     GridSettings(rng, c.params, l);
   else if (kind < 10)
     ArbitrarySettings(rng, c.params);
-  NameSettings(c);
+  const BarrelDistortionParams& p = c.params;
+  const double* k = p.keystone;
+  c.settings = Describe(c.fast == BarrelDistort8BitPart || c.fast == BarrelDistort16BitPart ? "nearest" : "bilinear",
+                        ", distortion ", p.distortion, " (+1: ", p.distortionPlusOne, "), centre ", p.centerX, " ",
+                        p.centerY, ", matrix ", k[0], " ", k[1], " ", k[2], " / ", k[3], " ", k[4], " ", k[5], " / ",
+                        k[6], " ", k[7], " ", k[8]);
   return c;
 }
 

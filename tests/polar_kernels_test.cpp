@@ -1,13 +1,14 @@
 // The polar coordinate mapping and its part functions. Hand-built blocks pin
 // the reference (and the shipped kernels) to documented positions, positions
-// off the source, blends and borders; random cases then demand that the fast kernels leave every byte,
-// the progress count and every done flag as the reference does, with and
-// without a column table, on the AVX2 path and the portable one.
+// off the source, blends and borders; random cases then demand that the fast
+// kernels leave every byte, the progress count and every done flag as the
+// reference does, with and without a column table (matching or stale), also
+// for sources too large to address, on the AVX2 path and the portable one.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
-#include <cstring>
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -23,7 +24,6 @@ using PolarCase = KernelCase<PolarCoordinatesParams>;
 
 constexpr double kOutside = kNaN;
 constexpr double kSqrt2 = 1.4142135623730951;
-constexpr double kSqrt3 = 1.7320508075688772;
 constexpr double kTwoPi = 6.283185307179586;
 
 void SetParts(PolarCase& c) {
@@ -50,19 +50,16 @@ PolarizeSettings SettingsOf(const Geometry& g) {
 class PolarKernels : public ::testing::TestWithParam<bool> {};
 
 TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
-  struct Point {
-    double x, y, sx, sy;
-  };
   const struct {
     Geometry g;
-    std::vector<Point> points;
+    std::vector<std::array<double, 4>> points;  // x, y and the source position, kOutside off the source
   } cases[] = {
       {{5, 5, true, true}, {{2, 2, 1, 0}, {2, 1, 0, 2.5}, {1, 2, 3, 2.5}, {3, 2, 1, 2.5}, {1, 1, 3.5, 2.5 * kSqrt2}}},
       {{5, 5, true, false}, {{2, 2, 3, 0}, {2, 1, 4, 2.5}, {1, 2, 1, 2.5}}},
       {{4, 4, false, true}, {{0, 0, 2, 2}, {3, 0, 2, 2}, {1, 2, 3, 2}, {2, 2, 2, 3}, {3, 2, 1, 2}, {0, 3, 2, 0.5}}},
       {{4, 4, false, true}, {{1, 3, kOutside, kOutside}, {2, 3, kOutside, kOutside}}},
       {{4, 4, false, false}, {{1, 2, 1, 2}, {2, 3, kOutside, kOutside}, {3, 3, kOutside, kOutside}}},
-      {{12, 7, false, true}, {{5, 6, 7.5, 3.5 + 1.5 * kSqrt3}}},
+      {{12, 7, false, true}, {{5, 6, 7.5, 3.5 + 1.5 * std::sqrt(3.0)}}},
       {{7, 5, true, false}, {{3, 1, 6, 2.5}}},
       // The options without a property of their own follow their definition.
       {{5, 5, true, true, 100.0, 0}, {{2, 2, kOutside, kOutside}, {2, 1, 0, 2.5}}},  // distance 0 is row H
@@ -71,33 +68,27 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
       {{4, 4, false, true, 100.0, 1, 1.5707963267948966}, {{0, 2, 3, 2}}},
       {{8, 8, false, true, -1e300}, {{1, 5, kOutside, kOutside}}},  // a row beyond 32 bits
       {{8, 8, true, true, 100.0, 1, kNaN}, {{3, 3, kOutside, kOutside}}},
-      // Positions off the source: the border, one-pixel sides, non-finite and huge coordinates.
+      // Positions past the border.
       {{5, 5, true, true}, {{0, 0, kOutside, kOutside}, {4, 2, kOutside, kOutside}, {2, 4, kOutside, kOutside}}},
-      {{1, 6, true, false}, {{0, 2, kOutside, kOutside}}},
-      {{6, 1, false, true}, {{2, 0, kOutside, kOutside}}},
-      {{8, 8, false, true},
-       {{3, kNaN, kOutside, kOutside}, {kInf, 3, kOutside, kOutside}, {3, -3e9, kOutside, kOutside}}},
-      {{8, 8, true, false},
-       {{3, kInf, kOutside, kOutside}, {1e300, 3, kOutside, kOutside}, {kNaN, 3, kOutside, kOutside}}},
   };
   const auto map = GetParam() ? CalculateUndistortedCoordinates : rawfx::reference::CalculateUndistortedCoordinates;
   for (const auto& c : cases)
-    for (const Point& p : c.points) {
+    for (const auto& [x, y, sx, sy] : c.points) {
       SCOPED_TRACE(Describe(c.g.width, "x", c.g.height, c.g.toPolar ? " to polar" : " unrolled",
-                            c.g.flip ? " flipped" : "", " at ", p.x, ",", p.y));
+                            c.g.flip ? " flipped" : "", " at ", x, ",", y));
       PolarizeSettings s = SettingsOf(c.g);
       double mappedX = -7.0, mappedY = -7.0;  // an outside position leaves them untouched
-      const bool inside = map(p.x, p.y, &mappedX, &mappedY, &s);
-      EXPECT_EQ(inside, !std::isnan(p.sx));
-      EXPECT_DOUBLE_EQ(mappedX, inside ? p.sx : -7.0);
-      EXPECT_DOUBLE_EQ(mappedY, inside ? p.sy : -7.0);
+      const bool inside = map(x, y, &mappedX, &mappedY, &s);
+      EXPECT_EQ(inside, !std::isnan(sx));
+      EXPECT_DOUBLE_EQ(mappedX, inside ? sx : -7.0);
+      EXPECT_DOUBLE_EQ(mappedY, inside ? sy : -7.0);
     }
 }
 
 // A source with two guard rows below it and padding, both holding 0, that
 // the part must never read; the block's own geometry holds -99, which
-// the parts must neither read nor write. Background sample i is background + step i.
-PolarCase Block(const Geometry& g, int channels, int sb, int background, int step = 0) {
+// the parts must neither read nor write.
+PolarCase Block(const Geometry& g, int channels, int sb, int background) {
   PolarCase c;
   Layout l = PackedLayout(g.width, g.height, sb, channels);
   l.srcRowBytes += 3 * sb;
@@ -106,15 +97,17 @@ PolarCase Block(const Geometry& g, int channels, int sb, int background, int ste
   c.params.settings = SettingsOf(g);
   c.params.settings.width = c.params.settings.height = -99;
   c.params.settings.centerX = c.params.settings.centerY = -99.0;
-  for (size_t i = 0; i < std::size(c.params.backColor8); ++i) {
-    c.params.backColor8[i] = static_cast<uint8_t>(background + step * i);
-    c.params.backColor16[i] = static_cast<uint16_t>(background + step * i);
-  }
+  std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
+  std::fill_n(c.params.backColor16, std::size(c.params.backColor16), static_cast<uint16_t>(background));
   SetParts(c);
   return c;
 }
 
-TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
+// Truncation and the background at the borders at documented positions. Then
+// a constant source under a background of the same value stays that value
+// everywhere, unless a neighbour is read from the guards or the padding, and
+// bitmaps one pixel wide or high are the background throughout.
+TEST_P(PolarKernels, BlendsTruncateMixInTheBackgroundAndReadNothingOutside) {
   const struct {
     const char* what;
     Geometry g;
@@ -135,28 +128,20 @@ TEST_P(PolarKernels, BlendTruncatesAndMixesInTheBackgroundAtTheBorders) {
     for (const auto& [x, y, v] : c.samples) k.SetSource(x, y, 0, static_cast<uint32_t>(v));
     EXPECT_EQ(k.Result(k.Run(GetParam()), c.x, c.y, 0), static_cast<uint32_t>(c.expected));
   }
-}
-
-// A constant source under a background of the same value stays that value
-// everywhere, unless a neighbour is read from the guards or the padding;
-// bitmaps one pixel wide or high are the background throughout.
-TEST_P(PolarKernels, ConstantSourceStaysConstantAndNothingOutsideIsRead) {
   for (bool toPolar : {true, false})
     for (bool flip : {true, false})
       for (int sb : {1, 2})
         for (auto [w, h] : {std::pair{12, 7}, {7, 5}, {2, 9}, {9, 2}, {16, 16}, {1, 5}, {5, 1}}) {
           SCOPED_TRACE(Describe(w, "x", h, toPolar ? " to polar " : " unrolled ", flip ? "flipped " : "", 8 * sb));
-          const int value = sb == 1 ? 77 : 40077, channels = 2 + sb;
           const bool thin = w == 1 || h == 1;
-          PolarCase c = Block({w, h, toPolar, flip}, channels, sb, thin ? value + 1 : value, thin);
+          const int unit = sb == 1 ? 1 : 0x101, channels = 2 + sb;  // samples of two equal bytes
+          PolarCase c = Block({w, h, toPolar, flip}, channels, sb, (thin ? 0x5E : 0xC5) * unit);
           for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
-              for (int i = 0; i < channels; ++i) c.SetSource(x, y, i, static_cast<uint32_t>(value));
+              for (int i = 0; i < channels; ++i) c.SetSource(x, y, i, static_cast<uint32_t>(0xC5 * unit));
           const Outcome out = c.Run(GetParam());
-          for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-              for (int i = 0; i < channels; ++i)
-                ASSERT_EQ(c.Result(out, x, y, i), static_cast<uint32_t>(thin ? value + 1 + i : value)) << x << "," << y;
+          const auto end = out.memory.begin() + static_cast<std::ptrdiff_t>(c.destination.size());
+          EXPECT_EQ(std::count(out.memory.begin(), end, thin ? 0x5E : 0xC5), end - out.memory.begin());
         }
 }
 
@@ -215,24 +200,21 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   return c;
 }
 
-// Every 200th case is a bigger bitmap with the effect's own settings and
-// matching tables: many angles and long rows through the vector loops. The
-// others have no tables, matching ones or ones made for another size or other
-// options, which the fast kernels must ignore (the reference never reads one).
+// Every 200th case is a bigger bitmap with the effect's own settings: many
+// angles and long rows through the vector loops. Cases have no tables,
+// matching ones or ones made for another size or other options, which the fast
+// kernels must ignore (the reference never reads one).
 PolarCase RandomCase(Rng& rng, int index) {
+  Layout l = RandomLayout(rng, 300, false);
+  PolarizeSettings settings = RandomSettings(rng);
   if (index % 200 == 7) {
     const std::pair<int32_t, int32_t> sizes[] = {{301, 203}, {256, 256}, {97, 515}, {640, 3}};
     const auto [width, height] = PickFrom(rng, sizes);
     const int32_t sampleBytes = Chance(rng, 0.5) ? 1 : 2;
+    l = PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3);
     const uint8_t flip = Chance(rng, 0.5), toPolar = Chance(rng, 0.5);
-    const PolarizeSettings settings{100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
-    PolarCase c = NewCase(rng, PackedLayout(width, height, sampleBytes, sampleBytes == 1 ? 4 : 3), settings);
-    AttachColumnTable(c, settings, width, height);
-    return c;
-  }
-  Layout l = RandomLayout(rng, 300, false);
-  PolarizeSettings settings = RandomSettings(rng);
-  if (index % 4 == 3) {  // one pixel wide or high, with settings that map just outside the first column or row
+    settings = {100.0, flip, 1, toPolar, 0.0, 0, 0, 0.0, 0.0};
+  } else if (index % 4 == 3) {  // one pixel wide or high, with settings that map just outside the first column or row
     (Chance(rng, 0.5) ? l.width : l.height) = 1;
     l.srcRowBytes = std::max(l.srcRowBytes, l.srcPixelBytes);
     l.dstRowBytes = std::max(l.dstRowBytes, l.dstPixelBytes);
@@ -249,39 +231,16 @@ PolarCase RandomCase(Rng& rng, int index) {
   if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
   if (table < 6) AttachColumnTable(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
   c.settings += "; table " + std::to_string(table);
+  if (index % 50 == 11 && c.l.height > 2) c.l.srcRowBytes = 1 << 30;  // too far apart to address: never read
   return c;
 }
 
 TEST(PolarDifferential, RandomCasesMatchTheReference) { CheckRandomCases(0x5EED0001, 6000, RandomCase); }
 
-// The public mapping gives the reference's answer bit for bit, also for
-// positions the parts never ask about (fractions, NaN, infinities), and never
-// writes the settings.
-TEST(PolarDifferential, MappingMatchesTheReference) {
-  Rng rng(0x5EED0003);
-  for (int i = 0, count = RandomCases(20000); i < count; ++i) {
-    PolarizeSettings s = RandomSettings(rng);
-    s.width = RandomSide(rng, 64);
-    s.height = RandomSide(rng, 64);
-    s.centerX = Chance(rng, 0.05) ? UniformReal(rng, -3.0, 70.0) : (s.width - 1) * 0.5;
-    s.centerY = (s.height - 1) * 0.5;
-    double x = static_cast<double>(Uniform(rng, -2, s.width + 1));
-    double y = static_cast<double>(Uniform(rng, -2, s.height + 1));
-    if (Chance(rng, 0.2)) x += UniformReal(rng, -1.0, 1.0);
-    if (Chance(rng, 0.05)) x = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
-    if (Chance(rng, 0.05)) y = RandomDouble(rng, 1.0, 0.0, 0.0, {0.5, -0.5, 3e9});
-    PolarizeSettings forReference = s, forFast = s;
-    double expected[2] = {123.0, 456.0}, actual[2] = {123.0, 456.0};
-    const bool inside = rawfx::reference::CalculateUndistortedCoordinates(x, y, expected, expected + 1, &forReference);
-    ASSERT_EQ(CalculateUndistortedCoordinates(x, y, actual, actual + 1, &forFast), inside) << "case " << i;
-    ASSERT_EQ(std::memcmp(actual, expected, sizeof actual), 0)
-        << "case " << i << ": " << actual[0] << ", " << actual[1] << " vs " << expected[0] << ", " << expected[1];
-    ASSERT_EQ(std::memcmp(&forFast, &s, sizeof s), 0) << "the settings were written";
-  }
-}
-
 // A table whose header matches the run is read (columns altered to sample the
-// centre change the result); one made for another size or other options is not.
+// centre change the result); one whose angle offset differs in the sign bit
+// alone is not, as the random cases' tables for other sizes and options are
+// not. Sizes that take no table get none.
 TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
   Rng rng(0x5EED0004);
   PolarCase c = NewCase(rng, PackedLayout(24, 16, 1, 3), PolarizeSettings{100.0, 1, 1, 0, 0.0, 0, 0, 0.0, 0.0});
@@ -290,38 +249,18 @@ TEST(PolarDifferential, OnlyAMatchingColumnTableIsRead) {
   const Outcome expected = c.Run(false);
   auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
   std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
-  const PolarColumnTable matching = *table;
-  const std::function<void(PolarColumnTable&)> variants[] = {
-      [](auto&) {}, [](auto& t) { ++t.width; }, [](auto& t) { ++t.height; }, [](auto& t) { t.flipMapping = 0; },
-      [](auto& t) { t.roundness = 99.0; }, [](auto& t) { t.angleOffset = -0.0; }};  // compared bit for bit
-  for (size_t variant = 0; variant < std::size(variants); ++variant) {
-    *table = matching;
-    variants[variant](*table);
+  for (double angle : {0.0, -0.0}) {
+    table->angleOffset = angle;  // compared bit for bit
     for (bool scalar : {false, true}) {
       rawfx::cpu::ForceScalar(scalar);
-      EXPECT_EQ(c.Run(true).memory == expected.memory, variant != 0) << "variant " << variant << ", scalar " << scalar;
+      EXPECT_EQ(c.Run(true).memory == expected.memory, std::signbit(angle))
+          << "angle " << angle << ", scalar " << scalar;
     }
     rawfx::cpu::ForceScalar(false);
   }
-}
-
-// Rows too far apart for 32-bit source offsets: no source pixel is read and
-// every pixel is the background, in both kernels and both directions.
-TEST(PolarDifferential, UnaddressableSourceGivesTheBackgroundAlike) {
-  Rng rng(0x5EED0007);
-  for (uint8_t toPolar : {0, 1}) {
-    PolarCase c = NewCase(rng, PackedLayout(9, 7, 2, 3), PolarizeSettings{100.0, 1, 1, toPolar, 0.0, 0, 0, 0.0, 0.0});
-    c.l.srcRowBytes = 1 << 29;  // the source itself is never read
-    c.parts.ranges = {{0, 7}};
-    EXPECT_TRUE(MatchesReference(c));
-    EXPECT_EQ(reinterpret_cast<const uint16_t*>(c.Run(false).memory.data())[2], c.params.backColor16[2]);
-  }
-}
-
-TEST(PolarDifferential, ColumnTablesExistOnlyForUsableSizes) {
   const int64_t tooBig = int64_t{1} << 31, widest = int64_t{1} << 20;
-  for (auto [width, height] : {std::pair{int64_t{0}, int64_t{5}}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5},
-                               {5, tooBig}})
+  for (auto [width, height] :
+       {std::pair{int64_t{0}, int64_t{5}}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5}, {5, tooBig}})
     EXPECT_EQ(PolarColumnTableBytes(width, height), 0u) << width << " x " << height;
   EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 3 * 8 * sizeof(double));
   EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + 3 * widest * sizeof(double));

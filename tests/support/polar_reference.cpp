@@ -11,19 +11,13 @@ namespace {
 
 using namespace rawfx::polar;
 
-// True when v truncates to a signed 32-bit integer without leaving its range (false for NaN).
-bool TruncationFitsInt32(double v) { return v > -2147483649.0 && v < 2147483648.0; }
-
-// A position is inside when it rounds (half up, by truncation) to a pixel of the bitmap.
-// The range is tested before any conversion: non-finite or huge positions are outside.
-bool InsideSource(double sx, double sy, int32_t width, int32_t height) {
-  if (!std::isfinite(sx) || !std::isfinite(sy)) return false;
-  const double roundedX = sx + 0.5;
-  const double roundedY = sy + 0.5;
-  if (!TruncationFitsInt32(roundedX) || !TruncationFitsInt32(roundedY)) return false;
-  const int64_t column = static_cast<int32_t>(roundedX);
-  const int64_t row = static_cast<int32_t>(roundedY);
-  return column >= 0 && column <= int64_t{width} - 1 && row >= 0 && row <= int64_t{height} - 1;
+// A coordinate is inside when it rounds (half up, by truncation) to one of
+// size pixels. The range is tested before the conversion: NaN, infinities and
+// coordinates that do not truncate into a signed 32-bit integer are outside.
+bool RoundsInto(double v, int32_t size) {
+  const double rounded = v + 0.5;
+  return rounded > -2147483649.0 && rounded < 2147483648.0 && static_cast<int32_t>(rounded) >= 0 &&
+         static_cast<int32_t>(rounded) <= int64_t{size} - 1;
 }
 
 // (100 - roundness) percent of the way from the inscribed radius m out to the border e.
@@ -51,19 +45,14 @@ AngleAndDistance AngleAndDistanceOf(double x, double y, double cx, double cy) {
 
 // The destination is the polar picture: angle picks the source column, distance the row.
 void RectangularToPolarSource(double x, double y, const PolarizeSettings& s, double& sx, double& sy) {
-  const double cx = s.centerX;
-  const double cy = s.centerY;
-  const double width = s.width;
-  const double height = s.height;
+  const double cx = s.centerX, cy = s.centerY;
+  const double width = s.width, height = s.height;
   const AngleAndDistance polar = AngleAndDistanceOf(x, y, cx, cy);
 
   const double slope = x != cx ? std::fabs((y - cy) / (x - cx)) : 0.0;
   // The ray leaves through a side when the whole sizes' ratio is at least the slope.
-  double border;
-  if (height / width >= slope)
-    border = x != cx ? std::sqrt((slope * cx) * (slope * cx) + cx * cx) : cy;
-  else
-    border = std::sqrt(cy * cy + (cy / slope) * (cy / slope));
+  const double border = height / width >= slope ? (x != cx ? std::sqrt((slope * cx) * (slope * cx) + cx * cx) : cy)
+                                                : std::sqrt(cy * cy + (cy / slope) * (cy / slope));
   const double radius = PolarRadius(s.roundness, border, std::min(cx, cy));
 
   const double angle = std::fmod(s.angleOffset + polar.angle, kTwoPi);
@@ -85,32 +74,25 @@ double FoldToQuadrant(double a) {
 
 // The destination is the rectangular picture: column x is an angle, row y a distance.
 void PolarToRectangularSource(double x, double y, const PolarizeSettings& s, double& sx, double& sy) {
-  const double width = s.width;
-  const double height = s.height;
+  const double width = s.width, height = s.height;
   const double column = s.flipMapping ? x : width - x;
   const double a = std::fmod(s.angleOffset + (column * kTwoPi) / width, kTwoPi);
   const double phi = FoldToQuadrant(a);
 
   // The whole sizes halved: this direction centres on the middle of the bitmap's area.
-  const double hw = width * 0.5;
-  const double hh = height * 0.5;
+  const double hw = width * 0.5, hh = height * 0.5;
   const double tanPhi = std::tan(phi);
   const double cotangent = tanPhi != 0.0 ? 1.0 / tanPhi : 0.0;
-  double ex, ey;
-  if (height / width >= cotangent) {
-    ex = phi == 0.0 ? 0.0 : hw;
-    ey = phi == 0.0 ? hh : hw * cotangent;
-  } else {
-    ex = hh / cotangent;
-    ey = hh;
-  }
+  // The ray leaves through a side when the whole sizes' ratio is at least the cotangent.
+  const bool throughSide = height / width >= cotangent;
+  const double ex = !throughSide ? hh / cotangent : phi == 0.0 ? 0.0 : hw;
+  const double ey = !throughSide ? hh : phi == 0.0 ? hh : hw * cotangent;
   const double border = std::sqrt(ey * ey + ex * ex);
   const double radius = PolarRadius(s.roundness, border, std::min(hh, hw));
 
   const double fromCentre = s.centerAtTop ? y : height - y;
   const double r = (fromCentre / height) * radius;
-  const double dx = std::sin(phi) * r;
-  const double dy = r * std::cos(phi);
+  const double dx = std::sin(phi) * r, dy = r * std::cos(phi);
   if (a >= kThreeHalfPi) {
     sx = hw - dx, sy = hh - dy;
   } else if (a >= kPi) {
@@ -133,11 +115,8 @@ void* Polar(void* block) {
   s.centerX = static_cast<double>(int64_t{head.width} - 1) * 0.5;
   s.centerY = static_cast<double>(int64_t{head.height} - 1) * 0.5;
   const int n = std::clamp<int>(head.srcPixelBytes / static_cast<int>(sizeof(Sample)), 0, kMaxSamples);
-  const Sample* background;
-  if constexpr (sizeof(Sample) == 1)
-    background = p.backColor8;
-  else
-    background = p.backColor16;
+  const auto* background =
+      reinterpret_cast<const Sample*>(sizeof(Sample) == 1 ? p.backColor8 : static_cast<void*>(p.backColor16));
   // Source offsets are signed 32-bit products: a source whose offsets do not
   // all fit is never read, so no offset can wrap outside the bitmap.
   const int64_t lastRowOffset = int64_t{head.srcRowBytes} * std::max(head.height - 1, 0);
@@ -189,7 +168,7 @@ bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double
     RectangularToPolarSource(x, y, *settings, sx, sy);
   else
     PolarToRectangularSource(x, y, *settings, sx, sy);
-  if (!InsideSource(sx, sy, settings->width, settings->height)) return false;
+  if (!RoundsInto(sx, settings->width) || !RoundsInto(sy, settings->height)) return false;
   *sourceX = sx;
   *sourceY = sy;
   return true;
