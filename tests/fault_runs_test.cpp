@@ -38,6 +38,10 @@ const Case kCases[] = {
 };
 const EngineCall::Operation kOperations[] = {EngineCall::Parts, EngineCall::PartsInPlace, EngineCall::PartsAsync};
 
+int64_t BlocksDisposed(rawfx::host::Host& host) {
+  return host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks;
+}
+
 std::string CaseName(const Case& c) {
   const char* const methods[] = {"_Apply_", "_ApplyInPlace_", "_ApplyAsync_"};
   return std::string(c.className).substr(0, std::string(c.className).find("Effect")) + methods[int(c.method)] +
@@ -63,10 +67,6 @@ class FaultRun : public AsyncHostTest, public ::testing::WithParamInterface<Case
       seen = {seen.runs + 1, params.progress, params.cancel != 0, {}, Rows(host, destination)};
       for (const MPParamBlock& part : parts) seen.parts.emplace_back(part.firstRow, part.endRow);
     });
-  }
-  void TearDown() override {
-    host.SetRunInspector(nullptr);
-    AsyncHostTest::TearDown();
   }
   REALobject NewSource(int bits) { return NewPattern(host, kWidth, kHeight, kRGBA, bits, 77, 6); }
 
@@ -116,6 +116,8 @@ TEST_P(FaultRun, CancelAtEveryRowOrBeforeTheRunStopsAfterThatRow) {
 
     const auto done = [&](int32_t y) { return row < 0 ? y == 0 || y == 1 || y == 3 || y == 6 || y == 7 : y <= row; };
     const int32_t rowsDone = row < 0 ? 5 : std::min(row + 1, kHeight);
+    const RowBytes untouched =
+        c.method == Method::InPlace ? original : RowBytes(kHeight, std::vector<uint8_t>(original[0].size()));
     ASSERT_EQ(seen.runs, 1);
     EXPECT_EQ(std::make_tuple(seen.progress, seen.cancel), std::make_tuple(rowsDone, row < kHeight));
     if (row >= 0 && row < kHeight) {
@@ -123,16 +125,11 @@ TEST_P(FaultRun, CancelAtEveryRowOrBeforeTheRunStopsAfterThatRow) {
     }
     // Rows before the cut are the full run's, the row at the cut starts a part,
     // and the rest keep what the destination held.
-    for (int32_t y = 0; y < kHeight; ++y) {
-      const std::vector<uint8_t> untouched =
-          c.method == Method::InPlace ? original[y] : std::vector<uint8_t>(original[y].size(), 0);
-      EXPECT_EQ(seen.rows[y], !done(y) ? untouched : y < row ? following[y] : starting[y]) << "row " << y;
-    }
+    for (int32_t y = 0; y < kHeight; ++y)
+      EXPECT_EQ(seen.rows[y], !done(y) ? untouched[y] : y < row ? following[y] : starting[y]) << "row " << y;
     EXPECT_EQ(Rows(host, source), c.method == Method::InPlace ? seen.rows : original) << "the source is never written";
     EXPECT_EQ(result == nullptr, c.method == Method::InPlace || rowsDone < kHeight);
-    if (result) {
-      EXPECT_EQ(Rows(host, result), following);
-    }
+    EXPECT_EQ(result ? Rows(host, result) : following, following) << "a whole run's result is the full run's";
     EXPECT_EQ(host.LastError(effect), 0) << "a cancel is not an error of the effect";
     for (REALobject object : {result, source, effect}) host.Unlock(object);
     ASSERT_EQ(host.LiveObjectCount(), 0u);
@@ -162,7 +159,7 @@ TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
       for (REALobject object : {mask, shortBitmap}) host.Unlock(object);  // held by the effect and the mask
     }
     const size_t alive = host.LiveObjectCount();
-    const int64_t disposed = host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks;
+    const int64_t disposed = BlocksDisposed(host);
     const bool passesBy = fault == NoResult && c.method == Method::InPlace;
     seen = {};
     EXPECT_EQ(RunEffect(host, effect, c.method, source, log), nullptr);
@@ -171,8 +168,7 @@ TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
     const EngineCall call = host.lastEngineCall();
     EXPECT_EQ(std::make_tuple(call.operation, call.parts == 0, seen.runs),
               std::make_tuple(kOperations[int(c.method)], !passesBy, passesBy ? 1 : 0));
-    EXPECT_EQ(host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks,
-              disposed + (c.method == Method::Async));
+    EXPECT_EQ(BlocksDisposed(host), disposed + (c.method == Method::Async));
     EXPECT_EQ(Pixels(host, source) == before, !passesBy);
     EXPECT_EQ(host.LiveObjectCount(), alive) << "nothing made is left";
     if (passesBy) {
@@ -192,13 +188,7 @@ TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
 INSTANTIATE_TEST_SUITE_P(EveryEffect, FaultRun, ::testing::ValuesIn(kCases),
                          [](const auto& test) { return CaseName(test.param); });
 
-class FaultAsync : public AsyncHostTest {
- protected:
-  void Start(REALobject effect, REALobject source, REALobject target) {
-    host.Call<void>(effect, kApplyAsync, source, target, log.method());
-  }
-  int64_t BlocksDisposed() { return host.asyncCounts().blocksDeleted + host.asyncCounts().deleteCallbacks; }
-};
+using FaultAsync = AsyncHostTest;
 
 // Polar runs share two effects and overlap freely (each has its own block on
 // the heap, deleted by the engine); a barrel effect's block lives in the
@@ -210,20 +200,17 @@ class FaultAsync : public AsyncHostTest {
 TEST_F(FaultAsync, ThousandBackToBackRunsWithRandomCancels) {
   host.SetThreads(3);
   std::mt19937 random(20240611);
-  const REALobject polars[2] = {NewEffect(host, kPolar), NewEffect(host, kPolar)};
-  host.Set<bool>(polars[1], "RectangularToPolar", false);
-  std::vector<REALobject> held(polars, polars + 2);  // released at the end
+  const REALobject effects[3] = {NewEffect(host, kPolar), NewEffect(host, kPolar), NewEffect(host, kBarrel)};
+  host.Set<bool>(effects[1], "RectangularToPolar", false);
+  std::vector<REALobject> held(effects, effects + 3);  // released at the end
   struct Source {
-    REALobject bitmap, expected[3];  // by the two polar effects and by a barrel effect
+    REALobject bitmap, expected[3];  // by the three effects
   };
   std::vector<Source> sources;
   for (const auto& [w, h, format, bits] : {std::tuple{16, 12, kRGBA, 8}, std::tuple{9, 21, kCMYK, 16},
                                            std::tuple{1, 1, kRGBA, 8}, std::tuple{33, 5, kRGBA, 16}}) {
     Source& s = sources.emplace_back(Source{held.emplace_back(NewPattern(host, w, h, format, bits, w * h, 2)), {}});
-    REALobject barrel = NewEffect(host, kBarrel);
-    for (int i = 0; i < 3; ++i)
-      s.expected[i] = held.emplace_back(host.Call<REALobject>(i < 2 ? polars[i] : barrel, kApply, s.bitmap));
-    host.Unlock(barrel);
+    for (int i = 0; i < 3; ++i) s.expected[i] = held.emplace_back(host.Call<REALobject>(effects[i], kApply, s.bitmap));
   }
   constexpr int kRuns = 1000;
   std::vector<std::pair<REALobject, REALobject>> runs;  // target, expected result
@@ -232,9 +219,9 @@ TEST_F(FaultAsync, ThousandBackToBackRunsWithRandomCancels) {
     const Source& source = sources[random() % sources.size()];
     REALobject target = held.emplace_back(host.NewRGBColor(1, 2, 3));
     const int which = random() % 2 == 0 ? static_cast<int>(random() % 2) : 2;
-    REALobject effect = which < 2 ? polars[which] : NewEffect(host, kBarrel);
+    REALobject effect = which < 2 ? effects[which] : NewEffect(host, kBarrel);
     if (which == 2 && random() % 8 == 0) host.RequestCancel(effect);
-    Start(effect, source.bitmap, target);
+    host.Call<void>(effect, kApplyAsync, source.bitmap, target, log.method());
     if (random() % 4 == 0) host.RequestCancel(effect);
     if (which == 2) host.Unlock(effect);  // the run keeps the effect alive
     polarRuns += which < 2;
@@ -258,39 +245,32 @@ TEST_F(FaultAsync, ThousandBackToBackRunsWithRandomCancels) {
   for (REALobject object : held) host.Unlock(object);
 }
 
-// The program drops every reference right after starting the run: the run
-// still completes with the right result and the objects go once it has ended.
-// An effect that is its own target and is released by its completion goes
-// after its block was handed back.
+// The program drops every reference right after starting the run, or the run's
+// completion drops the last one of an effect that is its own target: the run
+// still completes once with the right result and hands its block back once,
+// and the objects go once it has ended (such an effect after its block).
 TEST_F(FaultAsync, ObjectsReleasedWhileTheirRunIsUnderWayOrByItsCompletion) {
-  for (const char* className : {kPolar, kBarrel}) {
-    SCOPED_TRACE(className);
-    REALobject source = NewPattern(host, 40, 30, kRGBA, 8, 9), effect = NewEffect(host, className);
-    REALobject expected = host.Call<REALobject>(effect, kApply, source), target = host.NewCMYKColor(1, 2, 3, 4);
-    Start(effect, source, target);
-    for (REALobject object : {effect, source, target}) host.Unlock(object);
-    host.WaitForAsync();
-    EXPECT_EQ(log.Calls(target), 1);
-    EXPECT_EQ(host.LiveObjectClasses(), (std::vector<std::string>{"RawBitmap", "RawBitmap"}))
-        << "only the two results are left";
-    REALobject result = log.Take(target);
-    ASSERT_NE(result, nullptr);
-    EXPECT_TRUE(SamePixels(host, result, expected));
-    for (REALobject object : {expected, result}) host.Unlock(object);
-    log.Clear();
-
-    log.releaseTarget = true;
-    source = NewPattern(host, 8, 8, kRGBA, 16, 4);
-    effect = NewEffect(host, className);
-    const int64_t disposed = BlocksDisposed();
-    Start(effect, source, effect);
-    host.WaitForAsync();
-    EXPECT_EQ(std::make_tuple(log.Calls(effect), BlocksDisposed()), std::make_tuple(1, disposed + 1));
-    log.Clear();
-    host.Unlock(source);
-    EXPECT_EQ(host.LiveObjectCount(), 0u) << "the effect is gone";
-    log.releaseTarget = false;
-  }
+  for (const char* className : {kPolar, kBarrel})
+    for (const bool ownTarget : {false, true}) {
+      SCOPED_TRACE(std::string(className) + (ownTarget ? ", its own target" : ""));
+      REALobject source = NewPattern(host, 40, 30, kRGBA, ownTarget ? 16 : 8, 9), effect = NewEffect(host, className);
+      REALobject expected = host.Call<REALobject>(effect, kApply, source);
+      REALobject target = ownTarget ? effect : host.NewCMYKColor(1, 2, 3, 4);
+      const int64_t disposed = BlocksDisposed(host);
+      log.releaseTarget = ownTarget;
+      host.Call<void>(effect, kApplyAsync, source, target, log.method());
+      for (REALobject object : {source, ownTarget ? nullptr : effect, ownTarget ? nullptr : target})
+        host.Unlock(object);  // the completion drops an effect that is its own target
+      host.WaitForAsync();
+      EXPECT_EQ(std::make_tuple(log.Calls(target), BlocksDisposed(host)), std::make_tuple(1, disposed + 1));
+      EXPECT_EQ(host.LiveObjectClasses(), (std::vector<std::string>{"RawBitmap", "RawBitmap"}))
+          << "only the two results are left";
+      REALobject result = log.Take(target);
+      ASSERT_NE(result, nullptr);
+      EXPECT_TRUE(SamePixels(host, result, expected));
+      for (REALobject object : {expected, result}) host.Unlock(object);
+      log.Clear();
+    }
 }
 
 // A block whose part holds the engine's worker until released, so that the
@@ -323,8 +303,8 @@ TEST_F(FaultAsync, ABarrelRunUnderWayKeepsItsBlockAndItsSettings) {
                                  host.Bitmap(small).record, nullptr, 2, 13, 1, nullptr, nullptr,
                                  +[](REALobject, GenericMPParams*) { return 0; });
   REALobject target = host.NewRGBColor(1, 2, 3), refusedTarget = host.NewRGBColor(4, 5, 6);
-  Start(effect, big, target);
-  Start(effect, small, refusedTarget);
+  host.Call<void>(effect, kApplyAsync, big, target, log.method());
+  host.Call<void>(effect, kApplyAsync, small, refusedTarget, log.method());
   EXPECT_EQ(host.LastError(effect), 4);
   LastErrorField(host, effect) = 0;
   EXPECT_EQ(host.Call<REALobject>(effect, kApply, small), nullptr);
