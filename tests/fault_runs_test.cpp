@@ -87,101 +87,96 @@ class FaultRun : public AsyncHostTest, public ::testing::WithParamInterface<Case
 // starts its row phase afresh in every part, so a part that starts at an odd row
 // fills differently; with OddStarts every odd row starts a part, and balanced
 // parts start at even rows. The other effects give the same rows for any split.
-// Row -1 stands for a cancel requested before the run, with the parts [0,1)
-// [1,3) [3,6) [6,7) [7,9): each part does its first row only. Row 9 stands
-// for a cancel requested before a call the effect refuses: the call takes it
-// away, so the run after it is whole.
-TEST_P(FaultRun, CancelAtEveryRowOrBeforeTheRunStopsAfterThatRow) {
+//
+// A fault from -1 to 8 is a cancel at that row: the run stops after it. Row -1
+// stands for a cancel requested before the run, with the parts [0,1) [1,3)
+// [3,6) [6,7) [7,9): each part does its first row only. Row 9 stands for a
+// cancel requested before a call the effect refuses: the call takes it away,
+// so the run after it is whole. Then a result the engine cannot make, a record
+// too large for any result and a mask one row short: the engine is asked but
+// runs no part (an in-place run makes no result, so a refusal waiting for one
+// passes it by and waits for the next call). Rows before the cut are the full
+// run's, the row at the cut starts a part, and the rest keep what the
+// destination held. No fault is an error of the effect, writes the source,
+// keeps an asynchronous run's block or leaves anything made alive, and the
+// next run of the same effect is whole.
+TEST_P(FaultRun, ACancelOrAMissingResourceStopsTheRunAndChangesNothingElse) {
   const Case& c = GetParam();
   const RowBytes following = FullRun(SplitPolicy::Balanced), oddStarts = FullRun(SplitPolicy::OddStarts);
   RowBytes starting = following;
   for (size_t y = 1; y < oddStarts.size(); y += 2) starting[y] = oddStarts[y];
-  for (int32_t row = -1; row <= kHeight; ++row) {
-    SCOPED_TRACE("cancel at row " + std::to_string(row));
+  enum : int32_t { kNoResult = kHeight + 1, kHugeRecord, kShortMask };
+  const char* const resourceFaults[] = {"no result", "a huge record", "a short mask"};
+  for (int32_t fault = -1; fault <= kShortMask; ++fault) {
+    if (fault == kHugeRecord && c.method == Method::InPlace) continue;  // the record is the destination's
+    if (fault == kShortMask && c.className != kInterlace && c.className != kOilPaint) continue;
+    SCOPED_TRACE(fault <= kHeight ? "cancel at row " + std::to_string(fault) : resourceFaults[fault - kNoResult]);
     REALobject effect = NewEffect(host, c.className), source = NewSource(c.bits);
     const RowBytes original = Rows(host, source);
-    if (row < 0) {
+    RawBitmap* record = host.Bitmap(source).record;
+    if (fault < 0) {
       host.SetSplitPolicy(SplitPolicy::SmallParts);
       host.RequestCancel(effect);
-    } else if (row < kHeight) {
-      host.CancelAtRow(effect, row);
-    } else {  // a call the effect refuses (nil source, code 4) takes the cancel away: this run is whole
+    } else if (fault < kHeight) {
+      host.CancelAtRow(effect, fault);
+    } else if (fault == kHeight) {  // a call the effect refuses (nil source, code 4) takes the cancel away
       host.RequestCancel(effect);
       EXPECT_EQ(RunEffect(host, effect, c.method, nullptr, log), nullptr);
       EXPECT_EQ(std::exchange(LastErrorField(host, effect), 0), 4);
-    }
-    seen = {};
-    REALobject result = RunEffect(host, effect, c.method, source, log);
-    host.SetSplitPolicy(SplitPolicy::Balanced);
-
-    const auto done = [&](int32_t y) { return row < 0 ? y == 0 || y == 1 || y == 3 || y == 6 || y == 7 : y <= row; };
-    const int32_t rowsDone = row < 0 ? 5 : std::min(row + 1, kHeight);
-    const RowBytes untouched =
-        c.method == Method::InPlace ? original : RowBytes(kHeight, std::vector<uint8_t>(original[0].size()));
-    ASSERT_EQ(seen.runs, 1);
-    EXPECT_EQ(std::make_tuple(seen.progress, seen.cancel), std::make_tuple(rowsDone, row < kHeight));
-    if (row >= 0 && row < kHeight) {
-      EXPECT_EQ(seen.parts, (decltype(seen.parts){{0, row}, {row, kHeight}}));
-    }
-    // Rows before the cut are the full run's, the row at the cut starts a part,
-    // and the rest keep what the destination held.
-    for (int32_t y = 0; y < kHeight; ++y)
-      EXPECT_EQ(seen.rows[y], !done(y) ? untouched[y] : y < row ? following[y] : starting[y]) << "row " << y;
-    EXPECT_EQ(Rows(host, source), c.method == Method::InPlace ? seen.rows : original) << "the source is never written";
-    EXPECT_EQ(result == nullptr, c.method == Method::InPlace || rowsDone < kHeight);
-    EXPECT_EQ(result ? Rows(host, result) : following, following) << "a whole run's result is the full run's";
-    EXPECT_EQ(host.LastError(effect), 0) << "a cancel is not an error of the effect";
-    for (REALobject object : {result, source, effect}) host.Unlock(object);
-    ASSERT_EQ(host.LiveObjectCount(), 0u);
-  }
-}
-
-// A result the engine cannot make, a record too large for any result and a
-// mask one row short: nil, no error code, the engine asked but no part run,
-// an asynchronous run's block disposed of, the source unchanged and nothing
-// made left alive. With the resource there again the same effect runs. An
-// in-place run makes no result, so a refusal waiting for one passes it by.
-TEST_P(FaultRun, AResultOrMaskThatCannotBeHadGivesNilAndChangesNothing) {
-  const Case& c = GetParam();
-  enum Fault { NoResult, HugeRecord, ShortMask };
-  for (Fault fault : {NoResult, HugeRecord, ShortMask}) {
-    if (fault == HugeRecord && c.method == Method::InPlace) continue;  // the record is the destination's
-    if (fault == ShortMask && c.className != kInterlace && c.className != kOilPaint) continue;
-    SCOPED_TRACE("fault " + std::to_string(fault));
-    REALobject effect = NewEffect(host, c.className), source = NewSource(c.bits);
-    const std::vector<uint8_t> before = Pixels(host, source);
-    RawBitmap* record = host.Bitmap(source).record;
-    if (fault == NoResult) host.FailResultCreation(1);
-    if (fault == HugeRecord) record->height = (int64_t{1} << 31) / host.Bitmap(source).rowBytes;  // no result fits
-    if (fault == ShortMask) {
+    } else if (fault == kNoResult) {
+      host.FailResultCreation(1);
+    } else if (fault == kHugeRecord) {
+      record->height = (int64_t{1} << 31) / host.Bitmap(source).rowBytes;  // no result fits
+    } else {
       REALobject shortBitmap = host.NewBitmap(kWidth, kHeight - 1, kGray), mask = host.NewMask(shortBitmap);
       host.Set<REALobject>(effect, "Mask", mask);
       for (REALobject object : {mask, shortBitmap}) host.Unlock(object);  // held by the effect and the mask
     }
     const size_t alive = host.LiveObjectCount();
     const int64_t disposed = BlocksDisposed(host);
-    const bool passesBy = fault == NoResult && c.method == Method::InPlace;
     seen = {};
-    EXPECT_EQ(RunEffect(host, effect, c.method, source, log), nullptr);
+    REALobject result = RunEffect(host, effect, c.method, source, log);
+    host.SetSplitPolicy(SplitPolicy::Balanced);
     record->height = kHeight;
-    EXPECT_EQ(host.LastError(effect), 0) << "the failure is the engine's, not a refused setting";
+
+    const bool runs = fault <= kHeight || (fault == kNoResult && c.method == Method::InPlace);
+    const auto done = [&](int32_t y) {
+      return fault < 0 ? y == 0 || y == 1 || y == 3 || y == 6 || y == 7 : runs && (fault > kHeight || y <= fault);
+    };
     const EngineCall call = host.lastEngineCall();
-    EXPECT_EQ(std::make_tuple(call.operation, call.parts == 0, seen.runs),
-              std::make_tuple(kOperations[int(c.method)], !passesBy, passesBy ? 1 : 0));
+    ASSERT_EQ(std::make_tuple(seen.runs, call.operation, call.parts == 0),
+              std::make_tuple(int(runs), kOperations[int(c.method)], !runs));
+    const RowBytes untouched =
+        c.method == Method::InPlace ? original : RowBytes(kHeight, std::vector<uint8_t>(original[0].size()));
+    int32_t rowsDone = 0;
+    for (int32_t y = 0; runs && y < kHeight; ++y) {
+      rowsDone += done(y);
+      EXPECT_EQ(seen.rows[y], !done(y) ? untouched[y] : y < fault ? following[y] : starting[y]) << "row " << y;
+    }
+    EXPECT_EQ(std::make_tuple(seen.progress, seen.cancel), std::make_tuple(runs ? rowsDone : -1, fault < kHeight));
+    if (fault >= 0 && fault < kHeight) {
+      EXPECT_EQ(seen.parts, (decltype(seen.parts){{0, fault}, {fault, kHeight}}));
+    }
+    EXPECT_EQ(Rows(host, source), c.method == Method::InPlace && runs ? seen.rows : original)
+        << "the source is never written";
+    EXPECT_EQ(result == nullptr, c.method == Method::InPlace || rowsDone < kHeight);
+    EXPECT_EQ(result ? Rows(host, result) : following, following) << "a whole run's result is the full run's";
+    EXPECT_EQ(host.LastError(effect), 0) << "the fault is not an error of the effect";
     EXPECT_EQ(BlocksDisposed(host), disposed + (c.method == Method::Async));
-    EXPECT_EQ(Pixels(host, source) == before, !passesBy);
+    host.Unlock(result);
     EXPECT_EQ(host.LiveObjectCount(), alive) << "nothing made is left";
-    if (passesBy) {
+    if (fault == kNoResult && c.method == Method::InPlace) {
       EXPECT_EQ(host.Call<REALobject>(effect, kApply, source), nullptr) << "the refusal is still waiting";
     }
 
-    if (fault == ShortMask) host.Set(effect, "Mask", nullptr);
+    if (fault == kShortMask) host.Set(effect, "Mask", nullptr);
     seen = {};
-    REALobject result = RunEffect(host, effect, c.method, source, log);
+    result = RunEffect(host, effect, c.method, source, log);
     EXPECT_EQ(std::make_tuple(seen.runs, seen.progress, result != nullptr),
-              std::make_tuple(1, kHeight, c.method != Method::InPlace)) << "one refusal only";
+              std::make_tuple(1, kHeight, c.method != Method::InPlace))
+        << "the next run is whole";
     for (REALobject object : {result, effect, source}) host.Unlock(object);
-    EXPECT_EQ(host.LiveObjectCount(), 0u);
+    ASSERT_EQ(host.LiveObjectCount(), 0u);
   }
 }
 
