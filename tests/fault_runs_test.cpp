@@ -1,12 +1,12 @@
 // Runs of every effect and method stopped or starved part way: a cancel at
 // every row of a small image or before the run starts, a result bitmap the
 // engine cannot make, a source record too large for any result and a mask one
-// row short. Then asynchronous runs under load, at the edges of their objects'
-// lives and on a barrel effect used again while its run waits. Every stopped
+// row short. Then asynchronous runs under load and on a barrel effect used
+// again while its run waits, at the edges of its objects' lives. Every stopped
 // or starved run gives nil (in place: leaves the rows after the stop as they
-// were), stores no error, never writes the source and leaves nothing alive;
-// every asynchronous run completes exactly once and disposes of its block
-// exactly once.
+// were), stores no error, never writes the source and leaves nothing alive,
+// and the effect's next run is whole; every asynchronous run completes exactly
+// once and disposes of its block exactly once.
 
 #include <atomic>
 #include <random>
@@ -93,11 +93,10 @@ class FaultRun : public AsyncHostTest, public ::testing::WithParamInterface<Case
 // so the run after it is whole. Then a result the engine cannot make, a record
 // too large for any result and a mask one row short: the engine is asked but
 // runs no part (an in-place run makes no result, so a refusal waiting for one
-// passes it by). Rows before the cut are the full
-// run's, the row at the cut starts a part, and the rest keep what the
-// destination held. No fault is an error of the effect, writes the source,
-// keeps an asynchronous run's block or leaves anything made alive, and the
-// next run of the same effect is whole.
+// passes it by). Rows before the cut are the full run's, the row at the cut
+// starts a part, and the rest keep what the destination held. No fault is an
+// error of the effect, writes the source, keeps an asynchronous run's block or
+// leaves anything made alive, and the next run of the same effect is whole.
 TEST_P(FaultRun, ACancelOrAMissingResourceStopsTheRunAndChangesNothingElse) {
   const Case& c = GetParam();
   const RowBytes following = FullRun(SplitPolicy::Balanced), oddStarts = FullRun(SplitPolicy::OddStarts);
