@@ -99,9 +99,9 @@ class EngineTest : public AsyncHostTest {
   REALobject NewSource(int64_t height, int bits = 8) {
     return NewPattern(host, 9, height, kRGBA, bits, static_cast<uint32_t>(height), 8);
   }
-  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13) {
-    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
-                                     formatFlags, 1);
+  REALobject Process(void* params, REALobject source, int32_t formatFlags = 13) {
+    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, nullptr,
+                                     2, formatFlags, 1);
   }
   REALobject InPlace(void* params, REALobject source) {
     return engine->ops->ProcessPartsInPlace(engine, params, &CopyRows, &CopyRows, host.Bitmap(source).record, nullptr,
@@ -149,7 +149,7 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
           REALobject source = NewSource(height, bits);
           CopyParams params(height);
           std::memset(&params.head, 0xA5, sizeof params.head);
-          REALobject result = Process(&params, source, nullptr, flags);
+          REALobject result = Process(&params, source, flags);
           ASSERT_NE(result, nullptr);
           for (int64_t row = 0; row < height; ++row) EXPECT_EQ(params.visits[size_t(row)], 1) << row;
           const bool balanced = policy == SplitPolicy::Balanced || policy == SplitPolicy::WithEmptyParts;
@@ -181,9 +181,9 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
 
           CopyParams blank(height);
           blank.write = false;
-          EXPECT_EQ(Process(&blank, source, nullptr, wrong), nullptr) << "flags " << wrong;
+          EXPECT_EQ(Process(&blank, source, wrong), nullptr) << "flags " << wrong;
           EXPECT_EQ(std::make_pair(blank.parts.size(), host.lastEngineCall().parts), std::make_pair(size_t{0}, 0));
-          result = Process(&blank, source, nullptr, flags);
+          result = Process(&blank, source, flags);
           ASSERT_NE(result, nullptr);
           EXPECT_EQ(Pixels(host, result), std::vector<uint8_t>(size_t(dst.rowBytes * height))) << "an unwritten byte";
           for (REALobject object : {result, source}) host.Unlock(object);
@@ -212,8 +212,7 @@ TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
     CopyParams params(64);
     params.holdAtProgress = by == "last row" ? 0 : 8;  // the parts wait there for the cancel
     REALobject result = Process(&params, source);
-    const bool whole = by == "last row";
-    EXPECT_EQ(std::make_pair(result != nullptr, params.RowsDone() == 64), std::make_pair(whole, whole));
+    EXPECT_EQ(std::pair(result != nullptr, params.RowsDone() == 64), std::pair(by == "last row", by == "last row"));
     for (const auto& [first, end] : params.parts)
       for (int32_t row = first, stopped = 0; row < end; ++row) {  // the rows done are a prefix of the part
         EXPECT_LE(params.visits[size_t(row)], stopped ? 0 : 1) << "row " << row;
@@ -268,7 +267,7 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsAndItsBlockDisposesOfItAndCompletesOnc
   EXPECT_TRUE(SamePixels(host, result, source));
   host.Unlock(result);  // the completion's own lock; the fixture sees any other left
   host.RequestCancel(effect);
-  EXPECT_EQ(Process(&params, source, nullptr, 14), nullptr) << "refused: the depth bit is wrong";
+  EXPECT_EQ(Process(&params, source, 14), nullptr) << "refused: the depth bit is wrong";
   result = Process(&params, source);
   EXPECT_NE(result, nullptr) << "the block runs again, and the cancel went with the refused run";
   host.Unlock(result);

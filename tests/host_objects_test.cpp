@@ -73,21 +73,12 @@ void RegisterProbe(Host& host) {
 
 class ObjectsTest : public rawfx::test::HostTest {
  protected:
-  void SetUp() override {
-    RegisterProbe(host);
-    probe = host.New("ProbeEffect");
-  }
-  void TearDown() override {
-    host.Unlock(probe);
-    HostTest::TearDown();
-  }
+  void SetUp() override { RegisterProbe(host); }
   // An object's plug-in data through the services the plug-in uses.
   void* PluginData(REALobject object, const char* className) {
     return Service<void* (*)(REALobject, REALclassRef)>(host, "PluginGetPluginData")(
         object, Service<REALclassRef (*)(const char*)>(host, "pluginObjectType")(className));
   }
-
-  REALobject probe = nullptr;
 };
 
 // Registration refuses an unknown superclass and a second registration of a
@@ -104,6 +95,7 @@ TEST_F(ObjectsTest, RegistrationLayoutAndLifetime) {
   Register(host, ProbeRecord);
   EXPECT_EQ(std::make_tuple(host.New("Orphan"), orphan.dataOffset, host.registeredRecords().size()),
             std::make_tuple(nullptr, 0, 5u));  // the four effects and the probe, once
+  REALobject probe = host.New("ProbeEffect");
   auto* data = static_cast<uint8_t*>(REALGetClassData(probe, &ProbeRecord));
   EXPECT_EQ(std::make_tuple(host.ClassData(probe, "ProbeEffect"), host.ClassData(probe, "MPImageFilterRaw"),
                             PluginData(probe, "ProbeEffect"), PluginData(probe, "RawBitmap")),
@@ -115,7 +107,6 @@ TEST_F(ObjectsTest, RegistrationLayoutAndLifetime) {
   host.Unlock(probe);
   EXPECT_EQ(std::make_tuple(host.LiveObjectCount(), gEvents),
             std::make_tuple(0u, Events{"construct, engine ready", "destroy, engine alive"}));
-  probe = nullptr;
   Service<void (*)(REALobject)>(host, "REALLockObject")(nullptr);
   Service<void (*)(REALobject)>(host, "REALUnlockObject")(nullptr);
   {
@@ -220,6 +211,7 @@ TEST_F(ObjectsTest, MaskValuesComeFromTheActiveChannel) {
                maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
             (V{200, 0, 200 * 257, 55, 65535, 0, 0, 0}));
   EXPECT_EQ(host.RefCount(bitmap), 3);  // each mask holds the bitmap
+  EXPECT_THROW(host.RGBColor(bitmap), HostError) << "a bitmap is no colour";
   EXPECT_EQ(std::make_tuple(host.NewMask(bitmap, false, 3), host.NewMask(nullptr)), std::make_tuple(nullptr, nullptr))
       << "RGB has no fourth channel";
   REALobject grey = host.NewBitmap(2, 1, 0, 16);
@@ -244,7 +236,6 @@ TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
   EXPECT_EQ(std::make_tuple(host.New("ZandoriaColors.GenericColor"), host.IsA(rgb, "ZandoriaColors.GenericColor"),
                             host.IsA(rgb, kCMYKColorClass), PluginData(rgb, kCMYKColorClass)),
             std::make_tuple(nullptr, true, false, nullptr));
-  EXPECT_THROW(host.RGBColor(probe), HostError);
   for (REALobject object : {rgb, cmyk}) host.Unlock(object);
 
   for (const auto& [r8, g8, b8, c8, m8, y8, k8] :
