@@ -21,11 +21,8 @@ using rawfx::host::EngineCall;
 using rawfx::host::SplitPolicy;
 
 // Waits until the condition holds (or gives up after 5 s).
-template <class Condition>
-bool AwaitOrGiveUp(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!condition() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
+bool AwaitOrGiveUp(const std::function<bool()>& condition) {
+  for (int wait = 0; wait < 50000 && !condition(); ++wait) std::this_thread::sleep_for(std::chrono::microseconds(100));
   return condition();
 }
 
@@ -36,7 +33,6 @@ struct CopyParams {
   std::mutex mutex;
   std::vector<std::pair<int32_t, int32_t>> parts;
   std::vector<std::atomic<int>> visits;
-  std::atomic<int> maskedCalls{0};
   std::atomic<bool> released{true};  // parts wait while false
   int holdAtProgress = 0;            // > 0: parts wait for a cancel once progress reaches it
   bool write = true;                 // false: rows are finished without a byte written
@@ -65,19 +61,15 @@ void* CopyRows(void* block) {
   return nullptr;
 }
 
-void* MaskedCopyRows(void* block) {
-  ++static_cast<CopyParams*>(static_cast<MPParamBlock*>(block)->params)->maskedCalls;
-  return CopyRows(block);
-}
+void* MaskedCopyRows(void* block) { return CopyRows(block); }  // named apart, for the engine's record
 
-// What the program's progress handler and the delete callback were given.
+// What the program's progress handler and the delete callback were given (the
+// callback runs on a worker; WaitForAsync orders it before the test reads).
 struct Handlers {
   std::pair<uint64_t, uint64_t> lastReport;
   REALobject handlerSelf = nullptr;
   uint64_t cancelAt = 0;  // 0: the handler never asks
-  std::atomic<int> deletes{0};
-  std::atomic<REALobject> deleteSelf{nullptr};
-  std::atomic<GenericMPParams*> deleteParams{nullptr};
+  std::vector<std::pair<REALobject, GenericMPParams*>> deleted;
 } gHandlers;
 
 void OnProgress(REALobject self, uint64_t value, uint64_t total, uint64_t, bool* cancel) {
@@ -86,8 +78,7 @@ void OnProgress(REALobject self, uint64_t value, uint64_t total, uint64_t, bool*
 }
 
 int RecordingDelete(REALobject self, GenericMPParams* params) {
-  std::tie(gHandlers.deleteSelf, gHandlers.deleteParams) = std::tuple(self, params);
-  ++gHandlers.deletes;
+  gHandlers.deleted.emplace_back(self, params);
   return 0;
 }
 
@@ -97,10 +88,9 @@ class EngineTest : public AsyncHostTest {
     host.DefineClass({"ProgressEffect", "MPImageFilterRaw", {{kOnProgressDecl, reinterpret_cast<void*>(&OnProgress)}}});
     effect = host.New("ProgressEffect");
     engine = static_cast<MPImageFilterData*>(host.ClassData(effect, "MPImageFilterRaw"));
-    gHandlers.cancelAt = gHandlers.deletes = 0;
+    gHandlers = {};
   }
   void TearDown() override {
-    host.WaitForAsync();
     host.SetProgressObserver(nullptr);
     host.Unlock(effect);
     AsyncHostTest::TearDown();
@@ -109,13 +99,13 @@ class EngineTest : public AsyncHostTest {
   REALobject NewSource(int64_t height, int bits = 8) {
     return NewPattern(host, 9, height, kRGBA, bits, static_cast<uint32_t>(height), 8);
   }
-  REALobject Process(void* params, REALobject source, REALobject mask = nullptr, int32_t formatFlags = 13) {
-    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, mask, 2,
-                                     formatFlags, 1);
+  REALobject Process(void* params, REALobject source, int32_t formatFlags = 13) {
+    return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, nullptr,
+                                     2, formatFlags, 1);
   }
-  REALobject InPlace(void* params, REALobject source, int32_t formatFlags = 13) {
+  REALobject InPlace(void* params, REALobject source) {
     return engine->ops->ProcessPartsInPlace(engine, params, &CopyRows, &CopyRows, host.Bitmap(source).record, nullptr,
-                                            2, formatFlags);
+                                            2, 13);
   }
   void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter) {
     engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows,
@@ -130,10 +120,13 @@ class EngineTest : public AsyncHostTest {
 // exactly one part, the head is filled whole (stale values replaced), and the
 // result, with the source's shape but rows padded its own way, comes with one
 // reference, the caller's. Progress reaches the host's observer, on the thread
-// that started the run, and the program's handler. In place, the source is the
-// destination and comes back itself, without a new reference. A result is
-// cleared by the parts that fill it: where no part writes, even in memory just
-// freed dirty, it reads zero.
+// that started the run, and the program's handler. Flags without the source's
+// depth bit and a nil block are refused before any part starts (a mask that
+// does not cover the source: FaultRun's ShortMask; masked runs: the effects
+// against their reference kernels). A result is cleared by the parts that fill
+// it: where no part writes, even in memory just freed dirty, it reads zero.
+// (In place, the source is the destination: the effects' ApplyInPlace against
+// their reference kernels under every policy.)
 TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
   std::pair<int64_t, int64_t> observed;
   bool onCaller = true;
@@ -151,11 +144,12 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
                                             << " rows, " << bits << " bits");
           host.SetSplitPolicy(policy);
           host.SetThreads(threads);
-          const int32_t flags = bits == 8 ? 13 : 14;
+          // Flags 13 and 5 take 8-bit sources only, 14 16-bit ones only.
+          const int32_t flags = bits == 16 ? 14 : threads == 2 ? 5 : 13, wrong = bits == 8 ? 14 : threads == 2 ? 5 : 13;
           REALobject source = NewSource(height, bits);
           CopyParams params(height);
           std::memset(&params.head, 0xA5, sizeof params.head);
-          REALobject result = Process(&params, source, nullptr, flags);
+          REALobject result = Process(&params, source, flags);
           ASSERT_NE(result, nullptr);
           for (int64_t row = 0; row < height; ++row) EXPECT_EQ(params.visits[size_t(row)], 1) << row;
           const bool balanced = policy == SplitPolicy::Balanced || policy == SplitPolicy::WithEmptyParts;
@@ -187,89 +181,52 @@ TEST_F(EngineTest, EveryPolicyDoesEveryRowOnceFillsTheHeadAndClearsTheResult) {
 
           CopyParams blank(height);
           blank.write = false;
-          result = Process(&blank, source, nullptr, flags);
+          EXPECT_EQ(Process(&blank, source, wrong), nullptr) << "flags " << wrong;
+          EXPECT_EQ(std::make_pair(blank.parts.size(), host.lastEngineCall().parts), std::make_pair(size_t{0}, 0));
+          result = Process(&blank, source, flags);
           ASSERT_NE(result, nullptr);
           EXPECT_EQ(Pixels(host, result), std::vector<uint8_t>(size_t(dst.rowBytes * height))) << "an unwritten byte";
-          host.Unlock(result);
-
-          CopyParams inPlace(height);
-          EXPECT_EQ(InPlace(&inPlace, source, flags), source);
-          EXPECT_EQ(std::tie(inPlace.head.srcPixels, inPlace.head.dstPixels, inPlace.head.dstBitmap),
-                    std::tie(src.pixels, src.pixels, src.record));
-          EXPECT_EQ(std::make_tuple(inPlace.RowsDone(), host.RefCount(source), host.lastEngineCall().operation),
-                    std::make_tuple(height, 1, EngineCall::PartsInPlace));
-          host.Unlock(source);
+          for (REALobject object : {result, source}) host.Unlock(object);
         }
   host.SetProgressObserver(nullptr);
   EXPECT_TRUE(onCaller);
   EXPECT_EQ(gHandlers.handlerSelf, effect);
-}
-
-// Depths the flags do not allow and a nil block are refused before any part
-// starts (a mask that does not cover the source: FaultRun's ShortMask); a mask
-// that covers it selects the masked part function.
-TEST_F(EngineTest, RefusesWrongDepthsAndNilBlocksAndRunsMaskedParts) {
-  for (auto [bits, flags, runs] :
-       {std::tuple{8, 13, true}, {8, 5, true}, {8, 14, false}, {16, 14, true}, {16, 13, false}, {16, 5, false}}) {
-    SCOPED_TRACE(::testing::Message() << bits << " bits, flags " << flags);
-    REALobject source = NewSource(4, bits);
-    CopyParams params(4);
-    REALobject result = Process(&params, source, nullptr, flags);
-    EXPECT_EQ(std::make_tuple(result != nullptr, params.parts.empty(), host.lastEngineCall().parts),
-              std::make_tuple(runs, !runs, static_cast<int>(params.parts.size())));
-    for (REALobject object : {result, source}) host.Unlock(object);
-  }
   EXPECT_EQ(engine->ops->ProcessParts(engine, nullptr, &CopyRows, &CopyRows, nullptr, nullptr, 2, 13, 1), nullptr);
-
-  REALobject source = NewSource(8);
-  REALobject maskBitmap = host.NewBitmap(9, 8, kGray), mask = host.NewMask(maskBitmap);
-  CopyParams params(8);
-  REALobject result = Process(&params, source, mask);
-  EXPECT_EQ(std::make_tuple(result != nullptr, params.maskedCalls.load(), params.head.maskData,
-                            host.lastEngineCall().mask),
-            std::make_tuple(true, int(params.parts.size()), host.ClassData(mask, "RawBitmapMask"), mask));
-  for (REALobject object : {result, mask, maskBitmap, source}) host.Unlock(object);
 }
 
-// A cancel from the host's observer, from the program's handler, requested
-// while the run goes or before it stops every part between rows (a preset one
-// after each part's first row), gives nil, and holds for that run only. One
-// that the observer asks for with the last row stops nothing.
+// A cancel from the host's observer, from the program's handler or requested
+// while the run goes stops every part between rows, gives nil, and holds for
+// that run only. One that the observer asks for with the last row stops
+// nothing. (One requested before the run: FaultRun's cancel at row -1.)
 TEST_F(EngineTest, ACancelStopsEveryPartBetweenRowsForThatRunOnly) {
   host.SetThreads(2);
   host.SetSplitPolicy(SplitPolicy::WithEmptyParts);
-  for (const std::string by : {"observer", "handler", "request", "preset", "last row"}) {
+  REALobject source = NewSource(64);
+  for (const std::string by : {"observer", "handler", "request", "last row"}) {
     SCOPED_TRACE(by);
     host.SetProgressObserver([this, by](int64_t done, int64_t total) {
       if (by == "request" && done >= 8) host.RequestCancel(effect);
       return by == "last row" ? done < total : by != "observer" || done < 8;
     });
     gHandlers.cancelAt = by == "handler" ? 8 : 0;
-    if (by == "preset") host.RequestCancel(effect);
-    REALobject source = NewSource(64);
     CopyParams params(64);
-    params.holdAtProgress = by == "preset" || by == "last row" ? 0 : 8;  // the parts wait there for the cancel
+    params.holdAtProgress = by == "last row" ? 0 : 8;  // the parts wait there for the cancel
     REALobject result = Process(&params, source);
-    const bool whole = by == "last row";
-    EXPECT_EQ(std::make_pair(result != nullptr, params.RowsDone() == 64), std::make_pair(whole, whole));
-    int nonEmpty = 0;
-    for (const auto& [first, end] : params.parts) {
-      nonEmpty += first != end;
+    EXPECT_EQ(std::pair(result != nullptr, params.RowsDone() == 64), std::pair(by == "last row", by == "last row"));
+    for (const auto& [first, end] : params.parts)
       for (int32_t row = first, stopped = 0; row < end; ++row) {  // the rows done are a prefix of the part
-        const int visits = params.visits[size_t(row)];
-        EXPECT_LE(visits, stopped ? 0 : 1) << "row " << row;
-        EXPECT_TRUE(by != "preset" || visits == (row == first)) << "a preset cancel: row " << row << " done " << visits;
-        stopped = stopped || visits == 0;
+        EXPECT_LE(params.visits[size_t(row)], stopped ? 0 : 1) << "row " << row;
+        stopped = stopped || params.visits[size_t(row)] == 0;
       }
-    }
-    EXPECT_EQ(params.head.progress, by == "preset" ? nonEmpty : params.RowsDone());
+    EXPECT_EQ(params.head.progress, params.RowsDone());
     host.Unlock(result);
     host.SetProgressObserver(nullptr);
     gHandlers.cancelAt = 0;
     CopyParams again(64);  // the cancel was for one run only
     EXPECT_NE(result = Process(&again, source), nullptr);
-    for (REALobject object : {result, source}) host.Unlock(object);
+    host.Unlock(result);
   }
+  host.Unlock(source);
   EXPECT_EQ(host.LastError(effect), 0);
 }
 
@@ -302,15 +259,15 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsAndItsBlockDisposesOfItAndCompletesOnc
   }
   params.released = true;
   host.WaitForAsync();
-  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deletes.load(), gHandlers.deleteSelf.load(),
-                            gHandlers.deleteParams.load(), gHandlers.lastReport, params.RowsDone()),
-            std::make_tuple(1, 1, effect, &params.head, std::pair<uint64_t, uint64_t>{64, 64}, 64));
+  EXPECT_EQ(std::make_tuple(log.Calls(target), gHandlers.deleted.size(), gHandlers.lastReport, params.RowsDone()),
+            std::make_tuple(1, 1u, std::pair<uint64_t, uint64_t>{64, 64}, 64));
+  EXPECT_EQ(gHandlers.deleted.at(0), std::make_pair(effect, &params.head));
   REALobject result = log.Take(target);
   ASSERT_NE(result, nullptr);
   EXPECT_TRUE(SamePixels(host, result, source));
   host.Unlock(result);  // the completion's own lock; the fixture sees any other left
   host.RequestCancel(effect);
-  EXPECT_EQ(Process(&params, source, nullptr, 14), nullptr) << "refused: the depth bit is wrong";
+  EXPECT_EQ(Process(&params, source, 14), nullptr) << "refused: the depth bit is wrong";
   result = Process(&params, source);
   EXPECT_NE(result, nullptr) << "the block runs again, and the cancel went with the refused run";
   host.Unlock(result);

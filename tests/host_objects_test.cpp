@@ -73,52 +73,40 @@ void RegisterProbe(Host& host) {
 
 class ObjectsTest : public rawfx::test::HostTest {
  protected:
-  void SetUp() override {
-    RegisterProbe(host);
-    probe = host.New("ProbeEffect");
-  }
-  void TearDown() override {
-    host.Unlock(probe);
-    HostTest::TearDown();
-  }
+  void SetUp() override { RegisterProbe(host); }
   // An object's plug-in data through the services the plug-in uses.
   void* PluginData(REALobject object, const char* className) {
     return Service<void* (*)(REALobject, REALclassRef)>(host, "PluginGetPluginData")(
         object, Service<REALclassRef (*)(const char*)>(host, "pluginObjectType")(className));
   }
-
-  REALobject probe = nullptr;
 };
 
 // Registration refuses an unknown superclass and a second registration of a
 // class; the class data lies after the engine object, zeroed. (The services
 // that find class data, test types and make instances serve every effect run.)
-TEST_F(ObjectsTest, RegistrationAndLayout) {
+// The subclass goes first, while the engine is alive, at zero references; nil is
+// no object to lock (and no stray lock for the fixture). Leaked objects go with
+// the host, and hosts alive together keep their objects and modules apart; an
+// over-release is counted, not acted on.
+TEST_F(ObjectsTest, RegistrationLayoutAndLifetime) {
   REALclassDefinition orphan = rawfx::FilterClassRecord("Orphan", 8, nullptr, nullptr, rawfx::kSyncInterfaces, {});
   orphan.superName = "NoSuchClass";
   Register(host, orphan);
   Register(host, ProbeRecord);
   EXPECT_EQ(std::make_tuple(host.New("Orphan"), orphan.dataOffset, host.registeredRecords().size()),
             std::make_tuple(nullptr, 0, 5u));  // the four effects and the probe, once
+  REALobject probe = host.New("ProbeEffect");
   auto* data = static_cast<uint8_t*>(REALGetClassData(probe, &ProbeRecord));
   EXPECT_EQ(std::make_tuple(host.ClassData(probe, "ProbeEffect"), host.ClassData(probe, "MPImageFilterRaw"),
                             PluginData(probe, "ProbeEffect"), PluginData(probe, "RawBitmap")),
             std::make_tuple(data, data - 72, data, nullptr));
   EXPECT_EQ(std::vector<uint8_t>(data, data + sizeof(ProbeData)), std::vector<uint8_t>(sizeof(ProbeData), 0));
-}
-
-// The subclass goes first, while the engine is alive, at zero references; nil is
-// no object to lock (and no stray lock for the fixture). Leaked objects go with
-// the host, and hosts alive together keep their objects and modules apart; an
-// over-release is counted, not acted on.
-TEST_F(ObjectsTest, DestroysAtZeroSubclassFirstAndHostsKeepTheirObjectsApart) {
   host.Lock(probe);
   host.Unlock(probe);
   EXPECT_EQ(std::make_tuple(host.RefCount(probe), gEvents), std::make_tuple(1, Events{"construct, engine ready"}));
   host.Unlock(probe);
   EXPECT_EQ(std::make_tuple(host.LiveObjectCount(), gEvents),
             std::make_tuple(0u, Events{"construct, engine ready", "destroy, engine alive"}));
-  probe = nullptr;
   Service<void (*)(REALobject)>(host, "REALLockObject")(nullptr);
   Service<void (*)(REALobject)>(host, "REALUnlockObject")(nullptr);
   {
@@ -137,37 +125,11 @@ TEST_F(ObjectsTest, DestroysAtZeroSubclassFirstAndHostsKeepTheirObjectsApart) {
   EXPECT_EQ(gEvents, (Events{"construct, engine ready", "destroy, engine alive"})) << "the leaked probe went too";
 }
 
-// Properties use their fields, accessors and types; a wrong type, an unknown
-// name or a field outside the data is an error that stores nothing.
+// A program class finds methods by exact declaration along the chain, and the
+// plug-in class's properties, which use their fields, accessors and types; a
+// wrong type, an unknown name or a field outside the data is an error that
+// stores nothing. An object property holds its own reference.
 TEST_F(ObjectsTest, PropertiesAndMethodsOfPluginAndProgramClasses) {
-  host.Set(probe, "Flag", true);
-  host.Set(probe, "Level", uint8_t{200});
-  host.Set(probe, "Gain", 2.5);
-  host.Set(probe, "Mode", int64_t{1});
-  host.Set(probe, "Scale", 1.5f);
-  const ProbeData& data = *Probe(probe);
-  EXPECT_EQ(std::tie(data.flag, data.level, data.gain, data.mode, data.scale), std::make_tuple(1, 200, 2.5, 1, 1.5f));
-  EXPECT_EQ(std::make_tuple(host.Get<bool>(probe, "Flag"), host.Get<uint8_t>(probe, "Level"),
-                            host.Get<double>(probe, "Gain"), host.Get<int32_t>(probe, "Mode"),
-                            host.Get<float>(probe, "Scale")),
-            std::make_tuple(true, 200, 2.5, 1, 1.5f));
-  REALobject bitmap = host.NewBitmap(1, 1, 0);
-  for (const std::function<void()>& wrong : std::vector<std::function<void()>>{
-           [&] { host.Get<double>(probe, "Flag"); }, [&] { host.Set(probe, "Gain", true); },
-           [&] { host.Set(probe, "Mode", 1.0); }, [&] { host.Get<double>(probe, "NoSuchProperty"); },
-           [&] { host.Get<double>(probe, "Beyond"); }, [&] { host.Get<double>(probe, "Strange"); },
-           [&] { host.Set(probe, "Mask", bitmap); }})  // a bitmap is no RawBitmapMask
-    EXPECT_THROW(wrong(), HostError);
-  EXPECT_EQ(Probe(probe)->gain, 2.5);
-  REALobject mask = host.NewMask(bitmap);
-  host.Set(probe, "Mask", mask);
-  REALobject got = host.Get<REALobject>(probe, "Mask");
-  EXPECT_EQ(std::make_tuple(got, host.RefCount(mask)), std::make_tuple(mask, 3));  // the field's and the caller's own
-  host.Set(probe, "Mask", nullptr);
-  EXPECT_EQ(host.RefCount(mask), 2);
-  for (REALobject object : {got, mask, bitmap}) host.Unlock(object);
-
-  // A program class finds methods by exact declaration along the chain, and the plug-in class's properties.
   host.DefineClass({"ProgramProbe", "ProbeEffect", {{kOnProgressDecl, reinterpret_cast<void*>(&ProgramOnProgress)}}});
   REALobject program = host.New("ProgramProbe");
   ASSERT_NE(program, nullptr);
@@ -179,18 +141,38 @@ TEST_F(ObjectsTest, PropertiesAndMethodsOfPluginAndProgramClasses) {
             std::make_tuple(rawfx::Fn(&ProgramOnProgress), rawfx::Fn(&Twice), nullptr));
   EXPECT_EQ((host.Call<int64_t, int64_t>(program, "Twice(x as Integer) as Integer", 21)), 42);
   EXPECT_THROW(host.Call<void>(program, "Missing()"), HostError);
-  host.Set(program, "Gain", 3.0);
-  EXPECT_EQ(host.Get<double>(program, "Gain"), 3.0);
-  host.Unlock(program);
+
+  host.Set(program, "Flag", true);
+  host.Set(program, "Level", uint8_t{200});
+  host.Set(program, "Gain", 2.5);
+  host.Set(program, "Mode", int64_t{1});
+  host.Set(program, "Scale", 1.5f);
+  const ProbeData& data = *Probe(program);
+  EXPECT_EQ(std::tie(data.flag, data.level, data.gain, data.mode, data.scale), std::make_tuple(1, 200, 2.5, 1, 1.5f));
+  EXPECT_EQ(std::make_pair(host.Get<int32_t>(program, "Mode"), host.Get<float>(program, "Scale")), std::pair(1, 1.5f));
+  REALobject bitmap = host.NewBitmap(1, 1, 0);
+  for (const std::function<void()>& wrong : std::vector<std::function<void()>>{
+           [&] { host.Get<double>(program, "Flag"); }, [&] { host.Set(program, "Gain", true); },
+           [&] { host.Set(program, "Mode", 1.0); }, [&] { host.Get<double>(program, "NoSuchProperty"); },
+           [&] { host.Get<double>(program, "Beyond"); }, [&] { host.Get<double>(program, "Strange"); },
+           [&] { host.Set(program, "Mask", bitmap); }})  // a bitmap is no RawBitmapMask
+    EXPECT_THROW(wrong(), HostError);
+  EXPECT_EQ(data.gain, 2.5);
+  REALobject mask = host.NewMask(bitmap);
+  host.Set(program, "Mask", mask);
+  REALobject got = host.Get<REALobject>(program, "Mask");
+  EXPECT_EQ(std::make_tuple(got, host.RefCount(mask)), std::make_tuple(mask, 3));  // the field's and the caller's own
+  host.Set(program, "Mask", nullptr);
+  EXPECT_EQ(host.RefCount(mask), 2);
+  for (REALobject object : {got, mask, bitmap, program}) host.Unlock(object);
 }
 
 // ---- companions ------------------------------------------------------------------------------
 
 // Every format at both depths: the record's byte positions are the format's
 // sample indices scaled by the depth, rows are padded as asked, and the
-// services find the record. Spot checks of the documented layout: 16-bit RGBA
-// has alpha at byte 6, XRGB a fourth byte but no alpha, grey reads as red,
-// green and blue. Sizes, formats and depths the companion refuses give nil.
+// services find the record. Sizes, formats and depths the companion refuses
+// give nil.
 TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
   for (const rawfx::host::FormatInfo& f : rawfx::host::Formats())
     for (int bits : {8, 16}) {
@@ -208,9 +190,6 @@ TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
       EXPECT_EQ(view.record, PluginData(bitmap, "RawBitmap"));
       host.Unlock(bitmap);
     }
-  const auto* rgba = rawfx::host::FindFormat(5), *xrgb = rawfx::host::FindFormat(9), *grey = rawfx::host::FindFormat(0);
-  EXPECT_EQ((V{rgba->alpha * 2, xrgb->channels, xrgb->hasAlpha, grey->red + grey->green + grey->blue, grey->channels}),
-            (V{6, 4, false, 0, 1}));
   for (const auto& [width, height, format, bits, padding] :
        {std::tuple{0, 4, 3, 8, 0}, {4, -1, 3, 8, 0}, {4, 4, 11, 8, 0}, {4, 4, 3, 12, 0}, {4, 4, 3, 16, 3},
         {1 << 20, 1 << 20, 5, 8, 0}})  // odd padding: 16-bit rows must stay aligned
@@ -232,6 +211,7 @@ TEST_F(ObjectsTest, MaskValuesComeFromTheActiveChannel) {
                maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
             (V{200, 0, 200 * 257, 55, 65535, 0, 0, 0}));
   EXPECT_EQ(host.RefCount(bitmap), 3);  // each mask holds the bitmap
+  EXPECT_THROW(host.RGBColor(bitmap), HostError) << "a bitmap is no colour";
   EXPECT_EQ(std::make_tuple(host.NewMask(bitmap, false, 3), host.NewMask(nullptr)), std::make_tuple(nullptr, nullptr))
       << "RGB has no fourth channel";
   REALobject grey = host.NewBitmap(2, 1, 0, 16);
@@ -256,7 +236,6 @@ TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
   EXPECT_EQ(std::make_tuple(host.New("ZandoriaColors.GenericColor"), host.IsA(rgb, "ZandoriaColors.GenericColor"),
                             host.IsA(rgb, kCMYKColorClass), PluginData(rgb, kCMYKColorClass)),
             std::make_tuple(nullptr, true, false, nullptr));
-  EXPECT_THROW(host.RGBColor(probe), HostError);
   for (REALobject object : {rgb, cmyk}) host.Unlock(object);
 
   for (const auto& [r8, g8, b8, c8, m8, y8, k8] :
@@ -266,7 +245,6 @@ TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
     rgb = host.NewRGBColor(uint8_t(r8), uint8_t(g8), uint8_t(b8), 128);
     cmyk = host.NewCMYKColor(uint8_t(c8), uint8_t(m8), uint8_t(y8), uint8_t(k8));
     void *rgbData = PluginData(rgb, kRGBColorClass), *cmykData = PluginData(cmyk, kCMYKColorClass);
-    EXPECT_EQ(static_cast<uint8_t*>(PluginData(rgb, "ZandoriaColors.GenericColor")) + 8, rgbData);
     CMYKColorData ink{};
     ConversionTableOf(rgbData)->ToCMYK(rgbData, &ink);
     EXPECT_EQ((V{ink.cyan, ink.magenta, ink.yellow, ink.black, ink.alpha, ink.black16, ink.alpha16}),
@@ -274,7 +252,6 @@ TEST_F(ObjectsTest, ColoursAreOpaqueBlackAndConvertThroughTheirTable) {
     RGBColorData back{};
     ConversionTableOf(cmykData)->ToRGB(cmykData, &back);
     EXPECT_LE(std::max({std::abs(back.red - r8), std::abs(back.green - g8), std::abs(back.blue - b8)}), 1);
-    EXPECT_EQ(host.RGBColor(rgb).red, r8);
     for (REALobject object : {rgb, cmyk}) host.Unlock(object);
   }
   REALobject deep = host.NewRGBColor16(0, 0x8000, 0xFFFF, 0x1234);

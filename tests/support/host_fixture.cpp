@@ -13,24 +13,12 @@
 namespace rawfx::test {
 
 namespace {
-
-// xorshift32: small, fast and the same everywhere.
-uint32_t NextRandom(uint32_t& state) {
-  state ^= state << 13;
-  state ^= state >> 17;
-  state ^= state << 5;
-  return state;
-}
-
 ScriptedHost* gScripted = nullptr;
-
 }  // namespace
 
 void HostTest::TearDown() {
   host.WaitForAsync();
-  std::string alive;
-  for (const std::string& name : host.LiveObjectClasses()) alive += name + " ";
-  EXPECT_EQ(host.LiveObjectCount(), 0u) << "objects left alive: " << alive;
+  EXPECT_EQ(host.LiveObjectClasses(), std::vector<std::string>{}) << "objects left alive";
   EXPECT_EQ(host.StrayLockCalls(), 0) << "locks or unlocks of objects that were not alive";
 }
 
@@ -39,7 +27,12 @@ void FillPattern(rawfx::host::Host& host, REALobject bitmap, uint32_t seed) {
   uint32_t state = seed * 2654435761u + 0x9E3779B9u;
   if (state == 0) state = 1;
   for (int64_t y = 0; y < view.height; ++y)
-    for (int64_t i = 0; i < view.width * view.pixelBytes; ++i) view.row(y)[i] = uint8_t(NextRandom(state) >> 24);
+    for (int64_t i = 0; i < view.width * view.pixelBytes; ++i) {
+      state ^= state << 13;  // xorshift32: small, fast and the same everywhere
+      state ^= state >> 17;
+      state ^= state << 5;
+      view.row(y)[i] = uint8_t(state >> 24);
+    }
 }
 
 ::testing::AssertionResult SamePixels(rawfx::host::Host& host, REALobject a, REALobject b) {
@@ -61,10 +54,8 @@ std::string RunInChild(const std::function<std::string()>& body) {
   if (pid == 0) {
     close(fds[0]);
     const std::string report = body();
-    FILE* out = fdopen(fds[1], "w");
-    std::fwrite(report.data(), 1, report.size(), out);
     std::fflush(nullptr);
-    _exit(0);
+    _exit(write(fds[1], report.data(), report.size()) == ssize_t(report.size()) ? 0 : 1);
   }
   close(fds[1]);
   std::string output;

@@ -8,13 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <functional>
 #include <map>
 #include <mutex>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "host/host.h"
 
