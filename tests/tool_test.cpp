@@ -308,11 +308,11 @@ const Image kMask = TestImage(23, 17, Layout::Gray, 8, false, 5);
 REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, NewBitmapFromImage(host, kMask)).get()); }
 
 struct EffectCase {
-  const char* name;    // as the test's name shows it
-  std::string words;   // the command and its options; mask.png is kMask
-  std::string sameAs;  // a further option that must not change the result
+  const char* name;   // as the test's name shows it
+  std::string words;  // the command and its options; mask.png is kMask
   const char* className;
-  Settings settings;  // what the options set; every other property keeps a new object's value
+  Settings settings;                   // what the options set; every other property keeps a new object's value
+  std::string sameAs = "--threads 1";  // a further option that must not change the result
   Image (*source)(const Image&) = [](const Image& file) { return file; };  // what the effect gets of the file
   friend void PrintTo(const EffectCase& effect, std::ostream* os) { *os << effect.name; }
 };
@@ -340,48 +340,40 @@ Image Reference(const EffectCase& effect, const Image& file) {
 const EffectCase kEffects[] = {
     {"interlace_odd_even_colour_mask",
      "interlace --horizontal odd --vertical even --keep-alpha --color #336699 --mask mask.png",
-     "--in-place",
      "InterlaceEffectRaw",
      {{"HorizontalInterlaceType", int64_t{1}},
       {"VerticalInterlaceType", int64_t{2}},
       {"InterlaceAlphaChannel", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }},
-      {"Mask", &NewMask}}},
+      {"Mask", &NewMask}},
+     "--in-place"},
     {"polar_to_rect_no_flip_colour_grey",
      "polar --to-rect --no-flip --color rgb(10,200,30,50%) --model gray",
-     "--async",
      "PolarCoordinatesEffectRaw",
      {{"RectangularToPolar", false},
       {"FlipMapping", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}},
+     "--async",
      [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
     {"barrel_keystones_nearest_cmyk_colour_16_bits",
      "barrel --distortion 0.4 --hkeystone 0.1 --vkeystone -0.05 --nearest --color cmyk(0,255,0,0) --depth 16",
-     "--async",
      "BarrelDistortEffectRaw",
      {{"Distortion", 0.4},
       {"HorizontalKeystone", 0.1},
       {"VerticalKeystone", -0.05},
       {"Interpolate", false},
       {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}},
+     "--async",
      [](const Image& file) { return ConvertDepth(file, 16); }},
     {"oilpaint_brush_smoothness_mask",
      "oilpaint --brush 3 --smoothness 0.5 --mask mask.png",
-     "--threads 3",
      "OilPaintEffectRaw",
-     {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}}},
-    {"interlace_odd_defaults",
-     "interlace --horizontal odd",
-     "--threads 1",
-     "InterlaceEffectRaw",
-     {{"HorizontalInterlaceType", int64_t{1}}}},
-    {"polar_defaults", "polar", "--threads 1", "PolarCoordinatesEffectRaw", {}},
-    {"barrel_distortion_defaults",
-     "barrel --distortion 0.4",
-     "--threads 1",
-     "BarrelDistortEffectRaw",
-     {{"Distortion", 0.4}}},
-    {"oilpaint_defaults", "oilpaint", "--threads 1", "OilPaintEffectRaw", {}},
+     {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}},
+     "--threads 3"},
+    {"interlace_defaults", "interlace --vertical odd", "InterlaceEffectRaw", {{"VerticalInterlaceType", int64_t{1}}}},
+    {"polar_defaults", "polar", "PolarCoordinatesEffectRaw", {}},
+    {"barrel_defaults", "barrel --distortion 0.4", "BarrelDistortEffectRaw", {{"Distortion", 0.4}}},
+    {"oilpaint_defaults", "oilpaint", "OilPaintEffectRaw", {}},
 };
 
 class ToolEffectOnEveryFile : public testing::TestWithParam<EffectCase> {};
