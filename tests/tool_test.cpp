@@ -688,15 +688,12 @@ TEST(ToolOutputs, KeepTheMetadataWithThePictureTurnedUprightAndFollowTheEncoding
     EXPECT_EQ(Carried(scratch / ("out." + type)), kept + (type == "webp" ? "-;256" : "coffee;256")) << orientation;
   }
   // --strip writes none of it; a grey output cannot carry an RGB profile, and says so.
-  ExpectRuns(
-      scratch,
-      {
-          {"interlace --strip in.png bare.png", 0, ""},
-          {"interlace --model gray in.png grey.png", 0, "ICC profile is for RGB colour but the output holds grey"},
-          {"info in.png", 0,
-           "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
-           "XMP: 1 properties\n  IPTC: 1 datasets\n"},
-      });
+  ExpectRuns(scratch,
+             {{"interlace --strip in.png bare.png", 0, ""},
+              {"interlace --model gray in.png grey.png", 0, "ICC profile is for RGB colour but the output holds grey"},
+              {"info in.png", 0,
+               "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
+               "XMP: 1 properties\n  IPTC: 1 datasets\n"}});
   EXPECT_EQ(Carried(scratch / "bare.png"), "-;-;-;-;-;0");
   EXPECT_TRUE(ReadImage(scratch / "bare.png").image == Upright(ReadImage(scratch / "in.png").image, 8));
   EXPECT_EQ(RunTool("info bare.png", scratch).out.find("resolution"), std::string::npos);
@@ -753,16 +750,14 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   }
   ExpectRuns(
       scratch,
-      {
-          {polar + "large.tif out.tif", 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
-          {polar + "large.tif out.tif", 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
-          {"info wide.png", 2, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused", room(tiny)},
-          {polar + "side.png out.tif", 2, "a PNG side longer than 1000000", room(tiny)},
-          {polar + "huge.png out.tif", 2, "the host cannot make", room(tiny)},
-          {"info zeros.png", 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
-          {polar + "tall.tif o.png", 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
-          {polar + "large.tif out.tif", 0, "", room(tiny + 2.2 * bytes)},
-      });
+      {{polar + "large.tif out.tif", 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
+       {polar + "large.tif out.tif", 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
+       {"info wide.png", 2, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused", room(tiny)},
+       {polar + "side.png out.tif", 2, "a PNG side longer than 1000000", room(tiny)},
+       {polar + "huge.png out.tif", 2, "the host cannot make", room(tiny)},
+       {"info zeros.png", 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
+       {polar + "tall.tif o.png", 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
+       {polar + "large.tif out.tif", 0, "", room(tiny + 2.2 * bytes)}});
 }
 
 }  // namespace
