@@ -34,10 +34,8 @@ using Bytes = std::vector<uint8_t>;
 // A fresh directory under the system's temporary directory, removed at the end.
 struct ScratchDir {
   const fs::path path{mkdtemp((fs::temp_directory_path() / "rawfx-tool-XXXXXX").string().data())};
-  ~ScratchDir() {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
+  std::error_code ignored;  // a failure to remove it
+  ~ScratchDir() { fs::remove_all(path, ignored); }
   std::string operator/(const std::string& name) const { return (path / name).string(); }
 };
 
@@ -47,11 +45,10 @@ struct ScratchDir {
 Image TestImage(int64_t width, int64_t height, Layout layout, int depth, bool smooth = false, uint32_t seed = 1) {
   Image image = Image::Blank(width, height, layout, depth);
   std::minstd_rand random(seed);
-  const auto channels = static_cast<size_t>(image.channels());
-  for (size_t i = 0; i < image.sampleCount(); ++i) {
-    const auto x = int64_t(i / channels) % width, y = int64_t(i / channels) / width, c = int64_t(i % channels);
-    image.setSample(i, smooth ? uint32_t(x * 3 + y * 2 + c * 40) % 256 : random() % (image.maxSample() + 1));
-  }
+  // Sample i is channel i % n of pixel i / n: a ramp of 3 a column, 2 a row and 40 a channel.
+  for (size_t i = 0, n = size_t(image.channels()), w = size_t(width); i < image.sampleCount(); ++i)
+    image.setSample(
+        i, smooth ? uint32_t(i / n % w * 3 + i / n / w * 2 + i % n * 40) % 256 : random() % (image.maxSample() + 1));
   if (!smooth) image.setSample(0, 0), image.setSample(1, image.maxSample());
   return image;
 }
@@ -620,21 +617,19 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
 void MakePhoto(const std::string& path, const Image& stored, int orientation) {
   Save(stored, path);
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
-  Exiv2::ExifData exif;
+  Exiv2::ExifData& exif = image->exifData();
   exif["Exif.Image.Orientation"] = std::to_string(orientation);
   exif["Exif.Image.Artist"] = "A. Photographer";
   exif["Exif.Image.XResolution"] = "300/1";
   exif["Exif.Image.YResolution"] = "300/1";
   exif["Exif.Image.ResolutionUnit"] = "2";
   exif["Exif.GPSInfo.GPSLatitudeRef"] = "N";
-  Exiv2::XmpData xmp;
-  xmp["Xmp.dc.rights"] = "CC0";
-  Exiv2::IptcData iptc;
-  iptc["Iptc.Application2.Keywords"] = "coffee";
+  image->xmpData()["Xmp.dc.rights"] = "CC0";
+  image->iptcData()["Iptc.Application2.Keywords"] = "coffee";
   std::string icc(256, '\0');
   icc[2] = 1, icc.replace(16, 8, "RGB XYZ "), icc.replace(36, 4, "acsp");
   Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte*>(icc.data()), long(icc.size()));
-  image->setExifData(exif), image->setXmpData(xmp), image->setIptcData(iptc), image->setIccProfile(profile);
+  image->setIccProfile(profile);
   image->writeMetadata();
 }
 
