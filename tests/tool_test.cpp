@@ -15,6 +15,7 @@
 #include <future>
 #include <random>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "tools/rawfx/colour_option.h"
@@ -28,27 +29,14 @@ namespace rawfx::tool::test {
 namespace {
 
 namespace fs = std::filesystem;
-using Words = std::vector<std::string>;
 using Bytes = std::vector<uint8_t>;
 
 // A fresh directory under the system's temporary directory, removed at the end.
 struct ScratchDir {
   const fs::path path{mkdtemp((fs::temp_directory_path() / "rawfx-tool-XXXXXX").string().data())};
-  ~ScratchDir() {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
+  std::error_code ignored;  // a failure to remove it
+  ~ScratchDir() { fs::remove_all(path, ignored); }
   std::string operator/(const std::string& name) const { return (path / name).string(); }
-  // Everything below it, each file with its size and the time it was last written.
-  std::map<std::string, std::string> snapshot() const {
-    std::map<std::string, std::string> found;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path))
-      found[fs::relative(entry.path(), path)] =
-          entry.is_regular_file() ? std::to_string(entry.file_size()) + "@" +
-                                        std::to_string(entry.last_write_time().time_since_epoch().count())
-                                  : "";
-    return found;
-  }
 };
 
 // Noise with the extreme values 0 and max in the first samples, or (smooth) ramps,
@@ -57,11 +45,10 @@ struct ScratchDir {
 Image TestImage(int64_t width, int64_t height, Layout layout, int depth, bool smooth = false, uint32_t seed = 1) {
   Image image = Image::Blank(width, height, layout, depth);
   std::minstd_rand random(seed);
-  const auto channels = static_cast<size_t>(image.channels());
-  for (size_t i = 0; i < image.sampleCount(); ++i) {
-    const auto x = int64_t(i / channels) % width, y = int64_t(i / channels) / width, c = int64_t(i % channels);
-    image.setSample(i, smooth ? uint32_t(x * 3 + y * 2 + c * 40) % 256 : random() % (image.maxSample() + 1));
-  }
+  // Sample i is channel i % n of pixel i / n: a ramp of 3 a column, 2 a row and 40 a channel.
+  for (size_t i = 0, n = size_t(image.channels()), w = size_t(width); i < image.sampleCount(); ++i)
+    image.setSample(
+        i, smooth ? uint32_t(i / n % w * 3 + i / n / w * 2 + i % n * 40) % 256 : random() % (image.maxSample() + 1));
   if (!smooth) image.setSample(0, 0), image.setSample(1, image.maxSample());
   return image;
 }
@@ -93,16 +80,14 @@ void WriteTiff(const std::string& path, const std::vector<Image>& pages, int pho
   for (const Image& image : pages) {
     const int64_t channels = image.channels(), bytes = image.depth / 8, samples = planes ? 1 : channels;
     const int64_t high = tiles ? 16 : 1, wide = tiles ? 16 : image.width, blockBytes = wide * high * samples * bytes;
-    for (const auto& [tag, value] :
-         std::initializer_list<std::pair<uint32_t, int64_t>>{{TIFFTAG_IMAGEWIDTH, image.width},
-                                                             {TIFFTAG_IMAGELENGTH, image.height},
-                                                             {TIFFTAG_BITSPERSAMPLE, image.depth},
-                                                             {TIFFTAG_SAMPLESPERPIXEL, channels},
-                                                             {TIFFTAG_PHOTOMETRIC, photometric},
-                                                             {TIFFTAG_PLANARCONFIG, planes ? 2 : 1},
-                                                             {tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, high},
-                                                             {tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, high}})
-      TIFFSetField(tiff, tag, uint32_t(value));
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, uint32_t(image.width));
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, uint32_t(image.height));
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, image.depth);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, int(channels));
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+    TIFFSetField(tiff, tiles ? TIFFTAG_TILEWIDTH : TIFFTAG_ROWSPERSTRIP, uint32_t(high));
+    TIFFSetField(tiff, tiles ? TIFFTAG_TILELENGTH : TIFFTAG_ROWSPERSTRIP, uint32_t(high));
     const uint16_t associatedAlpha = EXTRASAMPLE_ASSOCALPHA;
     if (HasAlpha(image.layout)) TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &associatedAlpha);
     // Each sample to its place in its block, the blocks plane by plane in libtiff's
@@ -130,13 +115,15 @@ struct ToolResult {
   std::string out, err;
 };
 
-// The tool run by the shell in the scratch directory. `how` ends in the executable,
-// after what the run needs first (a directory, the environment, limits); redirections
-// may follow it. Standard output and error go to .out and .err, removed when read.
+// The tool run by the shell in the scratch directory with the words (split at spaces,
+// each quoted for the shell). `how` ends in the executable, after what the run needs
+// first (a directory, the environment, limits); redirections may follow it. Standard
+// output and error go to .out and .err, removed when read.
 const std::string kTool = "exec " RAWFX_TOOL_PATH;
-ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::string& how = kTool) {
+ToolResult RunTool(const std::string& words, const ScratchDir& scratch, const std::string& how = kTool) {
   std::string line = "cd " + scratch.path.string() + " && exec < /dev/null > .out 2> .err && " + how;
-  for (const std::string& word : words) line += " '" + word + "'";
+  std::istringstream split(words);
+  for (std::string word; split >> word;) line += " '" + word + "'";
   const int status = std::system(line.c_str());
   const ToolResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadText(scratch / ".out"),
                           ReadText(scratch / ".err")};
@@ -144,10 +131,18 @@ ToolResult RunTool(const Words& words, const ScratchDir& scratch, const std::str
   return result;
 }
 
+// Everything in the scratch directory but a run's own output, each file with its size and
+// the time it was last written.
+std::string Snapshot(const ScratchDir& scratch) {
+  return RunTool("", scratch,
+                 "find . ! -name .out ! -name .err \\( -type f -printf '%p %s %T@\\n' -o -print \\) | sort")
+      .out;
+}
+
 // A run of the tool: its words, its exit status, a fragment of what it says, and how it
 // starts when not as the table's runs do.
 struct Expected {
-  Words words;
+  std::string words;
   int status;
   std::string says, how = "";
 };
@@ -156,22 +151,22 @@ struct Expected {
 // to standard output, and leaves every file in scratch as it was and no new one.
 void ExpectRuns(const ScratchDir& scratch, const std::vector<Expected>& runs, const std::string& tool = kTool) {
   for (const auto& [words, status, says, how] : runs) {
-    SCOPED_TRACE(testing::PrintToString(words));
-    const auto before = scratch.snapshot();
+    SCOPED_TRACE(words);
+    const auto before = Snapshot(scratch);
     const ToolResult run = RunTool(words, scratch, how.empty() ? tool : how);
     EXPECT_EQ(run.status, status) << run.err;
     EXPECT_NE((run.out + run.err).find(says), std::string::npos) << run.out << run.err;
     if (status == 0) continue;
     EXPECT_TRUE(std::regex_match(run.err, std::regex("rawfx: [^\n]+\n"))) << run.err;
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(scratch.snapshot(), before) << "a failed run changed or left a file";
+    EXPECT_EQ(Snapshot(scratch), before) << "a failed run changed or left a file";
   }
 }
 
-// The message of the ImageError an action throws, or "no error".
-std::string ErrorOf(const std::function<void()>& action) {
+// Why reading the file with a pixel limit fails (the ImageError's message), or "no error".
+std::string ReadError(const std::string& path, uint64_t maxPixels = kDefaultMaxPixels) {
   try {
-    action();
+    ReadImage(path, {maxPixels});
   } catch (const ImageError& error) {
     return error.what();
   }
@@ -189,8 +184,8 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
   const std::string cut = scratch / "cut";
   const char* cutReason[] = {"corrupt PNG: the file is truncated", "corrupt JPEG: Premature end of JPEG file",
                              "corrupt TIFF", "corrupt WebP: the file is truncated"};
-  const int photometric[] = {PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_RGB, PHOTOMETRIC_RGB,
-                             PHOTOMETRIC_SEPARATED};  // by layout
+  const int photometric[] = {PHOTOMETRIC_MINISWHITE, PHOTOMETRIC_MINISBLACK, PHOTOMETRIC_RGB, PHOTOMETRIC_RGB,
+                             PHOTOMETRIC_SEPARATED};  // by layout; grey with white as 0
   for (const FileType type : {FileType::PNG, FileType::JPEG, FileType::TIFF, FileType::WebP})
     for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK})
       for (const int depth : {8, 16}) {
@@ -209,16 +204,14 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
                   std::tuple(type, layout, depth, original.width, original.height));
         EXPECT_LE(MeanAbsoluteDifference(read.image, original), jpeg ? 3.0 : 0.0);
         const uint64_t pixels = uint64_t(original.width * original.height);
-        EXPECT_NE(ErrorOf([&] {
-                    ReadImage(path, {pixels - 1});
-                  }).find("is more than the limit of " + std::to_string(pixels - 1)),
+        EXPECT_NE(ReadError(path, pixels - 1).find("is more than the limit of " + std::to_string(pixels - 1)),
                   std::string::npos);
-        EXPECT_EQ(ErrorOf([&] { ReadImage(path, {pixels}); }), "no error");
+        EXPECT_EQ(ReadError(path, pixels), "no error");
         const std::string bytes = ReadText(path);
         // (A TIFF's last 4 bytes, the offset of a next page, are not needed to read it.)
         for (size_t length = 0; length < bytes.size() - (type == FileType::TIFF ? 4 : 0); length += 7) {
           WriteBytes(cut, bytes.substr(0, length));
-          const std::string message = ErrorOf([&] { ReadImage(cut); });
+          const std::string message = ReadError(cut);
           const bool twoThirds = length > bytes.size() * 2 / 3 && length <= bytes.size() * 2 / 3 + 7;
           const std::string reason = length == 0 ? "the file is empty" : twoThirds ? cutReason[int(type)] : "";
           EXPECT_TRUE(message.starts_with("cannot read " + cut + ": ") && message.find(reason) != std::string::npos &&
@@ -228,15 +221,13 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
         for (const auto& [planes, tiles] : {std::pair{true, false}, {false, true}, {true, true}}) {
           if (type != FileType::TIFF) break;
           const Image larger = TestImage(21, 19, layout, depth);  // more than one tile
-          WriteTiff(path, {larger}, photometric[int(layout)], planes, tiles);
+          Image stored = larger;
+          for (size_t i = 0; i < stored.sampleCount() && layout == Layout::Gray; ++i)
+            stored.setSample(i, stored.maxSample() - stored.sample(i));
+          WriteTiff(path, {stored}, photometric[int(layout)], planes, tiles);
           EXPECT_TRUE(ReadImage(path).image == larger) << "planes " << planes << ", tiles " << tiles;
         }
       }
-  // Grey with white as 0.
-  Image grey = TestImage(9, 5, Layout::Gray, 8), white = grey;
-  for (size_t i = 0; i < grey.sampleCount(); ++i) white.setSample(i, 255 - grey.sample(i));
-  WriteTiff(scratch / "white.tif", {white}, PHOTOMETRIC_MINISWHITE);
-  EXPECT_TRUE(ReadImage(scratch / "white.tif").image == grey);
 }
 
 // Depth goes up exactly and comes back rounded; colour models map the primaries and
@@ -253,21 +244,16 @@ TEST(ToolConversions, ChangeDepthAndColourModelKeepingAlphaWhereItFits) {
   EXPECT_EQ(ConvertLayout(rgba, Layout::GrayAlpha).data, (Bytes{76, 10, 255, 20, 0, 30}));  // red: 0.299 * 255
   EXPECT_EQ(cmyk.data, (Bytes{0, 255, 255, 0, 0, 0, 0, 0, 0, 0, 0, 255}));
   EXPECT_EQ(ConvertLayout(cmyk, Layout::RGBA).data, (Bytes{255, 0, 0, 255, 255, 255, 255, 255, 0, 0, 0, 255}));
-  EXPECT_EQ(std::tuple(LayoutForModel(Layout::RGBA, ColourModel::Gray), LayoutForModel(Layout::Gray, ColourModel::RGB),
-                       LayoutForModel(Layout::RGBA, ColourModel::CMYK)),
-            std::tuple(Layout::GrayAlpha, Layout::RGB, Layout::CMYK));
+  EXPECT_EQ(LayoutForModel(Layout::Gray, ColourModel::RGB), Layout::RGB);
 }
 
 // Each colour as read ("rgb R G B A" or "cmyk C M Y K A"), or the reason it is refused.
 TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
-  const std::pair<const char*, const char*> cases[] = {{"#1A2b3C", "rgb 26 43 60 255"},
-                                                       {"#00000080", "rgb 0 0 0 128"},
-                                                       {"#f0a", "rgb 255 0 170 255"},
+  const std::pair<const char*, const char*> cases[] = {{"#00000080", "rgb 0 0 0 128"},
                                                        {"#f0a8", "rgb 255 0 170 136"},
                                                        {" rgb(255, 0 ,10%, 50%) ", "rgb 255 0 26 128"},
                                                        {"Red", "rgb 255 0 0 255"},
-                                                       {"rgba(1,2,3,0.5)", "rgb 1 2 3 128"},
-                                                       {"RGBA(1,2,3,1)", "rgb 1 2 3 255"},
+                                                       {"RGBA(1,2,3,0.5)", "rgb 1 2 3 128"},
                                                        {"transparent", "rgb 0 0 0 0"},
                                                        {"cmyk(0,100%,255,12)", "cmyk 0 255 255 12 255"},
                                                        {"aliceblue", "rgb 240 248 255 255"},  // the first name
@@ -275,10 +261,8 @@ TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
                                                        {"#12345", "3, 4, 6 or 8 digits"},
                                                        {"#12345g", "not hexadecimal"},
                                                        {"rgb(1,2)", "3 or 4 components"},
-                                                       {"cmyk(1,2,3)", "4 or 5 components"},
                                                        {"rgb(256,0,0)", "'256'"},
                                                        {"rgb(1.5,0,0)", "'1.5'"},
-                                                       {"rgb(101%,0,0)", "'101%'"},
                                                        {"rgb(-1,0,0)", "'-1'"},
                                                        {"hsl(1,2,3)", "is not a colour"},
                                                        {"rgba(1,2,3,2)", "'2' is not an alpha"},
@@ -290,8 +274,7 @@ TEST(ToolColours, AreReadInEveryNotationAndMistakesAreRefusedWithTheReason) {
       for (int i = 0; i < (c->cmyk ? 4 : 3); ++i) got += " " + std::to_string(c->parts[i]);
       got += " " + std::to_string(c->alpha);
     }
-    const bool read = got.starts_with("rgb ") || got.starts_with("cmyk ");
-    EXPECT_TRUE(read ? got == expected : got.find(expected) != std::string::npos) << text << " gave " << got;
+    EXPECT_NE(got.find(expected), std::string::npos) << text << " gave " << got;
   }
 }
 
@@ -322,14 +305,20 @@ const Image kMask = TestImage(23, 17, Layout::Gray, 8, false, 5);
 REALobject NewMask(host::Host& host) { return host.NewMask(HostRef(host, NewBitmapFromImage(host, kMask)).get()); }
 
 struct EffectCase {
-  const char* name;           // as the test's name shows it
-  Words words;                // the command and its options; mask.png is kMask
-  std::vector<Words> sameAs;  // further options that must not change the result
+  const char* name;   // as the test's name shows it
+  std::string words;  // the command and its options; mask.png is kMask
   const char* className;
-  Settings settings;  // what the options set; every other property keeps a new object's value
+  Settings settings;                   // what the options set; every other property keeps a new object's value
+  std::string sameAs = "--threads 1";  // a further option that must not change the result
   Image (*source)(const Image&) = [](const Image& file) { return file; };  // what the effect gets of the file
   friend void PrintTo(const EffectCase& effect, std::ostream* os) { *os << effect.name; }
 };
+
+// A property set to a plain value, or to the host object the function makes (released once set).
+void Set(host::Host& host, REALobject object, const char* name, auto value) { host.Set(object, name, value); }
+void Set(host::Host& host, REALobject object, const char* name, MakeObject make) {
+  host.Set(object, name, HostRef(host, make(host)).get());
+}
 
 // The effect run through the host on the picture put in a bitmap here, away from the
 // tool's files and their decoding straight into bitmaps.
@@ -337,75 +326,58 @@ Image Reference(const EffectCase& effect, const Image& file) {
   host::Host host;
   const HostRef object(host, host.New(effect.className)), source(host, NewBitmapFromImage(host, effect.source(file)));
   for (const auto& [name, value] : effect.settings)
-    std::visit(
-        [&, &name = name](auto plain) {
-          if constexpr (std::is_same_v<decltype(plain), MakeObject>)
-            host.Set(object.get(), name, HostRef(host, plain(host)).get());
-          else
-            host.Set(object.get(), name, plain);
-        },
-        value);
+    std::visit([&, &name = name](auto plain) { Set(host, object.get(), name, plain); }, value);
   const HostRef result(host, host.Call<REALobject, REALobject>(object.get(), kApply, source.get()));
   return result.get() ? ImageFromBitmap(host, result.get()) : Image{};
 }
 
 // Each effect with all its options, and a conversion of the source before it; then each
 // with the tool's defaults, which must be a new object's (interlace and barrel with the one
-// option that makes the others show).
+// option that makes the others show), and on one thread.
 const EffectCase kEffects[] = {
     {"interlace_odd_even_colour_mask",
-     {"interlace", "--horizontal", "odd", "--vertical", "even", "--keep-alpha", "--color", "#336699", "--mask",
-      "mask.png"},
-     {{"--in-place"}},
+     "interlace --horizontal odd --vertical even --keep-alpha --color #336699 --mask mask.png",
      "InterlaceEffectRaw",
      {{"HorizontalInterlaceType", int64_t{1}},
       {"VerticalInterlaceType", int64_t{2}},
       {"InterlaceAlphaChannel", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(51, 102, 153); }},
-      {"Mask", &NewMask}}},
+      {"Mask", &NewMask}},
+     "--in-place"},
     {"polar_to_rect_no_flip_colour_grey",
-     {"polar", "--to-rect", "--no-flip", "--color", "rgb(10,200,30,50%)", "--model", "gray"},
-     {{"--async"}},
+     "polar --to-rect --no-flip --color rgb(10,200,30,50%) --model gray",
      "PolarCoordinatesEffectRaw",
      {{"RectangularToPolar", false},
       {"FlipMapping", false},
       {"BackColor", +[](host::Host& host) { return host.NewRGBColor(10, 200, 30, 128); }}},
+     "--async",
      [](const Image& file) { return ConvertLayout(file, HasAlpha(file.layout) ? Layout::GrayAlpha : Layout::Gray); }},
     {"barrel_keystones_nearest_cmyk_colour_16_bits",
-     {"barrel", "--distortion", "0.4", "--hkeystone", "0.1", "--vkeystone", "-0.05", "--nearest", "--color",
-      "cmyk(0,255,0,0)", "--depth", "16"},
-     {{"--async"}},
+     "barrel --distortion 0.4 --hkeystone 0.1 --vkeystone -0.05 --nearest --color cmyk(0,255,0,0) --depth 16",
      "BarrelDistortEffectRaw",
      {{"Distortion", 0.4},
       {"HorizontalKeystone", 0.1},
       {"VerticalKeystone", -0.05},
       {"Interpolate", false},
       {"BackColor", +[](host::Host& host) { return host.NewCMYKColor(0, 255, 0, 0); }}},
+     "--async",
      [](const Image& file) { return ConvertDepth(file, 16); }},
     {"oilpaint_brush_smoothness_mask",
-     {"oilpaint", "--brush", "3", "--smoothness", "0.5", "--mask", "mask.png"},
-     {{"--threads", "1"}, {"--threads", "3"}},
+     "oilpaint --brush 3 --smoothness 0.5 --mask mask.png",
      "OilPaintEffectRaw",
-     {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}}},
-    {"interlace_odd_defaults",
-     {"interlace", "--horizontal", "odd"},
-     {},
-     "InterlaceEffectRaw",
-     {{"HorizontalInterlaceType", int64_t{1}}}},
-    {"polar_defaults", {"polar"}, {}, "PolarCoordinatesEffectRaw", {}},
-    {"barrel_distortion_defaults",
-     {"barrel", "--distortion", "0.4"},
-     {},
-     "BarrelDistortEffectRaw",
-     {{"Distortion", 0.4}}},
-    {"oilpaint_defaults", {"oilpaint"}, {}, "OilPaintEffectRaw", {}},
+     {{"BrushSize", uint8_t{3}}, {"Smoothness", 0.5f}, {"Mask", &NewMask}},
+     "--threads 3"},
+    {"interlace_defaults", "interlace --vertical odd", "InterlaceEffectRaw", {{"VerticalInterlaceType", int64_t{1}}}},
+    {"polar_defaults", "polar", "PolarCoordinatesEffectRaw", {}},
+    {"barrel_defaults", "barrel --distortion 0.4", "BarrelDistortEffectRaw", {{"Distortion", 0.4}}},
+    {"oilpaint_defaults", "oilpaint", "OilPaintEffectRaw", {}},
 };
 
 class ToolEffectOnEveryFile : public testing::TestWithParam<EffectCase> {};
 
 // One batch run takes a PNG, TIFF and JPEG file of every layout and depth each holds
 // (oil paint: 8 bits only) to TIFF, which holds every result exactly; so does a run with
-// each option that must not change the result (in place, asynchronously, any number of
+// the option that must not change the result (in place, asynchronously, any number of
 // threads).
 TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
   const EffectCase& effect = GetParam();
@@ -415,23 +387,20 @@ TEST_P(ToolEffectOnEveryFile, MatchesTheSameEffectRunThroughTheHost) {
   for (const std::string type : {"png", "tif", "jpg"})
     for (const int depth : {8, 16})
       for (const Layout layout : {Layout::Gray, Layout::GrayAlpha, Layout::RGB, Layout::RGBA, Layout::CMYK}) {
-        const bool refused = depth == 16 && effect.words[0] == "oilpaint";
+        const bool refused = depth == 16 && effect.words.starts_with("oilpaint");
         if (refused || !FitsFileType(ImageShape{23, 17, layout, depth}, *FileTypeNamed(type))) continue;
         const std::string in = type + "-" + LayoutName(layout) + "-" + std::to_string(depth) + "." + type;
         Save(TestImage(23, 17, layout, depth), scratch / in);
         expected[in] = Reference(effect, ReadImage(scratch / in).image);
       }
-  for (size_t run = 0; run <= effect.sameAs.size(); ++run) {
-    Words words = effect.words;
-    if (run > 0) words.insert(words.end(), effect.sameAs[run - 1].begin(), effect.sameAs[run - 1].end());
-    words.insert(words.end(), {"-q", "--format", "tiff", "--out-dir", "out" + std::to_string(run)});
-    for (const auto& [in, image] : expected) words.push_back(in);
-    ASSERT_EQ(RunTool(words, scratch).status, 0) << testing::PrintToString(words);
+  for (const std::string out : {"plain", "same"}) {
+    std::string words =
+        effect.words + (out == "same" ? " " + effect.sameAs : "") + " -q --format tiff --out-dir " + out;
+    for (const auto& [in, image] : expected) words += " " + in;
+    ASSERT_EQ(RunTool(words, scratch).status, 0) << words;
     for (const auto& [in, image] : expected)
-      EXPECT_TRUE(
-          ReadImage(scratch / ("out" + std::to_string(run) + "/" + fs::path(in).stem().string() + ".tiff")).image ==
-          image)
-          << in << run;
+      EXPECT_TRUE(ReadImage(scratch / (out + "/" + fs::path(in).stem().string() + ".tiff")).image == image)
+          << in << out;
   }
 }
 
@@ -456,114 +425,91 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   fs::rename(scratch / "prefix", scratch / "moved");
   const std::string module = scratch / "moved/lib/rawfx/rawfx.so", installed = scratch / "moved/bin/rawfx";
   const std::string tool = "exec env -u RAWFX_MODULE TMPDIR=notes.png " + installed;
-  for (const auto& [name, image] : std::map<std::string, Image>{{"rgb.png", TestImage(24, 16, Layout::RGB, 8)},
-                                                                {"rgb16.png", TestImage(24, 16, Layout::RGB, 16)},
-                                                                {"mask.png", TestImage(10, 10, Layout::Gray, 8)},
-                                                                {"ga.png", TestImage(30, 20, Layout::GrayAlpha, 16)},
-                                                                {"ink.tif", TestImage(5, 4, Layout::CMYK, 8)}})
-    Save(image, scratch / name);
+  Save(TestImage(24, 16, Layout::RGB, 8), scratch / "rgb.png");
+  Save(TestImage(24, 16, Layout::RGB, 16), scratch / "rgb16.png");
+  Save(TestImage(10, 10, Layout::Gray, 8), scratch / "mask.png");
+  Save(TestImage(300, 200, Layout::GrayAlpha, 16), scratch / "ga.png");
+  Save(TestImage(5, 4, Layout::CMYK, 8), scratch / "ink.tif");
   WriteTiff(scratch / "pages.tif", {TestImage(10, 5, Layout::Gray, 8), TestImage(6, 4, Layout::Gray, 8)},
             PHOTOMETRIC_MINISBLACK);
   WriteBytes(scratch / "notes.png", "shopping list\n");
-  const fs::perms owner = fs::perms::owner_read | fs::perms::owner_write;
-  const fs::perms readOnly = fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read;
-  WriteBytes(scratch / "private.png", "old"), WriteBytes(scratch / "locked.png", "old");
-  fs::permissions(scratch / "private.png", owner), fs::permissions(scratch / "locked.png", readOnly);
+  const std::pair<const char*, fs::perms> modes[] = {{"private.png", fs::perms(0600)}, {"locked.png", fs::perms(0444)}};
+  for (const auto& [name, mode] : modes) WriteBytes(scratch / name, "old"), fs::permissions(scratch / name, mode);
   fs::create_directory(scratch / "real");
   fs::create_symlink("real/target.png", scratch / "link.png");
-  const std::string noSpace = "rawfx: cannot write standard output: No space left on device\n";
   const std::string broken = "rawfx: installation error: cannot load module rgb.png";
-  const std::string notAnImage = "not a PNG, JPEG, TIFF or WebP image";
   std::vector<Expected> runs = {
       // Runs that succeed; the first writes the output that no failure below may touch.
-      {{"oilpaint", "--depth", "8", "rgb16.png", "out.png"}, 0, ""},
-      {{"info", "ga.png"},
-       0,
-       "ga.png: PNG\n  size:      30 x 20 (0.00 megapixels)\n  channels:  2 (grey+alpha)\n  depth:   "
+      {"oilpaint --depth 8 rgb16.png out.png", 0, ""},
+      {"info ga.png", 0,
+       "ga.png: PNG\n  size:      300 x 200 (0.06 megapixels)\n  channels:  2 (grey+alpha)\n  depth:   "
        "  16 bits per channel\n  alpha:     yes\n  loads as:  RGBA bitmap (format 5), 16 bits per "
        "channel, grey+alpha widened to RGBA\n"},
-      {{"info", "pages.tif"}, 0, "  pages:     2\n"},
-      {{"interlace", "pages.tif", "first.png"},
-       0,
-       "note: pages.tif has 2 pages; page 1 was used (choose one with --page)\n"},
-      {{"interlace", "-q", "--page", "2", "pages.tif", "second.png"}, 0, ""},
-      {{"barrel", "--model", "cmyk", "rgb.png", "cmyk.png"},
-       0,
-       "note: cmyk.png: PNG cannot hold 8-bit CMYK: written as 8-bit RGB"},
-      {{"polar", "rgb16.png", "fit.Jpeg"}, 0, "note: fit.Jpeg: JPEG cannot hold 16-bit RGB: written as 8-bit RGB"},
-      {{"polar", "--verbose", "--threads", "2", "ga.png", "v.png"},
-       0,
+      {"info pages.tif", 0, "  pages:     2\n"},
+      {"interlace pages.tif first.png", 0, "note: pages.tif has 2 pages; page 1 was used (choose one with --page)\n"},
+      {"interlace -q --page 2 pages.tif second.png", 0, ""},
+      {"barrel --model cmyk rgb.png cmyk.png", 0, "note: cmyk.png: PNG cannot hold 8-bit CMYK: written as 8-bit RGB"},
+      {"polar rgb16.png fit.Jpeg", 0, "note: fit.Jpeg: JPEG cannot hold 16-bit RGB: written as 8-bit RGB"},
+      {"polar --verbose --threads 2 ga.png v.png", 0,
        "rawfx: module " + module +
-           "\nrawfx: reading ga.png\n"
-           "rawfx: polar coordinates: ga.png, 30 x 20 RGBA, 16 bits, "
+           "\nrawfx: reading ga.png\nrawfx: polar coordinates: ga.png, 300 x 200 RGBA, 16 bits, "
            "bitmap format RGBA, 2 threads\n"},
-      {{"polar", "--verbose", "--async", "ga.png", "v.png"}, 0, "ApplyAsync took"},
-      {{"polar", "--verbose", "ga.png", "v.png"}, 0, "megapixels/s; wrote v.png\nrawfx: phases: reading "},
-      {{"--help-all"}, 0, "--hkeystone"},
-      {{"polar", "-q", "rgb.png", "direct.PNG"}, 0, ""},
-      {{"polar", "-q", "-", "-", "--format", "png"}, 0, "", tool + " < rgb.png > from-file.png"},
-      {{"polar", "-", "-", "--format", "png"}, 0, "", "cat rgb.png | " + tool + " > from-pipe.png"},
-      {{"polar", "rgb.png", "ink.tif", "--out-dir", "same"}, 0, "2 of 2 files written"},
-      {{"oilpaint", "-q", "rgb.png", "alone.TIFF"}, 0, ""},
-      {{"polar", "rgb.png", "private.png"}, 0, ""},
-      {{"polar", "rgb.png", "link.png"}, 0, ""},
+      {"polar --verbose --async ga.png v.png", 0, "ApplyAsync took"},
+      {"polar --verbose ga.png v.png", 0, "megapixels/s; wrote v.png\nrawfx: phases: reading "},
+      {"--help-all", 0, "--hkeystone"},
+      {"polar -q rgb.png direct.PNG", 0, ""},
+      {"polar -q - - --format png", 0, "", tool + " < rgb.png > from-file.png"},
+      {"polar - - --format png", 0, "", "cat rgb.png | " + tool + " > from-pipe.png"},
+      {"polar rgb.png ink.tif --out-dir same", 0, "2 of 2 files written"},
+      {"oilpaint -q rgb.png alone.TIFF", 0, ""},
+      {"polar rgb.png private.png", 0, ""},
+      {"polar rgb.png link.png", 0, ""},
       // Files that cannot be read or written: status 2, the file named.
-      {{"polar", "missing.png", "out.png"}, 2, "cannot read missing.png: No such file or directory"},
-      {{"oilpaint", "notes.png", "out.png"}, 2, "cannot read notes.png: " + notAnImage},
-      {{"info", "notes.png"}, 2, notAnImage},
-      {{"info", "-"}, 2, "rawfx: cannot read standard input: " + notAnImage + "\n", tool + " < /dev/zero"},
-      {{"polar", "rgb.png", "/sys/out.png"},
-       2,
-       "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
-      {{"polar", "rgb.png", "no/such/dir/out.png"}, 2, "No such file or directory"},
-      {{"polar", "rgb.png", "locked.png"},
-       2,
+      {"polar missing.png out.png", 2, "cannot read missing.png: No such file or directory"},
+      {"oilpaint notes.png out.png", 2, "cannot read notes.png: not a PNG, JPEG, TIFF or WebP image"},
+      {"info -", 2, "rawfx: cannot read standard input: not a PNG, JPEG, TIFF or WebP image\n", tool + " < /dev/zero"},
+      {"polar rgb.png /sys/out.png", 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
+      {"polar rgb.png no/such/dir/out.png", 2, "No such file or directory"},
+      {"polar rgb.png locked.png", 2,
        "cannot write locked.png: the file is write-protected (mode 444); --force replaces it"},
-      {{"polar", "rgb.png", "out.bmp"}, 2, "the name must end in .png"},
-      {{"polar", "rgb.png", "dir.png/out"}, 2, "the name must end in .png"},
-      {{"polar", "rgb.png", "rgb.png"}, 2, "rgb.png is the input file; rawfx never overwrites what it reads"},
-      {{"oilpaint", "--mask", "mask.png", "rgb.png", "mask.png"}, 2, "is the mask file"},
-      {{"polar", "rgb.png", "out.png", "--suffix", "-x"}, 2, "--suffix needs --out-dir"},
-      {{"polar", "rgb.png", "rgb16.png", "out.png"},
-       2,
-       "give one INPUT and one OUTPUT, or INPUT... with --out-dir DIR (got 3"},
-      {{"polar", "rgb.png", "x/rgb.png", "--out-dir", "o"}, 2, "would both be written to o/rgb.png"},
-      {{"polar", "rgb.png", "rgb16.png", "--out-dir", ".", "--format", "png"}, 2, "is the input file rgb.png"},
-      {{"oilpaint", "--mask", "mask.png", "rgb.png", "out.png"}, 2, "is 10 x 10 but the input is 24 x 16"},
-      {{"polar", "rgb.png"}, 2, "OUTPUT"},
+      {"polar rgb.png out.bmp", 2, "the name must end in .png"},
+      {"polar rgb.png dir.png/out", 2, "the name must end in .png"},
+      {"polar rgb.png rgb.png", 2, "rgb.png is the input file; rawfx never overwrites what it reads"},
+      {"oilpaint --mask mask.png rgb.png mask.png", 2, "is the mask file"},
+      {"polar rgb.png out.png --suffix -x", 2, "--suffix needs --out-dir"},
+      {"polar rgb.png rgb16.png out.png", 2, "give one INPUT and one OUTPUT, or INPUT... with --out-dir DIR (got 3"},
+      {"polar rgb.png x/rgb.png --out-dir o", 2, "would both be written to o/rgb.png"},
+      {"polar rgb.png rgb16.png --out-dir . --format png", 2, "is the input file rgb.png"},
+      {"oilpaint --mask mask.png rgb.png out.png", 2, "is 10 x 10 but the input is 24 x 16"},
+      {"polar rgb.png", 2, "OUTPUT"},
       // Output types and encodings that do not fit.
-      {{"polar", "rgb.png", "-"}, 2, "the output - is standard output: give its type with --format"},
-      {{"polar", "--format", "bmp", "rgb.png", "out.png"}, 2, "--format: 'bmp' is not a type rawfx writes"},
-      {{"polar", "--format", "webp", "rgb.png", "out.png"}, 2, "does not match the output name"},
-      {{"polar", "--lossless", "rgb.png", "out.jpg"}, 2, "JPEG is always lossy"},
-      {{"polar", "--page", "2", "rgb.png", "out.png"}, 2, "a PNG file has one page"},
-      {{"interlace", "--page", "3", "pages.tif", "out.png"}, 2, "the file has 2 pages"},
-      {{"polar", "--compress", "jpeg", "rgb.png", "out.tif"}, 2, "--compress: jpeg not in {none,deflate,lzw,zstd}"},
+      {"polar rgb.png -", 2, "the output - is standard output: give its type with --format"},
+      {"polar --format bmp rgb.png out.png", 2, "--format: 'bmp' is not a type rawfx writes"},
+      {"polar --format webp rgb.png out.png", 2, "does not match the output name"},
+      {"polar --lossless rgb.png out.jpg", 2, "JPEG is always lossy"},
+      {"polar --page 2 rgb.png out.png", 2, "a PNG file has one page"},
+      {"interlace --page 3 pages.tif out.png", 2, "the file has 2 pages"},
+      {"polar --compress jpeg rgb.png out.tif", 2, "--compress: jpeg not in {none,deflate,lzw,zstd}"},
       // The effect refusing the bitmap: status 1.
-      {{"oilpaint", "rgb16.png", "out.png"}, 1, "oil paint works on 8-bit images; use --depth 8"},
+      {"oilpaint rgb16.png out.png", 1, "oil paint works on 8-bit images; use --depth 8"},
       // Options out of range, malformed or unknown: status 2.
-      {{"oilpaint", "--brush", "6", "rgb.png", "out.png"},
-       2,
-       "--brush: 6 is outside [1 - 5] (see rawfx oilpaint --help)"},
-      {{"oilpaint", "--smoothness", "0.02", "rgb.png", "out.png"}, 2, "--smoothness: 0.02 is outside [0.04 - 1]"},
-      {{"barrel", "--distortion", "abc", "rgb.png", "out.png"}, 2, "--distortion: 'abc' is not a number"},
-      {{"barrel", "--hkeystone", "nan", "rgb.png", "out.png"}, 2, "--hkeystone: nan is outside [-1 - 1]"},
-      {{"interlace", "--horizontal", "sideways", "rgb.png", "out.png"},
-       2,
-       "--horizontal: sideways not in {none,odd,even}"},
-      {{"polar", "--colour", "#12345", "rgb.png", "out.png"}, 2, "3, 4, 6 or 8 digits"},
-      {{"oilpaint", "--color", "red", "rgb.png", "out.png"},
-       2,
-       "unknown option --color for rawfx oilpaint"},  // no background
-      {{"blur", "rgb.png", "out.png"}, 2, "unknown command 'blur'"},
+      {"oilpaint --brush 6 rgb.png out.png", 2, "--brush: 6 is outside [1 - 5] (see rawfx oilpaint --help)"},
+      {"oilpaint --smoothness 0.02 rgb.png out.png", 2, "--smoothness: 0.02 is outside [0.04 - 1]"},
+      {"barrel --distortion abc rgb.png out.png", 2, "--distortion: 'abc' is not a number"},
+      {"barrel --hkeystone nan rgb.png out.png", 2, "--hkeystone: nan is outside [-1 - 1]"},
+      {"interlace --horizontal sideways rgb.png out.png", 2, "--horizontal: sideways not in {none,odd,even}"},
+      {"polar --colour #12345 rgb.png out.png", 2, "3, 4, 6 or 8 digits"},
+      {"oilpaint --color red rgb.png out.png", 2, "unknown option --color for rawfx oilpaint"},  // no background
+      {"blur rgb.png out.png", 2, "unknown command 'blur'"},
       // A module that does not load: status 3. One named explicitly wins over the installed one.
-      {{"polar", "--module", "rgb.png", "rgb.png", "b.png"}, 3, broken},
-      {{"demo", "--module", "rgb.png"}, 3, broken},
-      {{"polar", "rgb.png", "b.png"}, 3, broken, "exec env TMPDIR=notes.png RAWFX_MODULE=rgb.png " + installed},
-      {{"polar", "--force", "rgb.png", "locked.png"}, 0, ""},
+      {"polar --module rgb.png rgb.png b.png", 3, broken},
+      {"demo --module rgb.png", 3, broken},
+      {"polar rgb.png b.png", 3, broken, "exec env TMPDIR=notes.png RAWFX_MODULE=rgb.png " + installed},
+      {"polar --force rgb.png locked.png", 0, ""},
   };
   for (const char* type : {"png", "jpeg", "tiff", "webp"})  // a full disk, found by each type's writer
-    runs.push_back({{"polar", "-q", "rgb.png", "-", "--format", type}, 2, noSpace, tool + " > /dev/full"});
+    runs.push_back({"polar -q rgb.png - --format " + std::string(type), 2,
+                    "rawfx: cannot write standard output: No space left on device\n", tool + " > /dev/full"});
   ExpectRuns(scratch, runs, tool);
   EXPECT_EQ(std::tuple(ReadImage(scratch / "first.png").image.width, ReadImage(scratch / "second.png").image.width,
                        ReadImage(scratch / "fit.Jpeg").type, ReadImage(scratch / "same/ink.tif").type),
@@ -572,7 +518,7 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   EXPECT_EQ(ReadText(scratch / "from-file.png"), ReadText(scratch / "direct.PNG"));
   EXPECT_EQ(ReadText(scratch / "from-pipe.png"), ReadText(scratch / "direct.PNG"));
   // A replaced output keeps its mode; a link is written through, nothing left beside its target.
-  for (const auto& [name, mode] : {std::pair{"private.png", owner}, {"locked.png", readOnly}})
+  for (const auto& [name, mode] : modes)
     EXPECT_EQ(fs::status(scratch / name).permissions() & fs::perms::mask, mode) << name;
   for (const char* name : {"private.png", "locked.png", "real/target.png"})
     EXPECT_TRUE(ReadText(scratch / name).starts_with("\x89PNG")) << name;
@@ -580,41 +526,36 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
   EXPECT_EQ(std::distance(fs::directory_iterator(scratch / "real"), {}), 1);
   // Many inputs into one folder: each result as if run alone, the run goes on after a
   // failed file, and one summary line ends it; the status is the worst file's.
-  const ToolResult run = RunTool({"oilpaint", "--out-dir", "batch", "--suffix", "-oil", "--format", "tiff", "-q",
-                                  "rgb.png", "rgb16.png", "notes.png", "ink.tif"},
-                                 scratch, tool);
+  const ToolResult run = RunTool(
+      "oilpaint --out-dir batch --suffix -oil --format tiff -q rgb.png rgb16.png notes.png ink.tif", scratch, tool);
   EXPECT_EQ(run.status, 2);
-  EXPECT_TRUE(run.err.ends_with("rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n"))
-      << run.err;
-  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 3) << "one line per failure and the summary";
+  const std::regex failuresAndSummary(
+      "(rawfx: [^\n]+\n){2}rawfx: oil paint: 2 of 4 files written to batch; 2 failed: rgb16.png notes.png\n");
+  EXPECT_TRUE(std::regex_match(run.err, failuresAndSummary)) << run.err;
   EXPECT_EQ(ReadText(scratch / "batch/rgb-oil.tiff"), ReadText(scratch / "alone.TIFF"));
   EXPECT_EQ(ReadImage(scratch / "batch/ink-oil.tiff").image.layout, Layout::CMYK);
   EXPECT_EQ(std::distance(fs::directory_iterator(scratch / "batch"), {}), 2);
-  const ToolResult bare = RunTool({}, scratch, tool);
+  const ToolResult bare = RunTool("", scratch, tool);
   EXPECT_TRUE(bare.status == 2 && bare.err.find("Subcommands:") != std::string::npos) << bare.err;
   fs::remove(module);
-  ExpectRuns(
-      scratch,
-      {{{"polar", "rgb.png", "b.png"}, 3, "installation error: the effects module is missing (looked for " + module}},
-      tool);
+  ExpectRuns(scratch,
+             {{"polar rgb.png b.png", 3, "installation error: the effects module is missing (looked for " + module}},
+             tool);
 }
 
 // A signal at each phase of a run: the tool exits within a second with 128 + the
 // signal, leaves no temporary file, and the output keeps its old content.
 TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
   ScratchDir scratch;
-  const std::string big = scratch / "big.png", paint = scratch / "paint.png", out = scratch / "out.png";
-  Save(TestImage(1200, 900, Layout::RGBA, 16), big);  // slow to read and to write
-  Save(SampleImage(1200, 900), paint);                // slow to oil-paint on one thread
-  WriteBytes(out, "old");
-  const auto before = scratch.snapshot();
-  const Words slowEffect = {"oilpaint", "--brush", "5", "--threads", "1", "-v", paint, out};
-  const Words slowFiles = {"interlace", "-v", big, out};
+  Save(TestImage(1200, 900, Layout::RGBA, 16), scratch / "big.png");  // slow to read and to write
+  Save(SampleImage(1200, 900), scratch / "paint.png");                // slow to oil-paint on one thread
+  WriteBytes(scratch / "out.png", "old");
+  const auto before = Snapshot(scratch);
   // The moment to signal: a --verbose line, or the temporary file's appearing.
-  const std::tuple<int, const char*, Words, std::string> cases[] = {
-      {SIGINT, "SIGINT", slowEffect, "1 thread"},  // cancelled through the engine
-      {SIGTERM, "SIGTERM", slowFiles, "rawfx: reading"},
-      {SIGHUP, "SIGHUP", slowFiles, "\n.out.png.rawfx-"},
+  const std::tuple<int, const char*, const char*, std::string> cases[] = {
+      {SIGINT, "SIGINT", "oilpaint --brush 5 --threads 1 -v paint.png out.png", "1 thread"},  // through the engine
+      {SIGTERM, "SIGTERM", "interlace -v big.png out.png", "rawfx: reading"},
+      {SIGHUP, "SIGHUP", "interlace -v big.png out.png", "\n.out.png.rawfx-"},
   };
   for (const auto& [signal, name, words, moment] : cases) {
     SCOPED_TRACE(std::string(name) + " at " + moment);
@@ -635,7 +576,7 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
     EXPECT_NE(result.err.find(std::string("interrupted by ") + name + "; nothing was written\n"), std::string::npos)
         << result.err;
     fs::remove(pid);
-    EXPECT_EQ(scratch.snapshot(), before);
+    EXPECT_EQ(Snapshot(scratch), before);
   }
 }
 
@@ -647,9 +588,8 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
   ScratchDir scratch;
   const std::string directory = scratch / "demo";
   Save(TestImage(500, 100, Layout::RGBA, 16), scratch / "mine.png");
-  ExpectRuns(scratch,
-             {{{"demo", "--out", directory, "--size", "96", "--input", scratch / "mine.png"}, 0, "wrote 24 results"}});
-  EXPECT_EQ(RunTool({"demo", "--out", scratch / "again", "--size", "96", "-q"}, scratch).out, "");
+  ExpectRuns(scratch, {{"demo --out demo --size 96 --input mine.png", 0, "wrote 24 results"}});
+  EXPECT_EQ(RunTool("demo --out again --size 96 -q", scratch).out, "");
   const std::string page = ReadText(directory + "/index.html");
   int pictures = 0;  // each source, its mask and 12 results
   for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
@@ -677,22 +617,19 @@ TEST(ToolDemo, WritesEveryResultOnTheChartAndTheGivenPictureAContactSheetAndAPag
 void MakePhoto(const std::string& path, const Image& stored, int orientation) {
   Save(stored, path);
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
-  Exiv2::ExifData exif;
-  for (const auto& [key, value] : std::map<std::string, std::string>{{"Image.Orientation", std::to_string(orientation)},
-                                                                     {"Image.Artist", "A. Photographer"},
-                                                                     {"Image.XResolution", "300/1"},
-                                                                     {"Image.YResolution", "300/1"},
-                                                                     {"Image.ResolutionUnit", "2"},
-                                                                     {"GPSInfo.GPSLatitudeRef", "N"}})
-    exif["Exif." + key] = value;
-  Exiv2::XmpData xmp;
-  xmp["Xmp.dc.rights"] = "CC0";
-  Exiv2::IptcData iptc;
-  iptc["Iptc.Application2.Keywords"] = "coffee";
+  Exiv2::ExifData& exif = image->exifData();
+  exif["Exif.Image.Orientation"] = std::to_string(orientation);
+  exif["Exif.Image.Artist"] = "A. Photographer";
+  exif["Exif.Image.XResolution"] = "300/1";
+  exif["Exif.Image.YResolution"] = "300/1";
+  exif["Exif.Image.ResolutionUnit"] = "2";
+  exif["Exif.GPSInfo.GPSLatitudeRef"] = "N";
+  image->xmpData()["Xmp.dc.rights"] = "CC0";
+  image->iptcData()["Iptc.Application2.Keywords"] = "coffee";
   std::string icc(256, '\0');
   icc[2] = 1, icc.replace(16, 8, "RGB XYZ "), icc.replace(36, 4, "acsp");
   Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte*>(icc.data()), long(icc.size()));
-  image->setExifData(exif), image->setXmpData(xmp), image->setIptcData(iptc), image->setIccProfile(profile);
+  image->setIccProfile(profile);
   image->writeMetadata();
 }
 
@@ -711,72 +648,61 @@ std::string Carried(const std::string& path) {
   return carried + std::to_string(image->iccProfileDefined() ? image->iccProfile()->size_ : 0);
 }
 
-// The stored 8-bit picture as it is viewed, by the EXIF definition of each orientation:
+// The stored 8-bit RGB picture as it is viewed, by the EXIF definition of each orientation:
 // upright (x, y) is stored at (y, x) when the sides are swapped (5 to 8), then mirrored.
 Image Upright(const Image& stored, int orientation) {
   const bool swap = orientation >= 5, mirrorX = "01100011"[orientation - 1] == '1';
   const bool mirrorY = "00110110"[orientation - 1] == '1';
-  Image upright =
-      Image::Blank(swap ? stored.height : stored.width, swap ? stored.width : stored.height, stored.layout, 8);
-  const int channels = stored.channels();
-  for (int64_t y = 0; y < upright.height; ++y)
-    for (int64_t x = 0; x < upright.width; ++x) {
-      const int64_t sx = swap ? y : x, sy = swap ? x : y, from = mirrorX ? stored.width - 1 - sx : sx;
-      std::copy_n(stored.row(mirrorY ? stored.height - 1 - sy : sy) + from * channels, channels,
-                  upright.row(y) + x * channels);
-    }
+  auto upright = Image::Blank(swap ? stored.height : stored.width, swap ? stored.width : stored.height, Layout::RGB, 8);
+  for (size_t i = 0; i < upright.sampleCount(); ++i) {
+    const int64_t x = int64_t(i / 3) % upright.width, y = int64_t(i / 3) / upright.width;
+    const int64_t sx = mirrorX ? stored.width - 1 - (swap ? y : x) : swap ? y : x;
+    const int64_t sy = mirrorY ? stored.height - 1 - (swap ? x : y) : swap ? x : y;
+    upright.setSample(i, stored.sample(size_t(sy * stored.width + sx) * 3 + i % 3));
+  }
   return upright;
 }
 
 // Each orientation, read from a JPEG and from a PNG, is turned upright into each output
 // type, which keeps the metadata (but WebP has no IPTC). Interlace with its defaults
-// changes no pixel, so its output is the upright input: exact but through JPEG.
-TEST(ToolMetadata, IsKeptInEveryOutputTypeWithThePictureTurnedUpright) {
+// changes no pixel, so its output is the upright input: exact but through JPEG. Each
+// type's encoding option makes it smaller.
+TEST(ToolOutputs, KeepTheMetadataWithThePictureTurnedUprightAndFollowTheEncodingOptions) {
   ScratchDir scratch;
   const std::string kept = "1;A. Photographer;N;lang=\"x-default\" CC0;";
   for (int orientation = 1; orientation <= 8; ++orientation) {
-    const std::string in = scratch / (orientation <= 4 ? "in.jpg" : "in.png");
+    const std::string in = orientation <= 4 ? "in.jpg" : "in.png";
     const std::string type = std::vector<std::string>{"jpg", "png", "tif", "webp"}[(orientation - 1) % 4];
-    const std::string out = scratch / ("out." + type);
-    MakePhoto(in, TestImage(30, 20, Layout::RGB, 8, true), orientation);
-    ExpectRuns(scratch, {{{"interlace", type == "webp" ? "--lossless" : "-q", "-q", in, out}, 0, ""},
-                         {{"info", out}, 0, "resolution: 300 x 300 dpi"}});
-    const Image image = ReadImage(out).image, upright = Upright(ReadImage(in).image, orientation);
+    MakePhoto(scratch / in, TestImage(30, 20, Layout::RGB, 8, true), orientation);
+    ExpectRuns(scratch, {{"interlace -q " + in + " out." + type + (type == "webp" ? " --lossless" : ""), 0, ""},
+                         {"info out." + type, 0, "resolution: 300 x 300 dpi"}});
+    const Image image = ReadImage(scratch / ("out." + type)).image,
+                upright = Upright(ReadImage(scratch / in).image, orientation);
     ASSERT_EQ(std::pair(image.width, image.height), std::pair(upright.width, upright.height)) << orientation;
     EXPECT_LE(MeanAbsoluteDifference(image, upright), type == "jpg" ? 3.0 : 0.0) << orientation;
-    EXPECT_EQ(Carried(out), kept + (type == "webp" ? "-;256" : "coffee;256")) << orientation;
+    EXPECT_EQ(Carried(scratch / ("out." + type)), kept + (type == "webp" ? "-;256" : "coffee;256")) << orientation;
   }
   // --strip writes none of it; a grey output cannot carry an RGB profile, and says so.
-  const std::string in = scratch / "in.png";
   ExpectRuns(scratch,
-             {
-                 {{"interlace", "--strip", in, scratch / "bare.png"}, 0, ""},
-                 {{"interlace", "--model", "gray", in, scratch / "grey.png"},
-                  0,
-                  "ICC profile is for RGB colour but the output holds grey"},
-                 {{"info", in},
-                  0,
-                  "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
-                  "XMP: 1 properties\n  IPTC: 1 datasets\n"},
-             });
+             {{"interlace --strip in.png bare.png", 0, ""},
+              {"interlace --model gray in.png grey.png", 0, "ICC profile is for RGB colour but the output holds grey"},
+              {"info in.png", 0,
+               "orientation: 8 (rotate 90 CCW to view)\n  ICC profile: 256 bytes, RGB colour\n  EXIF: 7 tags\n  "
+               "XMP: 1 properties\n  IPTC: 1 datasets\n"}});
   EXPECT_EQ(Carried(scratch / "bare.png"), "-;-;-;-;-;0");
-  EXPECT_TRUE(ReadImage(scratch / "bare.png").image == Upright(ReadImage(in).image, 8));
-  EXPECT_EQ(RunTool({"info", scratch / "bare.png"}, scratch).out.find("resolution"), std::string::npos);
+  EXPECT_TRUE(ReadImage(scratch / "bare.png").image == Upright(ReadImage(scratch / "in.png").image, 8));
+  EXPECT_EQ(RunTool("info bare.png", scratch).out.find("resolution"), std::string::npos);
   EXPECT_EQ(Carried(scratch / "grey.png"), kept + "coffee;0");
-}
-
-// Each encoding option makes the file it applies to smaller.
-TEST(ToolFormats, EncodingOptionsDoWhatTheySay) {
-  ScratchDir scratch;
+  // Each encoding option makes the file it applies to smaller.
   Save(TestImage(64, 48, Layout::RGB, 8, true), scratch / "ramp.png");
-  const auto size = [&](const std::string& option, const std::string& value, const std::string& name) {
-    EXPECT_EQ(RunTool({"interlace", option, value, "-q", scratch / "ramp.png", scratch / name}, scratch).status, 0);
-    return fs::file_size(scratch / name);
+  const auto size = [&](const std::string& options) {
+    EXPECT_EQ(RunTool("interlace -q ramp.png " + options, scratch).status, 0) << options;
+    return fs::file_size(scratch / options.substr(options.rfind(' ') + 1));
   };
-  EXPECT_LT(size("--level", "9", "9.png"), size("--level", "0", "0.png"));
-  EXPECT_LT(size("--compress", "lzw", "lzw.tif"), size("--compress", "none", "none.tif"));
-  EXPECT_LT(size("--quality", "20", "20.jpg"), size("--quality", "95", "95.jpg"));
-  EXPECT_LT(size("--quality", "20", "20.webp"), size("--quality", "95", "95.webp"));
+  EXPECT_LT(size("--level 9 9.png"), size("--level 0 0.png"));
+  EXPECT_LT(size("--compress lzw lzw.tif"), size("--compress none none.tif"));
+  EXPECT_LT(size("--quality 20 20.jpg"), size("--quality 95 95.jpg"));
+  EXPECT_LT(size("--quality 20 20.webp"), size("--quality 95 95.webp"));
 }
 
 // A PNG with nothing but its header (and an empty IDAT), declaring any size.
@@ -798,9 +724,8 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   GTEST_SKIP() << "a sanitizer's shadow memory does not fit in a limited address space";
 #endif
   ScratchDir scratch;
-  const Image large = TestImage(3000, 2800, Layout::RGBA, 8, true);
-  const double bytes = double(large.data.size());
-  Save(large, scratch / "large.tif");
+  const double bytes = 3000 * 2800 * 4;  // the large picture's pixels
+  Save(TestImage(3000, 2800, Layout::RGBA, 8, true), scratch / "large.tif");
   Save(TestImage(8, 8, Layout::RGBA, 8, true), scratch / "tiny.tif");
   Save(Image::Blank(1, 1000001, Layout::Gray, 8), scratch / "tall.tif");
   for (const auto& [name, width, height, colourType] :
@@ -808,11 +733,7 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
     WriteBytes(scratch / name, PngHeader(width, height, char(colourType)));
   WriteBytes(scratch / "zeros.png", "");
   fs::resize_file(scratch / "zeros.png", 1 << 30);  // sparse: 1 GiB of zeros on no disk
-  const auto polar = [&](const std::string& input, const std::string& output = "out.tif") {
-    return Words{
-        "polar",         "-q", "--threads", "1", "--compress", "none", "--max-pixels", "2000000000", scratch / input,
-        scratch / output};
-  };
+  const std::string polar = "polar -q --threads 1 --compress none --max-pixels 2000000000 ";
   // One malloc arena, whose reservations would otherwise count as used.
   const auto room = [](double size) {
     return "ulimit -v " + std::to_string(uint64_t(size) >> 10) + "; MALLOC_ARENA_MAX=1 " + kTool;
@@ -820,21 +741,18 @@ TEST(ToolMemory, ARunNeedsTheSourceAndTheResultAndFailsCleanlyWithLess) {
   double low = 4 << 20, tiny = double(uint64_t{4} << 30);  // tiny: the least room (to 4 MiB) a tiny run needs
   while (tiny - low > (4 << 20)) {
     const double middle = std::floor((low + tiny) / 2);
-    (RunTool(polar("tiny.tif"), scratch, room(middle)).status == 0 ? tiny : low) = middle;
+    (RunTool(polar + "tiny.tif out.tif", scratch, room(middle)).status == 0 ? tiny : low) = middle;
   }
-  ExpectRuns(scratch, {
-                          {polar("large.tif"), 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
-                          {polar("large.tif"), 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
-                          {{"info", scratch / "wide.png"},
-                           2,
-                           "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused",
-                           room(tiny)},
-                          {polar("side.png"), 2, "a PNG side longer than 1000000", room(tiny)},
-                          {polar("huge.png"), 2, "the host cannot make", room(tiny)},
-                          {{"info", scratch / "zeros.png"}, 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
-                          {polar("tall.tif", "o.png"), 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
-                          {polar("large.tif"), 0, "", room(tiny + 2.2 * bytes)},
-                      });
+  ExpectRuns(
+      scratch,
+      {{polar + "large.tif out.tif", 2, "memory", room(tiny + 0.5 * bytes)},  // too little for the source
+       {polar + "large.tif out.tif", 2, "memory", room(tiny + 1.5 * bytes)},  // too little for the result
+       {"info wide.png", 2, "2147483647 x 1 pixels: a PNG side longer than 1000000 pixels is refused", room(tiny)},
+       {polar + "side.png out.tif", 2, "a PNG side longer than 1000000", room(tiny)},
+       {polar + "huge.png out.tif", 2, "the host cannot make", room(tiny)},
+       {"info zeros.png", 2, "not a PNG, JPEG, TIFF or WebP image", room(tiny)},
+       {polar + "tall.tif o.png", 2, "PNG holds at most 1000000 pixels a side", room(tiny)},
+       {polar + "large.tif out.tif", 0, "", room(tiny + 2.2 * bytes)}});
 }
 
 }  // namespace
