@@ -26,11 +26,10 @@ constexpr double kOutside = kNaN;
 constexpr double kSqrt2 = 1.4142135623730951;
 constexpr double kTwoPi = 6.283185307179586;
 
-void SetParts(PolarCase& c) {
-  const bool eightBit = c.l.sampleBytes == 1;
-  c.reference = eightBit ? rawfx::reference::PolarCoordinatesPart : rawfx::reference::PolarCoordinatesPart16;
-  c.fast = eightBit ? PolarCoordinatesPart : PolarCoordinatesPart16;
-}
+// Part functions by kernels (reference, fast) and depth (8, 16 bits).
+const PartFunction kParts[2][2][1] = {
+    {{rawfx::reference::PolarCoordinatesPart}, {rawfx::reference::PolarCoordinatesPart16}},
+    {{PolarCoordinatesPart}, {PolarCoordinatesPart16}}};
 
 // The effect's options, or others where a case changes them.
 struct Geometry {
@@ -90,16 +89,14 @@ TEST_P(PolarKernels, MappingGivesTheDocumentedPositions) {
 // the parts must neither read nor write.
 PolarCase Block(const Geometry& g, int channels, int sb, int background) {
   PolarCase c;
-  Layout l = PackedLayout(g.width, g.height, sb, channels);
-  l.srcRowBytes += 3 * sb;
-  c.Block(l, 0, 0xA5);
-  c.source.resize(c.source.size() + 2 * l.srcRowBytes, 0);
+  c.Block(g.width, g.height, sb, channels, 3);
+  c.source.resize(c.source.size() + 2 * c.l.srcRowBytes, 0);
   c.params.settings = SettingsOf(g);
   c.params.settings.width = c.params.settings.height = -99;
   c.params.settings.centerX = c.params.settings.centerY = -99.0;
   std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
   std::fill_n(c.params.backColor16, std::size(c.params.backColor16), static_cast<uint16_t>(background));
-  SetParts(c);
+  c.Use(kParts);
   return c;
 }
 
@@ -192,7 +189,7 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
-  SetParts(c);
+  c.Use(kParts);
   c.parts = RandomParts(rng, l.height);
   c.settings = Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping},
                         " centerAtTop ", int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ",

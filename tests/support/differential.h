@@ -58,10 +58,8 @@ struct Layout {
   int32_t srcPixelBytes, dstPixelBytes, srcRowBytes, dstRowBytes;
 };
 
-// A side of a random bitmap: often 0 .. 5, otherwise up to largest.
-int32_t RandomSide(Rng& rng, int32_t largest);
-// Sides up to 64, now and then a negative width, one row, one column, or
-// rows of up to longRows pixels.
+// Sides up to 64 (often 0 .. 5), now and then a negative width, one row, one
+// column, or rows of up to longRows pixels.
 void RandomSize(Rng& rng, Layout& l, int32_t longRows);
 // A random size, 8- or 16-bit, 1 .. 8 channels, padded pixels and rows. With
 // oddSteps a 16-bit step may be an odd number of bytes; otherwise every step
@@ -136,9 +134,10 @@ struct KernelCaseBase {
   std::vector<double> storage;  // double-aligned memory the block may point into
 
   std::string Describe() const;
-  // A hand-built case: source and destination of l filled with srcFill and
-  // dstFill, records of l, one part for all rows.
-  void Block(const Layout& layout, uint8_t srcFill, uint8_t dstFill);
+  // A hand-built case: width x height packed pixels, source rows padded by
+  // padSamples; a source of zeros, a destination of 0xA5 bytes, records
+  // without alpha, one part for all rows, a mask whose values are all 0.
+  void Block(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels, int32_t padSamples = 0);
   // A sample of the source as built, set before a run, and of the destination after one.
   uint32_t Source(int32_t x, int32_t y, int channel) const;
   void SetSource(int32_t x, int32_t y, int channel, uint32_t value);
@@ -153,6 +152,14 @@ template <class Params>
 struct KernelCase : KernelCaseBase {
   Params params{};
   PartFunction reference = nullptr, fast = nullptr;
+  // The part functions of table by kernels (reference, fast), depth (8, 16
+  // bits; a table of one depth serves all) and variant.
+  template <size_t Depths, size_t Variants>
+  void Use(const PartFunction (&table)[2][Depths][Variants], size_t variant = 0) {
+    const size_t depth = Depths == 1 ? 0 : static_cast<size_t>(this->l.sampleBytes - 1);
+    reference = table[0][depth][variant];
+    fast = table[1][depth][variant];
+  }
   Outcome Run(bool fastKernels) const override {
     Params block = params;
     return RunWith(&block, sizeof block, fastKernels ? fast : reference);
