@@ -41,11 +41,9 @@ InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3
   return c;
 }
 
-class InterlaceKernels : public ::testing::TestWithParam<bool> {};
-
 // The rows and pixels each phase setting and start row fills, at both depths,
 // with and without a mask, then how a mask mixes source and fill.
-TEST_P(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
+TEST(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
   // The map of every row of the bitmap, one character per pixel: F filled
   // with the colour, . the source, u untouched. The part runs from firstRow
   // to the last row.
@@ -76,7 +74,7 @@ TEST_P(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
         k.params.horizontalType = c.horizontal;
         k.params.verticalType = c.vertical;
         k.parts.ranges = {{c.firstRow, height}};
-        const Outcome out = k.Run(GetParam());
+        const Outcome out = CheckedRun(k);
         Rows map(static_cast<size_t>(height));
         std::vector<MaskQuery> queries;  // every row's handle, of the part's own depth; a value only where filled
         for (int y = 0; y < height; ++y) {
@@ -112,7 +110,7 @@ TEST_P(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
     c.params.interlaceAlpha = 0;
     c.params.channelValues[0] = 0;
     c.params.horizontalType = 1;
-    const Outcome out = c.Run(GetParam());
+    const Outcome out = CheckedRun(c);
     const uint32_t mixed[] = {0, 200, 100, 100}, alpha[] = {full, full, full - 1, full - 1};
     for (int x = 0; x < 4; ++x) {
       EXPECT_EQ(c.Result(out, x, 0, 0), mixed[x]) << x;
@@ -120,8 +118,6 @@ TEST_P(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Kernels, InterlaceKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
 

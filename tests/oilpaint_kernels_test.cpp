@@ -63,13 +63,11 @@ Rgb Out(const OilPaintCase& c, const Outcome& out, int x, int y) {
   return rgb;
 }
 
-class OilPaintKernels : public ::testing::TestWithParam<bool> {};
-
 // A black 13 x 11 bitmap (at brush 5, wide enough for a column to leave the
 // square as another enters) but for a blue probe p at (x, y), all in bin 0 at
 // smoothness 0.04: the pixel's blue comes out as p / count. A probe of n gives
 // 1 only if count <= n, one of n - 1 gives 0 only if count >= n: together they pin it.
-TEST_P(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
+TEST(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
   const struct {
     int x, y, count;
   } cases[] = {{0, 0, 36}, {12, 10, 36}, {0, 5, 66}, {6, 10, 66}, {6, 5, 121}};
@@ -78,7 +76,7 @@ TEST_P(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
       SCOPED_TRACE(Describe("(", c.x, ", ", c.y, ") probe ", probe));
       OilPaintCase b = Frame(false, 13, 11, kRGB, 0.04f, 5);
       b.SetSource(c.x, c.y, 2, static_cast<uint32_t>(probe));
-      EXPECT_EQ(Out(b, b.Run(GetParam()), c.x, c.y)[2], probe == c.count ? 1 : 0);
+      EXPECT_EQ(Out(b, CheckedRun(b), c.x, c.y)[2], probe == c.count ? 1 : 0);
     }
 }
 
@@ -87,7 +85,7 @@ TEST_P(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
 // averaged; otherwise the pair's bin wins with the pair's colour. Two pixels,
 // one black and one white: equal counts, and the lower bin wins. Masked, a
 // clear mask gives o x 255 >> 8, no shortcut; then each mask value mixes.
-TEST_P(OilPaintKernels, TheFullestBinGivesItsMeanColourAndTheMaskMixesIt) {
+TEST(OilPaintKernels, TheFullestBinGivesItsMeanColourAndTheMaskMixesIt) {
   const struct {
     const char* what;
     Offsets rgb;
@@ -117,7 +115,7 @@ TEST_P(OilPaintKernels, TheFullestBinGivesItsMeanColourAndTheMaskMixesIt) {
       SCOPED_TRACE(Describe(c.what, masked ? ", masked" : ""));
       const int width = static_cast<int>(c.row.size());
       const OilPaintCase b = Frame(masked, width, 1, c.rgb, c.smoothness, c.brush, c.row);
-      const Outcome out = b.Run(GetParam());
+      const Outcome out = CheckedRun(b);
       Rgb expected = c.expected;
       for (uint8_t& v : expected) v = masked ? static_cast<uint8_t>(v * 255 >> 8) : v;
       for (int x = 0; x < width; ++x) EXPECT_EQ(Out(b, out, x, 0), expected) << x;
@@ -126,13 +124,11 @@ TEST_P(OilPaintKernels, TheFullestBinGivesItsMeanColourAndTheMaskMixesIt) {
   // keep high bits, of which only the low 8 count: 0x7FF is 255, 0x100 is 0.
   OilPaintCase b = Frame(true, 3, 1, kRGB, 0.4f, 2, {kWhite, kBlack, kWhite});
   b.mask.columns = {0x7FF, 128, 0x100};
-  const Outcome out = b.Run(GetParam());
+  const Outcome out = CheckedRun(b);
   EXPECT_EQ(Out(b, out, 0, 0), Grey(254));  // 255 x 255 >> 8: nearly the source
   EXPECT_EQ(Out(b, out, 1, 0), Grey(126));  // (0 x 128 + 255 x 127) >> 8
   EXPECT_EQ(Out(b, out, 2, 0), Grey(254));  // 255 x 255 >> 8: nearly the oil colour
 }
-
-INSTANTIATE_TEST_SUITE_P(Kernels, OilPaintKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
 

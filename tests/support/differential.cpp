@@ -291,4 +291,9 @@ bool MatchesReference(const KernelCaseBase& c, const std::string& label) {
   return same;
 }
 
+Outcome CheckedRun(const KernelCaseBase& c) {
+  MatchesReference(c);
+  return c.Run(false);
+}
+
 }  // namespace rawfx::test

@@ -180,10 +180,9 @@ std::string Describe(const Pieces&... pieces) {
   return s.str();
 }
 
-// Names the cases of a hand-built test run with the fast kernels (Shipped) and the reference ones.
-inline std::string KernelsName(const ::testing::TestParamInfo<bool>& info) {
-  return info.param ? "Shipped" : "Reference";
-}
+// What a hand-built case leaves with the reference kernels, after demanding
+// (as MatchesReference) that the fast ones leave the same on both paths.
+Outcome CheckedRun(const KernelCaseBase& c);
 
 // RandomCases(usual) cases made by draw(rng, index); stops after 5 failures.
 template <class Draw>
