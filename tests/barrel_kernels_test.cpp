@@ -72,18 +72,13 @@ TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
     SCOPED_TRACE(Describe(c.width, "x", c.height, ", ", c.distortion, "/", c.horizontal, "/", c.vertical, " shift ",
                           c.shift, c.bilinear ? " bilinear " : " nearest ", c.x, ",", c.y));
     BarrelCase k;
-    k.Block(c.width, c.height, 2, 2);
+    k.Block(c.width, c.height, 2, 2, 0, [](int32_t x, int32_t y, int channel) { return 256u * (channel ? y : x); });
     SetBlock(k.params, {1.0, 0.0, c.horizontal, 0.0, 1.0, c.vertical, c.horizontal, c.vertical, 1.0}, c.distortion,
              c.width * 0.5, c.height * 0.5);
     k.params.keystone[k20] += c.shift / k.params.centerX;
     k.params.backColor16[0] = static_cast<uint16_t>(256 * c.width);
     k.params.backColor16[1] = static_cast<uint16_t>(256 * c.height);
     k.Use(kParts, c.bilinear);
-    for (int y = 0; y < c.height; ++y)
-      for (int x = 0; x < c.width; ++x) {
-        k.SetSource(x, y, 0, static_cast<uint32_t>(x * 256));
-        k.SetSource(x, y, 1, static_cast<uint32_t>(y * 256));
-      }
     k.parts.ranges = {{c.y, c.y + 1}};
     const Outcome out = CheckedRun(k);
     EXPECT_EQ(k.Result(out, c.x, c.y, 0), 256 * (std::isnan(c.sx) ? c.width : c.sx));

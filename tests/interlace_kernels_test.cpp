@@ -29,11 +29,11 @@ const PartFunction kParts[2][2][2] = {
 // Source samples lie below 100, colours above 200 (40000 at 16 bits) and the
 // untouched destination holds 0xA5 bytes, so every pixel can be told apart;
 // source rows are padded. The mask is 0 in its low bits: the plain fill.
+uint32_t SourceAt(int32_t x, int32_t y, int ch) { return static_cast<uint32_t>(1 + (x * 7 + y * 13 + ch * 3) % 97); }
+
 InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3) {
   InterlaceCase c;
-  c.Block(width, height, sb, channels, 2);
-  for (size_t i = 0; i < c.source.size(); ++i)
-    c.source[i] = static_cast<uint8_t>(1 + (i * 7 + i / static_cast<size_t>(c.l.srcRowBytes) * 13) % 97);
+  c.Block(width, height, sb, channels, 2, SourceAt);
   for (int ch = 0; ch < kMaxChannels; ++ch) c.params.channelValues[ch] = sb == 1 ? 201 + ch : 40001 + 1000 * ch;
   c.params.interlaceAlpha = 1;
   c.masked = masked;
@@ -84,7 +84,7 @@ TEST(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
             for (int ch = 0; ch < 3; ++ch) {
               const uint32_t v = k.Result(out, x, y, ch);
               filled = filled && v == static_cast<uint32_t>(k.params.channelValues[ch]);
-              copied = copied && v == k.Source(x, y, ch);
+              copied = copied && v == SourceAt(x, y, ch);
               untouched = untouched && v == (sb == 1 ? 0xA5u : 0xA5A5u);
             }
             map[y] += filled ? 'F' : copied ? '.' : untouched ? 'u' : '?';
@@ -186,8 +186,6 @@ InterlaceCase RandomCase(Rng& rng, int index) {
   return c;
 }
 
-TEST(InterlaceDifferential, RandomCasesOfEveryLayoutAndPackedRows) {
-  CheckRandomCases(0x1A7E4C0DEull, 12000, RandomCase);
-}
+TEST(InterlaceDifferential, RandomCasesMatchTheReference) { CheckRandomCases(0x1A7E4C0DEull, 12000, RandomCase); }
 
 }  // namespace

@@ -76,11 +76,11 @@ TEST(PolarKernels, MappingGivesTheDocumentedPositions) {
       }
 }
 
-// A source with two guard rows below it and padding, both holding 0, that
-// the part must never read.
-PolarCase Block(const PolarizeSettings& s, int channels, int sb, int background) {
+// A source of samples `fill` with two guard rows below it and padding, both
+// holding 0, that the part must never read.
+PolarCase Block(const PolarizeSettings& s, int channels, int sb, int background, uint32_t fill = 0) {
   PolarCase c;
-  c.Block(s.width, s.height, sb, channels, 3);
+  c.Block(s.width, s.height, sb, channels, 3, [fill](int32_t, int32_t, int) { return fill; });
   c.source.resize(c.source.size() + 2 * c.l.srcRowBytes, 0);
   c.params.settings = s;
   std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
@@ -121,9 +121,8 @@ TEST(PolarKernels, BlendsTruncateMixInTheBackgroundAndReadNothingOutside) {
           SCOPED_TRACE(Describe(w, "x", h, toPolar ? " to polar " : " unrolled ", flip ? "flipped " : "", 8 * sb));
           const bool thin = w == 1 || h == 1;
           const int unit = sb == 1 ? 1 : 0x101, channels = 2 + sb;  // samples of two equal bytes
-          PolarCase c = Block(Options(w, h, toPolar, flip), channels, sb, (thin ? 0x5E : 0xC5) * unit);
-          for (int y = 0; y < h; ++y)  // every sample 0xC5 bytes, padding and guards left 0
-            std::fill_n(c.source.begin() + y * c.l.srcRowBytes, w * channels * sb, uint8_t{0xC5});
+          const PolarCase c =
+              Block(Options(w, h, toPolar, flip), channels, sb, (thin ? 0x5E : 0xC5) * unit, 0xC5 * unit);
           const Outcome out = CheckedRun(c);
           const auto end = out.memory.begin() + static_cast<std::ptrdiff_t>(c.destination.size());
           EXPECT_EQ(std::count(out.memory.begin(), end, thin ? 0x5E : 0xC5), end - out.memory.begin());

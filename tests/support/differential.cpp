@@ -16,12 +16,6 @@
 
 namespace rawfx::test {
 
-int RandomCases(int usual) {
-  const char* setting = std::getenv("RAWFX_DIFF_CASES");
-  const int count = setting ? std::atoi(setting) : 0;
-  return count > 0 ? count : usual;
-}
-
 int64_t Uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
 double UniformReal(Rng& rng, double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); }
 bool Chance(Rng& rng, double p) { return std::bernoulli_distribution(p)(rng); }
@@ -200,19 +194,19 @@ std::string KernelCaseBase::Describe() const {
   return text + ", cancel before part " + std::to_string(parts.cancelBefore);
 }
 
-void KernelCaseBase::Block(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels, int32_t padSamples) {
+void KernelCaseBase::Block(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels, int32_t padSamples,
+                           const std::function<uint32_t(int32_t, int32_t, int)>& sample) {
   l = PackedLayout(width, height, sampleBytes, channels);
   l.srcRowBytes += padSamples * sampleBytes;
   source.assign(static_cast<size_t>(l.srcRowBytes) * height, 0);
+  for (int32_t y = 0; y < height && sample; ++y)
+    for (int32_t x = 0; x < width; ++x)
+      for (int channel = 0; channel < channels; ++channel) SetSource(x, y, channel, sample(x, y, channel));
   destination.assign(static_cast<size_t>(l.dstRowBytes) * height, 0xA5);
   srcRecord = RecordOf(l, l.srcPixelBytes, 0xFE);  // no alpha channel unless a test sets one
   dstRecord = RecordOf(l, l.dstPixelBytes, 0xFE);
   parts.ranges = {{0, height}};
   mask.values = MaskValues::Zero;
-}
-
-uint32_t KernelCaseBase::Source(int32_t x, int32_t y, int channel) const {
-  return Read(&source[srcAt + OffsetOf(l, true, x, y, channel)], l.sampleBytes);
 }
 
 void KernelCaseBase::SetSource(int32_t x, int32_t y, int channel, uint32_t value) {
