@@ -22,8 +22,6 @@ using namespace BarrelKeystone;
 using namespace rawfx::test;
 using BarrelCase = KernelCase<BarrelDistortionParams>;
 
-constexpr double kOutside = kNaN;  // an expected position that takes the background
-
 // Part functions by kernels (reference, fast), depth (8, 16 bits) and sampling (nearest, bilinear).
 const PartFunction kParts[2][2][2] = {
     {{rawfx::reference::BarrelDistort8BitPart, rawfx::reference::BarrelDistortInterpolate8BitPart},
@@ -55,7 +53,6 @@ TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
   } cases[] = {
       {200, 100, 1, 0, 0, 0, true, 150, 75, 137.5, 68.75},
       {200, 100, 1, 0, 0, 0, true, 0, 0, kOutside, kOutside},  // (-50, -25)
-      {200, 100, 0, 0.5, 0, 0, true, 100, 50, 150, 50},
       {200, 100, 0, 0.5, 0, 0, false, 0, 25, 0, 0},
       {200, 100, 0, 0, 0.5, 0, false, 100, 0, 100, 0},
       // Column 1 of 10 maps to 0.9999999999999998: truncated, never rounded,
@@ -135,7 +132,6 @@ BarrelCase NewCase(Rng& rng, const Layout& l, bool bilinear) {
   c.destination = RandomBytes(rng, static_cast<size_t>(l.dstRowBytes) * std::max(l.height, 0) + 16);
   Scramble(rng, c.params);
   c.Use(kParts, bilinear);
-  c.parts = RandomParts(rng, l.height);
   return c;
 }
 

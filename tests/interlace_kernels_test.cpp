@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,10 @@ const PartFunction kParts[2][2][2] = {
 // source rows are padded. The mask is 0 in its low bits: the plain fill.
 uint32_t SourceAt(int32_t x, int32_t y, int ch) { return static_cast<uint32_t>(1 + (x * 7 + y * 13 + ch * 3) % 97); }
 
-InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3) {
+InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3,
+                    const std::function<uint32_t(int32_t, int32_t, int)>& sample = SourceAt) {
   InterlaceCase c;
-  c.Block(width, height, sb, channels, 2, SourceAt);
+  c.Block(width, height, sb, channels, 2, sample);
   for (int ch = 0; ch < kMaxChannels; ++ch) c.params.channelValues[ch] = sb == 1 ? 201 + ch : 40001 + 1000 * ch;
   c.params.interlaceAlpha = 1;
   c.masked = masked;
@@ -99,13 +101,9 @@ TEST(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
     // any mask strictly between 0 and full brings one lower. Mask values by
     // column: 0, full, half, and half with high bits that must not count.
     SCOPED_TRACE(Describe("mask mix, ", 8 * sb, "-bit"));
-    InterlaceCase c = Block(sb, true, 4, 1, 2);
     const uint32_t full = sb == 1 ? 255 : 65535, half = full / 2 + 1;
+    InterlaceCase c = Block(sb, true, 4, 1, 2, [full](int32_t, int32_t, int ch) { return ch == 0 ? 200 : full; });
     c.mask.columns = {0, full, half, (full + 1) * 3 + half};
-    for (int x = 0; x < 4; ++x) {
-      c.SetSource(x, 0, 0, 200);
-      c.SetSource(x, 0, 1, full);
-    }
     c.srcRecord.alphaOffset = static_cast<uint8_t>(sb);
     c.params.interlaceAlpha = 0;
     c.params.channelValues[0] = 0;
@@ -179,8 +177,6 @@ InterlaceCase RandomCase(Rng& rng, int index) {
   for (int32_t& v : p.channelValues)
     v = Chance(rng, 0.3) ? PickFrom(rng, values) : static_cast<int32_t>(Uniform(rng, INT32_MIN, INT32_MAX));
   c.Use(kParts, c.masked);
-  c.mask = RandomMask(rng, l.height);
-  c.parts = RandomParts(rng, l.height);
   c.settings = Describe(packed ? "packed, " : "", "alpha ", int{alpha}, ", interlaceAlpha ", int{p.interlaceAlpha},
                         ", types ", p.horizontalType, "/", p.verticalType);
   return c;

@@ -63,28 +63,27 @@ Rgb Out(const OilPaintCase& c, const Outcome& out, int x, int y) {
   return rgb;
 }
 
-// A black 13 x 11 bitmap (at brush 5, wide enough for a column to leave the
-// square as another enters) but for a blue probe p at (x, y), all in bin 0 at
-// smoothness 0.04: the pixel's blue comes out as p / count. A probe of n gives
-// 1 only if count <= n, one of n - 1 gives 0 only if count >= n: together they pin it.
-TEST(OilPaintKernels, NeighbourhoodsAreClippedAtTheBorders) {
+// Which pixels a neighbourhood holds, which bin wins and what colour it gives,
+// then how the mask mixes that colour with the source.
+TEST(OilPaintKernels, PaintsTheFullestBinOfTheClippedSquareAndMixesTheMask) {
+  // A black 13 x 11 bitmap (at brush 5, wide enough for a column to leave the
+  // square as another enters) but for a blue probe p at (x, y), all in bin 0 at
+  // smoothness 0.04: the pixel's blue comes out as p / count. A probe of n gives
+  // 1 only if count <= n, one of n - 1 gives 0 only if count >= n: together they pin it.
   const struct {
     int x, y, count;
-  } cases[] = {{0, 0, 36}, {12, 10, 36}, {0, 5, 66}, {6, 10, 66}, {6, 5, 121}};
-  for (const auto& c : cases)
+  } squares[] = {{0, 0, 36}, {12, 10, 36}, {0, 5, 66}, {6, 10, 66}, {6, 5, 121}};
+  for (const auto& c : squares)
     for (int probe : {c.count, c.count - 1}) {
       SCOPED_TRACE(Describe("(", c.x, ", ", c.y, ") probe ", probe));
       OilPaintCase b = Frame(false, 13, 11, kRGB, 0.04f, 5);
       b.SetSource(c.x, c.y, 2, static_cast<uint32_t>(probe));
       EXPECT_EQ(Out(b, CheckedRun(b), c.x, c.y)[2], probe == c.count ? 1 : 0);
     }
-}
-
-// One row that every neighbourhood holds whole, so every pixel comes out
-// alike. Three pixels, a pair and a single: if both share a bin, all three are
-// averaged; otherwise the pair's bin wins with the pair's colour. Two pixels,
-// one black and one white: equal counts, and the lower bin wins.
-TEST(OilPaintKernels, TheFullestBinGivesItsMeanColourAndTheMaskMixesIt) {
+  // One row that every neighbourhood holds whole, so every pixel comes out
+  // alike. Three pixels, a pair and a single: if both share a bin, all three
+  // are averaged; otherwise the pair's bin wins with the pair's colour. Two
+  // pixels, one black and one white: equal counts, and the lower bin wins.
   const struct {
     const char* what;
     Offsets rgb;
@@ -242,8 +241,6 @@ OilPaintCase RandomCase(Rng& rng, int index) {
   c.source = Source(rng, c, picture);
   c.dstAt = Uniform(rng, 0, 8);
   c.destination = RandomBytes(rng, static_cast<size_t>(c.dstAt + l.dstRowBytes * std::max<int64_t>(l.height, 0) + 16));
-  c.mask = RandomMask(rng, l.height);
-  c.parts = RandomParts(rng, l.height);
   c.settings = Describe("brush ", int{p.brushSize}, ", smoothness ", p.smoothness, " (maxLevel ", p.maxLevel, "), rgb ",
                         p.redOffset, ",", p.greenOffset, ",", p.blueOffset, ", alpha ", int{c.srcRecord.hasAlpha}, ":",
                         int{c.srcRecord.alphaOffset}, "/", int{c.dstRecord.alphaOffset}, ", picture ",

@@ -30,6 +30,7 @@ using Rng = std::mt19937_64;
 inline constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 inline constexpr double kInf = std::numeric_limits<double>::infinity();
 inline constexpr double kTiny = std::numeric_limits<double>::denorm_min();
+inline constexpr double kOutside = kNaN;  // an expected source position off the bitmap: the background
 
 int64_t Uniform(Rng& rng, int64_t lo, int64_t hi);
 double UniformReal(Rng& rng, double lo, double hi);
@@ -183,7 +184,8 @@ std::string Describe(const Pieces&... pieces) {
 // (as MatchesReference) that the fast ones leave the same on both paths.
 Outcome CheckedRun(const KernelCaseBase& c);
 
-// Cases made by draw(rng, index), stopping after 5 failures: as many as
+// Cases made by draw(rng, index), each then given a random mask (asked when
+// the case is masked) and random parts, stopping after 5 failures: as many as
 // RAWFX_DIFF_CASES says when that is a positive integer (the sanitizer builds
 // run fewer), otherwise usual.
 template <class Draw>
@@ -191,8 +193,12 @@ void CheckRandomCases(uint64_t seed, int usual, Draw draw) {
   const char* setting = std::getenv("RAWFX_DIFF_CASES");
   const int count = setting && std::atoi(setting) > 0 ? std::atoi(setting) : usual;
   Rng rng(seed);
-  for (int i = 0, failures = 0; i < count && failures < 5; ++i)
-    failures += !MatchesReference(draw(rng, i), "case " + std::to_string(i) + ": ");
+  for (int i = 0, failures = 0; i < count && failures < 5; ++i) {
+    auto c = draw(rng, i);
+    c.mask = RandomMask(rng, c.l.height);
+    c.parts = RandomParts(rng, c.l.height);
+    failures += !MatchesReference(c, "case " + std::to_string(i) + ": ");
+  }
 }
 
 }  // namespace rawfx::test
