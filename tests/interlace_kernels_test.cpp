@@ -37,7 +37,6 @@ InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3
   InterlaceCase c;
   c.Block(width, height, sb, channels, 2, sample);
   for (int ch = 0; ch < kMaxChannels; ++ch) c.params.channelValues[ch] = sb == 1 ? 201 + ch : 40001 + 1000 * ch;
-  c.params.interlaceAlpha = 1;
   c.masked = masked;
   c.Use(kParts, masked);
   return c;

@@ -120,9 +120,9 @@ TEST(OilPaintKernels, PaintsTheFullestBinOfTheClippedSquareAndMixesTheMask) {
   OilPaintCase b = Frame(true, 3, 1, kRGB, 0.4f, 2, {kWhite, kBlack, kWhite});
   b.mask.columns = {0x7FF, 128, 0x100};
   const Outcome out = CheckedRun(b);
-  EXPECT_EQ(Out(b, out, 0, 0), Grey(254));  // 255 x 255 >> 8: nearly the source
-  EXPECT_EQ(Out(b, out, 1, 0), Grey(126));  // (0 x 128 + 255 x 127) >> 8
-  EXPECT_EQ(Out(b, out, 2, 0), Grey(254));  // 255 x 255 >> 8: nearly the oil colour
+  // 255 x 255 >> 8: nearly the source; (0 x 128 + 255 x 127) >> 8; 255 x 255 >> 8: nearly the oil colour.
+  const int mixed[] = {254, 126, 254};
+  for (int x = 0; x < 3; ++x) EXPECT_EQ(Out(b, out, x, 0), Grey(mixed[x])) << x;
 }
 
 // ---- the fast kernels against the reference ----------------------------------------

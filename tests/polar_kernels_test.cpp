@@ -36,11 +36,26 @@ PolarizeSettings Options(int width, int height, bool toPolar, bool flip, double 
   return {roundness, flip, centerAtTop, toPolar, angleOffset, width, height, (width - 1) * 0.5, (height - 1) * 0.5};
 }
 
-TEST(PolarKernels, MappingGivesTheDocumentedPositions) {
+// A source of samples `fill` with two guard rows below it and padding, both
+// holding 0, that the part must never read.
+PolarCase Block(const PolarizeSettings& s, int channels, int sb, int background, uint32_t fill = 0) {
+  PolarCase c;
+  c.Block(s.width, s.height, sb, channels, 3, [fill](int32_t, int32_t, int) { return fill; });
+  c.source.resize(c.source.size() + 2 * c.l.srcRowBytes, 0);
+  c.params.settings = s;
+  std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
+  std::fill_n(c.params.backColor16, std::size(c.params.backColor16), static_cast<uint16_t>(background));
+  c.Use(kParts);
+  return c;
+}
+
+// Where the mapping (the shipped one and the reference) sends documented
+// positions, then what the parts make of the source there.
+TEST(PolarKernels, DocumentedPositionsMapAndBlendAndNothingOutsideIsRead) {
   const struct {
     PolarizeSettings s;
     std::vector<std::array<double, 4>> points;  // x, y and the source position, kOutside off the source
-  } cases[] = {
+  } mappings[] = {
       {Options(5, 5, true, true),
        {{2, 2, 1, 0}, {2, 1, 0, 2.5}, {1, 2, 3, 2.5}, {3, 2, 1, 2.5}, {1, 1, 3.5, 2.5 * std::sqrt(2.0)}}},
       {Options(5, 5, true, false), {{2, 2, 3, 0}, {2, 1, 4, 2.5}, {1, 2, 1, 2.5}}},
@@ -60,7 +75,7 @@ TEST(PolarKernels, MappingGivesTheDocumentedPositions) {
       {Options(5, 5, true, true), {{0, 0, kOutside, kOutside}, {4, 2, kOutside, kOutside}, {2, 4, kOutside, kOutside}}},
   };
   for (const auto map : {CalculateUndistortedCoordinates, rawfx::reference::CalculateUndistortedCoordinates})
-    for (const auto& c : cases)
+    for (const auto& c : mappings)
       for (const auto& [x, y, sx, sy] : c.points) {
         SCOPED_TRACE(Describe(map == CalculateUndistortedCoordinates ? "shipped, " : "reference, ", c.s.width, "x",
                               c.s.height, c.s.rectangularToPolar ? " to polar" : " unrolled",
@@ -72,32 +87,16 @@ TEST(PolarKernels, MappingGivesTheDocumentedPositions) {
         EXPECT_DOUBLE_EQ(mappedX, inside ? sx : -7.0);
         EXPECT_DOUBLE_EQ(mappedY, inside ? sy : -7.0);
       }
-}
-
-// A source of samples `fill` with two guard rows below it and padding, both
-// holding 0, that the part must never read.
-PolarCase Block(const PolarizeSettings& s, int channels, int sb, int background, uint32_t fill = 0) {
-  PolarCase c;
-  c.Block(s.width, s.height, sb, channels, 3, [fill](int32_t, int32_t, int) { return fill; });
-  c.source.resize(c.source.size() + 2 * c.l.srcRowBytes, 0);
-  c.params.settings = s;
-  std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
-  std::fill_n(c.params.backColor16, std::size(c.params.backColor16), static_cast<uint16_t>(background));
-  c.Use(kParts);
-  return c;
-}
-
-// Truncation and the background at the borders at documented positions. Then
-// a constant source under a background of the same value stays that value
-// everywhere, unless a neighbour is read from the guards or the padding, and
-// bitmaps one pixel wide or high are the background throughout.
-TEST(PolarKernels, BlendsTruncateMixInTheBackgroundAndReadNothingOutside) {
+  // Truncation and the background at the borders at documented positions.
+  // Then a constant source under a background of the same value stays that
+  // value everywhere, unless a neighbour is read from the guards or the
+  // padding, and bitmaps one pixel wide or high are the background throughout.
   const struct {
     const char* what;
     PolarizeSettings s;
     std::vector<std::array<int, 3>> samples;  // x, y, value
     int background, x, y, expected;
-  } cases[] = {
+  } blends[] = {
       // (2, 1) samples (0.0, 2.5): 15.5 truncated; column 1 has weight 0.
       {"truncation", Options(5, 5, true, true), {{0, 2, 10}, {0, 3, 21}, {1, 2, 200}}, 0, 2, 1, 15},
       // (5, 6) samples (7.5, 3.5 + 1.5 sqrt 3): the lower row is outside, so
@@ -106,7 +105,7 @@ TEST(PolarKernels, BlendsTruncateMixInTheBackgroundAndReadNothingOutside) {
       // (3, 1) samples (6.0, 2.5): the right column is the background at weight 0.
       {"last column", Options(7, 5, true, false), {{6, 2, 40}, {6, 3, 81}}, 255, 3, 1, 60},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : blends) {
     SCOPED_TRACE(c.what);
     PolarCase k = Block(c.s, 1, 1, c.background);
     for (const auto& [x, y, v] : c.samples) k.SetSource(x, y, 0, static_cast<uint32_t>(v));
@@ -137,9 +136,8 @@ PolarizeSettings RandomSettings(Rng& rng) {
   const bool effectDefaults = Chance(rng, 0.4);
   PolarizeSettings s;
   Scramble(rng, s);  // the geometry: garbage
-  s.roundness = effectDefaults || Chance(rng, 0.6)
-                    ? 100.0
-                    : RandomDouble(rng, 0.5, -100.0, 300.0, {50.0, 99.5, 100.5, -50.0, 250.0});
+  const std::initializer_list<double> roundness = {50.0, 99.5, 100.5, -50.0, 250.0};
+  s.roundness = effectDefaults || Chance(rng, 0.6) ? 100.0 : RandomDouble(rng, 0.5, -100.0, 300.0, roundness);
   s.flipMapping = PickFrom(rng, flags);
   s.centerAtTop = effectDefaults || Chance(rng, 0.6) ? 1 : PickFrom(rng, flags);
   s.rectangularToPolar = PickFrom(rng, flags);
