@@ -73,8 +73,7 @@ TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
     SetBlock(k.params, {1.0, 0.0, c.horizontal, 0.0, 1.0, c.vertical, c.horizontal, c.vertical, 1.0}, c.distortion,
              c.width * 0.5, c.height * 0.5);
     k.params.keystone[k20] += c.shift / k.params.centerX;
-    k.params.backColor16[0] = static_cast<uint16_t>(256 * c.width);
-    k.params.backColor16[1] = static_cast<uint16_t>(256 * c.height);
+    for (int ch : {0, 1}) k.params.backColor16[ch] = static_cast<uint16_t>(256 * (ch ? c.height : c.width));
     k.Use(kParts, c.bilinear);
     k.parts.ranges = {{c.y, c.y + 1}};
     const Outcome out = CheckedRun(k);

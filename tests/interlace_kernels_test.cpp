@@ -18,7 +18,6 @@
 namespace {
 
 using namespace rawfx::test;
-using Rows = std::vector<std::string>;
 using InterlaceCase = KernelCase<InterlaceParams>;
 
 // Part functions by kernels (reference, fast), depth (8, 16 bits) and mask (without, with).
@@ -52,7 +51,7 @@ TEST(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
     const char* what;
     int firstRow;
     int64_t horizontal, vertical;
-    Rows map;
+    std::vector<std::string> map;
   } cases[] = {
       {"odd rows", 0, 1, 0, {"FFFF", "....", "FFFF", "....", "FFFF", "...."}},
       {"even rows", 0, 2, 0, {"....", "FFFF", "....", "FFFF", "....", "FFFF"}},
@@ -76,7 +75,7 @@ TEST(InterlaceKernels, PhasesPickTheFilledPixelsAndTheMaskMixesThem) {
         k.params.verticalType = c.vertical;
         k.parts.ranges = {{c.firstRow, height}};
         const Outcome out = CheckedRun(k);
-        Rows map(static_cast<size_t>(height));
+        std::vector<std::string> map(static_cast<size_t>(height));
         std::vector<MaskQuery> queries;  // every row's handle, of the part's own depth; a value only where filled
         for (int y = 0; y < height; ++y) {
           if (y >= c.firstRow) queries.push_back({y, MaskHandle(y), -1, 8 * sb});
