@@ -22,19 +22,12 @@ using namespace BarrelKeystone;
 using namespace rawfx::test;
 using BarrelCase = KernelCase<BarrelDistortionParams>;
 
-constexpr double kOutside = kNaN;  // an expected position that takes the background
-
 // Part functions by kernels (reference, fast), depth (8, 16 bits) and sampling (nearest, bilinear).
 const PartFunction kParts[2][2][2] = {
     {{rawfx::reference::BarrelDistort8BitPart, rawfx::reference::BarrelDistortInterpolate8BitPart},
      {rawfx::reference::BarrelDistort16BitPart, rawfx::reference::BarrelDistortInterpolate16BitPart}},
     {{BarrelDistort8BitPart, BarrelDistortInterpolate8BitPart},
      {BarrelDistort16BitPart, BarrelDistortInterpolate16BitPart}}};
-
-void SetParts(BarrelCase& c, bool bilinear) {
-  c.reference = kParts[0][c.l.sampleBytes - 1][bilinear];
-  c.fast = kParts[1][c.l.sampleBytes - 1][bilinear];
-}
 
 // The block's matrix (row by row), distortion, distortion + 1 and centre.
 void SetBlock(BarrelDistortionParams& p, const std::array<double, 9>& matrix, double distortion, double cx, double cy) {
@@ -45,14 +38,12 @@ void SetBlock(BarrelDistortionParams& p, const std::array<double, 9>& matrix, do
   p.centerY = cy;
 }
 
-class BarrelKernels : public ::testing::TestWithParam<bool> {};
-
 // The block as the effect fills it (the keystone matrix form, centre at half
 // the size), k20 moved by `shift` pixels (exactly, for these sizes), on a
 // 16-bit source whose pixel (x, y) holds 256x and 256y. The background holds
 // 256 width and 256 height: it reads as the column and row just past the
 // bitmap. A result reads back as 256 times the position sampled.
-TEST_P(BarrelKernels, PixelsSampleTheDocumentedPositions) {
+TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
   const struct {
     int width, height;
     double distortion, horizontal, vertical, shift;
@@ -60,19 +51,14 @@ TEST_P(BarrelKernels, PixelsSampleTheDocumentedPositions) {
     int x, y;
     double sx, sy;  // kOutside: the background
   } cases[] = {
-      {200, 100, 1, 0, 0, 0, false, 150, 50, 131, 50},
       {200, 100, 1, 0, 0, 0, true, 150, 75, 137.5, 68.75},
       {200, 100, 1, 0, 0, 0, true, 0, 0, kOutside, kOutside},  // (-50, -25)
-      {200, 100, -0.5, 0, 0, 0, true, 150, 75, 175, 87.5},
-      {200, 100, 0, 0.5, 0, 0, true, 100, 50, 150, 50},
       {200, 100, 0, 0.5, 0, 0, false, 0, 25, 0, 0},
-      {200, 100, 0, 0.5, 0, 0, false, 199, 50, kOutside, kOutside},  // (199.66555183946485, 50)
       {200, 100, 0, 0, 0.5, 0, false, 100, 0, 100, 0},
       // Column 1 of 10 maps to 0.9999999999999998: truncated, never rounded,
       // and blended with that weight.
       {10, 4, 0, 0, 0, 0, false, 1, 0, 0, 0},
       {10, 4, 0, 0, 0, 0, true, 1, 0, 255 / 256.0, 0},
-      {16, 8, 0, 0, 0, 0, true, 5, 3, 5, 3},                  // no distortion on a power of two: the pixel itself
       {8, 4, 0, 0, 0, 0, false, 7, 2, 7, 2},                  // the last column exactly is inside
       {8, 4, 0, 0, 0, 0.5, false, 7, 2, kOutside, kOutside},  // 7.5 lies past width - 1
       {8, 4, 0, 0, 0, 0.5, true, 7, 2, 7.5, 3},               // half (7, 2), half the background (8, 4)
@@ -83,26 +69,18 @@ TEST_P(BarrelKernels, PixelsSampleTheDocumentedPositions) {
     SCOPED_TRACE(Describe(c.width, "x", c.height, ", ", c.distortion, "/", c.horizontal, "/", c.vertical, " shift ",
                           c.shift, c.bilinear ? " bilinear " : " nearest ", c.x, ",", c.y));
     BarrelCase k;
-    k.Block(PackedLayout(c.width, c.height, 2, 2), 0, 0xA5);
+    k.Block(c.width, c.height, 2, 2, 0, [](int32_t x, int32_t y, int channel) { return 256u * (channel ? y : x); });
     SetBlock(k.params, {1.0, 0.0, c.horizontal, 0.0, 1.0, c.vertical, c.horizontal, c.vertical, 1.0}, c.distortion,
              c.width * 0.5, c.height * 0.5);
     k.params.keystone[k20] += c.shift / k.params.centerX;
-    k.params.backColor16[0] = static_cast<uint16_t>(256 * c.width);
-    k.params.backColor16[1] = static_cast<uint16_t>(256 * c.height);
-    SetParts(k, c.bilinear);
-    for (int y = 0; y < c.height; ++y)
-      for (int x = 0; x < c.width; ++x) {
-        k.SetSource(x, y, 0, static_cast<uint32_t>(x * 256));
-        k.SetSource(x, y, 1, static_cast<uint32_t>(y * 256));
-      }
+    for (int ch : {0, 1}) k.params.backColor16[ch] = static_cast<uint16_t>(256 * (ch ? c.height : c.width));
+    k.Use(kParts, c.bilinear);
     k.parts.ranges = {{c.y, c.y + 1}};
-    const Outcome out = k.Run(GetParam());
+    const Outcome out = CheckedRun(k);
     EXPECT_EQ(k.Result(out, c.x, c.y, 0), 256 * (std::isnan(c.sx) ? c.width : c.sx));
     EXPECT_EQ(k.Result(out, c.x, c.y, 1), 256 * (std::isnan(c.sy) ? c.height : c.sy));
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Kernels, BarrelKernels, ::testing::Bool(), KernelsName);
 
 // ---- the fast kernels against the reference ----------------------------------------
 
@@ -152,8 +130,7 @@ BarrelCase NewCase(Rng& rng, const Layout& l, bool bilinear) {
   c.source = RandomSamples(rng, static_cast<size_t>(l.srcRowBytes) * std::max(l.height, 0));
   c.destination = RandomBytes(rng, static_cast<size_t>(l.dstRowBytes) * std::max(l.height, 0) + 16);
   Scramble(rng, c.params);
-  SetParts(c, bilinear);
-  c.parts = RandomParts(rng, l.height);
+  c.Use(kParts, bilinear);
   return c;
 }
 
@@ -207,11 +184,10 @@ BarrelCase RandomCase(Rng& rng, int index) {
   else if (kind < 10)
     ArbitrarySettings(rng, c.params);
   const BarrelDistortionParams& p = c.params;
-  const double* k = p.keystone;
   c.settings = Describe(c.fast == BarrelDistort8BitPart || c.fast == BarrelDistort16BitPart ? "nearest" : "bilinear",
                         ", distortion ", p.distortion, " (+1: ", p.distortionPlusOne, "), centre ", p.centerX, " ",
-                        p.centerY, ", matrix ", k[0], " ", k[1], " ", k[2], " / ", k[3], " ", k[4], " ", k[5], " / ",
-                        k[6], " ", k[7], " ", k[8]);
+                        p.centerY, ", matrix by rows");
+  for (double cell : p.keystone) c.settings += Describe(" ", cell);
   return c;
 }
 

@@ -16,12 +16,6 @@
 
 namespace rawfx::test {
 
-int RandomCases(int usual) {
-  const char* setting = std::getenv("RAWFX_DIFF_CASES");
-  const int count = setting ? std::atoi(setting) : 0;
-  return count > 0 ? count : usual;
-}
-
 int64_t Uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
 double UniformReal(Rng& rng, double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); }
 bool Chance(Rng& rng, double p) { return std::bernoulli_distribution(p)(rng); }
@@ -48,14 +42,10 @@ std::vector<uint8_t> RandomSamples(Rng& rng, size_t count) {
   return bytes;
 }
 
-int32_t RandomSide(Rng& rng, int32_t largest) {
-  const int32_t small[] = {0, 1, 1, 2, 3, 4, 5};
-  return Chance(rng, 0.25) ? PickFrom(rng, small) : static_cast<int32_t>(Uniform(rng, 0, largest));
-}
-
 void RandomSize(Rng& rng, Layout& l, int32_t longRows) {
-  l.width = RandomSide(rng, 64);
-  l.height = RandomSide(rng, 64);
+  const int32_t small[] = {0, 1, 1, 2, 3, 4, 5};
+  for (int32_t* side : {&l.width, &l.height})
+    *side = Chance(rng, 0.25) ? PickFrom(rng, small) : static_cast<int32_t>(Uniform(rng, 0, 64));
   if (Chance(rng, 0.08)) {
     l.width = static_cast<int32_t>(Uniform(rng, 65, longRows));
     l.height = static_cast<int32_t>(Uniform(rng, 1, 6));
@@ -204,17 +194,19 @@ std::string KernelCaseBase::Describe() const {
   return text + ", cancel before part " + std::to_string(parts.cancelBefore);
 }
 
-void KernelCaseBase::Block(const Layout& layout, uint8_t srcFill, uint8_t dstFill) {
-  l = layout;
-  source.assign(static_cast<size_t>(l.srcRowBytes) * l.height, srcFill);
-  destination.assign(static_cast<size_t>(l.dstRowBytes) * l.height, dstFill);
+void KernelCaseBase::Block(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels, int32_t padSamples,
+                           const std::function<uint32_t(int32_t, int32_t, int)>& sample) {
+  l = PackedLayout(width, height, sampleBytes, channels);
+  l.srcRowBytes += padSamples * sampleBytes;
+  source.assign(static_cast<size_t>(l.srcRowBytes) * height, 0);
+  for (int32_t y = 0; y < height && sample; ++y)
+    for (int32_t x = 0; x < width; ++x)
+      for (int channel = 0; channel < channels; ++channel) SetSource(x, y, channel, sample(x, y, channel));
+  destination.assign(static_cast<size_t>(l.dstRowBytes) * height, 0xA5);
   srcRecord = RecordOf(l, l.srcPixelBytes, 0xFE);  // no alpha channel unless a test sets one
   dstRecord = RecordOf(l, l.dstPixelBytes, 0xFE);
-  parts.ranges = {{0, l.height}};
-}
-
-uint32_t KernelCaseBase::Source(int32_t x, int32_t y, int channel) const {
-  return Read(&source[srcAt + OffsetOf(l, true, x, y, channel)], l.sampleBytes);
+  parts.ranges = {{0, height}};
+  mask.values = MaskValues::Zero;
 }
 
 void KernelCaseBase::SetSource(int32_t x, int32_t y, int channel, uint32_t value) {
@@ -291,6 +283,11 @@ bool MatchesReference(const KernelCaseBase& c, const std::string& label) {
   }
   cpu::ForceScalar(false);
   return same;
+}
+
+Outcome CheckedRun(const KernelCaseBase& c) {
+  MatchesReference(c);
+  return c.Run(false);
 }
 
 }  // namespace rawfx::test

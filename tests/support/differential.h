@@ -11,6 +11,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <random>
@@ -28,10 +30,7 @@ using Rng = std::mt19937_64;
 inline constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 inline constexpr double kInf = std::numeric_limits<double>::infinity();
 inline constexpr double kTiny = std::numeric_limits<double>::denorm_min();
-
-// The number of cases a random loop runs: RAWFX_DIFF_CASES when that is set to
-// a positive integer (the sanitizer builds run fewer), otherwise usual.
-int RandomCases(int usual);
+inline constexpr double kOutside = kNaN;  // an expected source position off the bitmap: the background
 
 int64_t Uniform(Rng& rng, int64_t lo, int64_t hi);
 double UniformReal(Rng& rng, double lo, double hi);
@@ -58,10 +57,8 @@ struct Layout {
   int32_t srcPixelBytes, dstPixelBytes, srcRowBytes, dstRowBytes;
 };
 
-// A side of a random bitmap: often 0 .. 5, otherwise up to largest.
-int32_t RandomSide(Rng& rng, int32_t largest);
-// Sides up to 64, now and then a negative width, one row, one column, or
-// rows of up to longRows pixels.
+// Sides up to 64 (often 0 .. 5), now and then a negative width, one row, one
+// column, or rows of up to longRows pixels.
 void RandomSize(Rng& rng, Layout& l, int32_t longRows);
 // A random size, 8- or 16-bit, 1 .. 8 channels, padded pixels and rows. With
 // oddSteps a 16-bit step may be an odd number of bytes; otherwise every step
@@ -136,11 +133,13 @@ struct KernelCaseBase {
   std::vector<double> storage;  // double-aligned memory the block may point into
 
   std::string Describe() const;
-  // A hand-built case: source and destination of l filled with srcFill and
-  // dstFill, records of l, one part for all rows.
-  void Block(const Layout& layout, uint8_t srcFill, uint8_t dstFill);
-  // A sample of the source as built, set before a run, and of the destination after one.
-  uint32_t Source(int32_t x, int32_t y, int channel) const;
+  // A hand-built case: width x height packed pixels, source rows padded by
+  // padSamples; source samples sample(x, y, channel) (padding and none given:
+  // 0), a destination of 0xA5 bytes, records without alpha, one part for all
+  // rows, a mask whose values are all 0.
+  void Block(int32_t width, int32_t height, int32_t sampleBytes, int32_t channels, int32_t padSamples = 0,
+             const std::function<uint32_t(int32_t x, int32_t y, int channel)>& sample = {});
+  // A sample of the source, set before a run, and of the destination after one.
   void SetSource(int32_t x, int32_t y, int channel, uint32_t value);
   uint32_t Result(const Outcome& out, int32_t x, int32_t y, int channel) const;
   // Fills the head of params, runs the parts over copies of the memory and
@@ -153,6 +152,14 @@ template <class Params>
 struct KernelCase : KernelCaseBase {
   Params params{};
   PartFunction reference = nullptr, fast = nullptr;
+  // The part functions of table by kernels (reference, fast), depth (8, 16
+  // bits; a table of one depth serves all) and variant.
+  template <size_t Depths, size_t Variants>
+  void Use(const PartFunction (&table)[2][Depths][Variants], size_t variant = 0) {
+    const size_t depth = Depths == 1 ? 0 : static_cast<size_t>(this->l.sampleBytes - 1);
+    reference = table[0][depth][variant];
+    fast = table[1][depth][variant];
+  }
   Outcome Run(bool fastKernels) const override {
     Params block = params;
     return RunWith(&block, sizeof block, fastKernels ? fast : reference);
@@ -173,18 +180,24 @@ std::string Describe(const Pieces&... pieces) {
   return s.str();
 }
 
-// Names the cases of a hand-built test run with the fast kernels (Shipped) and the reference ones.
-inline std::string KernelsName(const ::testing::TestParamInfo<bool>& info) {
-  return info.param ? "Shipped" : "Reference";
-}
+// What a hand-built case leaves with the reference kernels, after demanding
+// (as MatchesReference) that the fast ones leave the same on both paths.
+Outcome CheckedRun(const KernelCaseBase& c);
 
-// RandomCases(usual) cases made by draw(rng, index); stops after 5 failures.
+// Cases made by draw(rng, index), each then given a random mask (asked when
+// the case is masked) and random parts, stopping after 5 failures: as many as
+// RAWFX_DIFF_CASES says when that is a positive integer (the sanitizer builds
+// run fewer), otherwise usual.
 template <class Draw>
 void CheckRandomCases(uint64_t seed, int usual, Draw draw) {
+  const char* setting = std::getenv("RAWFX_DIFF_CASES");
+  const int count = setting && std::atoi(setting) > 0 ? std::atoi(setting) : usual;
   Rng rng(seed);
-  const int count = RandomCases(usual);
   for (int i = 0, failures = 0; i < count && failures < 5; ++i) {
-    failures += !MatchesReference(draw(rng, i), "case " + std::to_string(i) + ": ");
+    auto c = draw(rng, i);
+    c.mask = RandomMask(rng, c.l.height);
+    c.parts = RandomParts(rng, c.l.height);
+    failures += !MatchesReference(c, "case " + std::to_string(i) + ": ");
   }
 }
 
