@@ -324,7 +324,8 @@ void Effects::ExpectMatchesReference(REALobject effect, REALobject source, void*
 
 // `run` must give nil, store `code` (over another code stored before), start
 // no run and no completion, and leave the source's memory as it was.
-void Effects::ExpectRefused(REALobject effect, REALobject source, int64_t code, const std::function<REALobject()>& run) {
+void Effects::ExpectRefused(REALobject effect, REALobject source, int64_t code,
+                            const std::function<REALobject()>& run) {
   const std::vector<uint8_t> before = source ? Pixels(host, source) : std::vector<uint8_t>{};
   LastErrorField(host, effect) = code == 4 ? 6 : 4;  // so that the code shows this run stored it
   const int runs = Seen().count;
