@@ -33,6 +33,9 @@ const std::map<std::string, int> kExpected = {
 const std::map<std::string, Method> kMethods = {
     {kApply, Method::Apply}, {kApplyInPlace, Method::InPlace}, {kApplyAsync, Method::Async}};
 
+// Numbers and booleans live in the instance data and need no service, so the tour leaves them as they are.
+const std::set<std::string> kPlainTypes = {"Boolean", "UInt8", "Single", "Double"};
+
 // What a tour of one host saw.
 struct TourReport {
   std::map<std::string, bool> hasColour;           // by class: the new effect's BackColor is not nil
@@ -54,15 +57,8 @@ TourReport Tour(Host& host, bool locksWork) {
     for (int64_t i = 0; i < record->propertyCount; ++i) {
       const char* property = record->properties[i].name;
       const std::string type = record->properties[i].type;
-      if (type == "Boolean") {
-        host.Set<bool>(effect, property, !host.Get<bool>(effect, property));
-      } else if (type == "UInt8") {
-        host.Set<uint8_t>(effect, property, uint8_t(host.Get<uint8_t>(effect, property) + 1));
-      } else if (type == "Single") {
-        host.Set<float>(effect, property, host.Get<float>(effect, property));
-      } else if (type == "Double") {
-        host.Set<double>(effect, property, host.Get<double>(effect, property) + 0.25);
-      } else if (type == "ZandoriaColors.GenericColor") {
+      if (kPlainTypes.count(type)) continue;
+      if (type == "ZandoriaColors.GenericColor") {
         REALobject colour = host.Get<REALobject>(effect, property);
         report.hasColour[name] = colour != nullptr;
         if (locksWork) host.Unlock(colour);
@@ -85,16 +81,13 @@ TourReport Tour(Host& host, bool locksWork) {
         const std::string declaration = record->methods[i].declaration;
         SCOPED_TRACE(declaration);
         const std::vector<uint8_t> before = source ? Pixels(host, source) : std::vector<uint8_t>{};
-        int64_t& lastError = LastErrorField(host, effect);
-        lastError = 0;  // so that this run's code shows
+        int64_t& lastError = LastErrorField(host, effect) = 0;  // cleared, so that this run's code shows
         const bool inPlace = declaration == kApplyInPlace;
-        const auto method = kMethods.find(declaration);
-        if (method == kMethods.end() && declaration != kPolarApply4) ADD_FAILURE() << "a method the tour does not know";
-        REALobject result =
-            method != kMethods.end()
-                ? RunEffect(host, effect, method->second, source, log)
-                : host.Call<REALobject>(effect, kPolarApply4, source, static_cast<signed char>(0),
-                                        static_cast<signed char>(1), keep(host.NewRGBColor(200, 100, 50)));
+        REALobject result =  // a method the tour does not know throws from the lookup
+            declaration == kPolarApply4
+                ? host.Call<REALobject>(effect, kPolarApply4, source, static_cast<signed char>(0),
+                                        static_cast<signed char>(1), keep(host.NewRGBColor(200, 100, 50)))
+                : RunEffect(host, effect, kMethods.at(declaration), source, log);
         report.codes[name].insert(lastError);
         EXPECT_TRUE(lastError == 0 || !result) << "a refused run has no result";
         if (source && (!inPlace || lastError != 0)) {
@@ -124,14 +117,10 @@ TEST_P(FaultWithout, StartUpAndEveryMethodGiveTheDocumentedValue) {
   for (int i = 0; i < rawfx::kHostStubCount; ++i) services.insert(rawfx::kHostStubs[i].hostName);
   for (const std::string& asked : services)
     EXPECT_TRUE(host.lookups(asked) == 0 || kExpected.count(asked)) << asked << " has no expected outcome";
-  if (lost & kClasses) {
-    EXPECT_EQ(std::make_tuple(host.registeredClassNames().size(), host.New(kInterlace)), std::make_tuple(0u, nullptr));
-    return;
-  }
-  EXPECT_EQ(host.registeredClassNames(),
-            std::vector<std::string>(std::begin(kEffectClasses), std::end(kEffectClasses)));
+  const std::vector<std::string> classes(std::begin(kEffectClasses), std::end(kEffectClasses));
+  EXPECT_EQ(host.registeredClassNames(), lost & kClasses ? std::vector<std::string>{} : classes);
+  if (lost & kClasses) return;
   EXPECT_EQ(host.pluginVersion(), lost & kVersionReport ? -1 : 13);
-  const bool noData = lost & kBitmapData;
   for (const char* className : {kInterlace, kBarrel, kPolar})
     EXPECT_EQ(report.hasColour.at(className), !(lost & kColours)) << className;
   if (lost == kColours) {  // with the nil default colour, polar refuses with 4; the others fill zeros
@@ -140,13 +129,12 @@ TEST_P(FaultWithout, StartUpAndEveryMethodGiveTheDocumentedValue) {
       SCOPED_TRACE(className);
       REALobject effect = NewEffect(host, className.c_str());
       if (className == kBarrel) host.Set<double>(effect, "Distortion", 3.0);  // pulls the rim from outside
-      REALobject result = host.Call<REALobject>(effect, kApply, source);
-      EXPECT_EQ(std::make_tuple(host.LastError(effect), result == nullptr),
-                std::make_tuple(className == kPolar ? 4 : 0, className == kPolar));
+      REALobject result = host.Call<REALobject>(effect, kApply, source);  // refused runs have none (the tour)
+      const std::vector<uint8_t> pixels = result ? Pixels(host, result) : std::vector<uint8_t>{};
       bool zeroBackground = false;  // some pixel was filled with the all-zero colour
-      for (const std::vector<uint8_t>& row : result ? Rows(host, result) : std::vector<std::vector<uint8_t>>{})
-        for (size_t x = 0; x < row.size(); x += 4) zeroBackground |= (row[x] | row[x + 1] | row[x + 2]) == 0;
-      EXPECT_EQ(zeroBackground, result != nullptr);
+      for (size_t x = 0; x < pixels.size(); x += 4) zeroBackground |= (pixels[x] | pixels[x + 1] | pixels[x + 2]) == 0;
+      EXPECT_EQ(std::make_tuple(host.LastError(effect), zeroBackground),
+                std::make_tuple(className == kPolar ? 4 : 0, className != kPolar));
       for (REALobject object : {result, effect}) host.Unlock(object);
     }
     host.Unlock(source);
@@ -158,10 +146,10 @@ TEST_P(FaultWithout, StartUpAndEveryMethodGiveTheDocumentedValue) {
       {"BarrelDistortEffectRaw.Apply", 2},    {"BarrelDistortEffectRaw.ApplyAsync", 2},
       {"PolarCoordinatesEffectRaw.Apply", 4}, {"PolarCoordinatesEffectRaw.ApplyAsync", 2},
       {"OilPaintEffectRaw.Apply", 1}};
-  EXPECT_EQ(report.results, (noData ? std::map<std::string, int>{} : allValidRuns));
+  EXPECT_EQ(report.results, (lost & kBitmapData ? std::map<std::string, int>{} : allValidRuns));
   for (const std::string className : kEffectClasses)  // nil sources give 4; without data every run does
     EXPECT_EQ(report.codes.at(className),
-              (noData ? std::set<int64_t>{4} : std::set<int64_t>{0, 4, className == kOilPaint ? 6 : 4}));
+              (lost & kBitmapData ? std::set<int64_t>{4} : std::set<int64_t>{0, 4, className == kOilPaint ? 6 : 4}));
   if (!(lost & kLocks)) {
     EXPECT_EQ(std::make_tuple(host.LiveObjectCount(), host.StrayLockCalls()), std::make_tuple(0u, 0));
   }
