@@ -26,6 +26,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -62,7 +63,6 @@ class Input {
 
   uint8_t Byte() { return at_ < size_ ? data_[at_++] : 0; }
   int Pick(int choices) { return Byte() % choices; }
-  bool Flag() { return (Byte() & 1) != 0; }
 
   template <class T>
   T Raw() {
@@ -170,18 +170,13 @@ REALobject MakeSource(Host& host, Input& in, Run& run) {
   const rawfx::host::FormatInfo& format = formats[in.Pick(static_cast<int>(formats.size()))];
   const int depthChoice = in.Pick(8), bits = depthChoice < 4 ? 8 : 16;
   const int64_t width = in.Pick(kMaxSide + 1), height = in.Pick(kMaxSide + 1), padding = in.Pick(9) * (bits / 8);
-  uint32_t state = in.Raw<uint32_t>() | 1;  // the pixels: xorshift from the seed
+  std::minstd_rand random(in.Raw<uint32_t>());  // the pixels, from the seed
   if (width == 0 && height == 0 && depthChoice == 0) return nullptr;
   REALobject source =
       run.Hold(host.NewBitmap(std::max<int64_t>(width, 1), std::max<int64_t>(height, 1), format.code, bits, padding));
   Check(source != nullptr, "the host refused a bitmap it should make");
   const BitmapView view = host.Bitmap(source);
-  for (int64_t i = 0; i < view.rowBytes * view.height; ++i) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    view.pixels[i] = static_cast<uint8_t>(state >> 24);
-  }
+  for (int64_t i = 0; i < view.rowBytes * view.height; ++i) view.pixels[i] = static_cast<uint8_t>(random() >> 16);
   if (width == 0) view.record->width = 0;
   if (height == 0) view.record->height = 0;
   if (depthChoice == 7) {
@@ -213,7 +208,7 @@ void SetColour(Host& host, Input& in, Run& run) {
 void SetMask(Host& host, Input& in, Run& run) {
   const int kind = in.Pick(5);
   const uint8_t channel = in.Byte();
-  const bool inverted = in.Flag();
+  const bool inverted = in.Pick(2) == 1;
   if ((run.index != kInterlace && run.index != kOilPaint) || kind == 0 || !run.source) return;
   const BitmapView view = host.Bitmap(run.source);
   const int64_t width = std::max<int64_t>(view.width, 1), height = std::max<int64_t>(view.height, 1);
@@ -235,10 +230,10 @@ void ReadSettings(Host& host, Input& in, Run& run) {
   if (run.index == kInterlace) {
     for (const char* type : {"HorizontalInterlaceType", "VerticalInterlaceType"})
       host.Set<int64_t>(run.object, type, in.Enum());
-    host.Set<bool>(run.object, "InterlaceAlphaChannel", in.Flag());
+    host.Set<bool>(run.object, "InterlaceAlphaChannel", in.Pick(2) == 1);
   }
   if (run.index == kBarrel) {
-    host.Set<bool>(run.object, "Interpolate", in.Flag());
+    host.Set<bool>(run.object, "Interpolate", in.Pick(2) == 1);
     for (const char* setting : {"Distortion", "VerticalKeystone", "HorizontalKeystone"})
       host.Set<double>(run.object, setting, in.Double());
   }

@@ -96,13 +96,10 @@ constexpr size_t kBlockSize = sizeof(PolarCoordinatesParams);
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-// How an effect must hand a run to the engine, besides the operation.
-struct ExpectedCall {
-  int32_t modeCode;
-  int32_t formatFlags;
-  REALobject mask;
-  bool onePartFunction;  // the same function passed as plain and as masked part
-};
+// How an effect must hand a run to the engine, besides the operation: mode
+// code, format flags, mask, and whether one function is passed as both the
+// plain and the masked part.
+using ExpectedCall = std::tuple<int32_t, int32_t, REALobject, bool>;
 
 // The pixel bytes of a bitmap, rows packed (padding excluded).
 std::vector<uint8_t> PixelBytes(rawfx::host::Host& host, REALobject bitmap) {
@@ -261,12 +258,12 @@ void Effects::ExpectMatchesReference(REALobject effect, REALobject source, void*
     ASSERT_NE(destination, nullptr);
     EXPECT_EQ(log.TotalCalls(), log.Calls(target)) << "completed on another target";
     // One run, one completion for ApplyAsync only, lastError kept, and the call as expected.
-    EXPECT_EQ(
-        std::tuple(count - runsBefore, log.TotalCalls() - completionsBefore, host.LastError(effect), call.operation,
-                   call.modeCode, call.formatFlags, call.resultFlag, call.mask,
-                   call.partFunction == call.maskPartFunction),
-        std::tuple(1, method == Method::Async ? 1 : 0, int64_t{4}, operation, expected.modeCode, expected.formatFlags,
-                   method == Method::InPlace ? 0 : 1, expected.mask, expected.onePartFunction));
+    EXPECT_EQ(std::tuple(count - runsBefore, log.TotalCalls() - completionsBefore, host.LastError(effect),
+                         call.operation, call.resultFlag, call.modeCode, call.formatFlags, call.mask,
+                         call.partFunction == call.maskPartFunction),
+              std::tuple_cat(std::tuple(1, method == Method::Async ? 1 : 0, int64_t{4}, operation,
+                                        method == Method::InPlace ? 0 : 1),
+                             expected));
     // What referencePart makes of the packed pixels over the same parts, one
     // after the other, into a zeroed destination, the head filled as the engine fills it.
     std::vector<uint8_t> pixels = original, reference(original.size(), 0);
@@ -280,8 +277,8 @@ void Effects::ExpectMatchesReference(REALobject effect, REALobject source, void*
     head.srcRowBytes = head.dstRowBytes = static_cast<int32_t>(view.width * view.pixelBytes);
     head.srcPixelBytes = head.dstPixelBytes = static_cast<int32_t>(view.pixelBytes);
     head.srcBitmap = head.dstBitmap = view.record;
-    head.maskData =
-        expected.mask ? static_cast<RawBitmapMaskData*>(host.ClassData(expected.mask, "RawBitmapMask")) : nullptr;
+    const REALobject mask = std::get<REALobject>(expected);
+    head.maskData = mask ? static_cast<RawBitmapMaskData*>(host.ClassData(mask, "RawBitmapMask")) : nullptr;
     for (MPParamBlock block : parts) {
       block.done = 0;
       block.params = params;
@@ -435,10 +432,7 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
   };
   REALobject colour = Keep(host.NewRGBColor(1, 2, 3));
   for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << row.className << " " << row.first << "/" << row.second << "/" << row.smoothness
-                                    << (row.nilSource ? ", nil source, " : ", ") << int{row.claimedBits} << " of "
-                                    << row.bits << " bits, channels " << int{row.channels} << ", height "
-                                    << row.height);
+    SCOPED_TRACE(testing::Message() << row.className << ", row " << &row - rows);
     REALobject effect = Keep(host.New(row.className));
     REALobject source = row.nilSource ? nullptr : NewSource(9, 6, kRGBA, row.bits);
     if (row.className == kInterlace) SetTypes(effect, row.first, row.second);
@@ -613,8 +607,8 @@ TEST_F(Effects, PolarRunsMatchTheReferenceKernels) {
               std::tuple(row.toPolar ? 0 : kWidth, row.toPolar ? 0 : kHeight, row.toPolar ? 0.0 : 100.0,
                          uint8_t{!row.toPolar && row.flip}, 0.0));
     EXPECT_EQ(Seen().call.deleteCallback, nullptr);
-    EXPECT_EQ(host.Get<bool>(effect, "RectangularToPolar"), row.toPolar != row.arguments);
-    EXPECT_EQ(host.Get<bool>(effect, "FlipMapping"), row.flip != row.arguments);
+    EXPECT_EQ(std::pair(host.Get<bool>(effect, "RectangularToPolar"), host.Get<bool>(effect, "FlipMapping")),
+              std::pair(row.toPolar != row.arguments, row.flip != row.arguments));
   }
 }
 
