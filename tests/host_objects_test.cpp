@@ -128,8 +128,10 @@ TEST_F(ObjectsTest, RegistrationLayoutAndLifetime) {
 // A program class finds methods by exact declaration along the chain, and the
 // plug-in class's properties, which use their fields, accessors and types; a
 // wrong type, an unknown name or a field outside the data is an error that
-// stores nothing. An object property holds its own reference.
-TEST_F(ObjectsTest, PropertiesAndMethodsOfPluginAndProgramClasses) {
+// stores nothing. An object property holds its own reference. A mask reads
+// its bitmap's active channel (inverted if asked) through its 8- or 16-bit
+// operations, holds the bitmap, and outside it lets the effect through.
+TEST_F(ObjectsTest, PropertiesMethodsAndMasks) {
   host.DefineClass({"ProgramProbe", "ProbeEffect", {{kOnProgressDecl, reinterpret_cast<void*>(&ProgramOnProgress)}}});
   REALobject program = host.New("ProgramProbe");
   ASSERT_NE(program, nullptr);
@@ -150,7 +152,8 @@ TEST_F(ObjectsTest, PropertiesAndMethodsOfPluginAndProgramClasses) {
   const ProbeData& data = *Probe(program);
   EXPECT_EQ(std::tie(data.flag, data.level, data.gain, data.mode, data.scale), std::make_tuple(1, 200, 2.5, 1, 1.5f));
   EXPECT_EQ(std::make_pair(host.Get<int32_t>(program, "Mode"), host.Get<float>(program, "Scale")), std::pair(1, 1.5f));
-  REALobject bitmap = host.NewBitmap(1, 1, 0);
+  REALobject bitmap = host.NewBitmap(3, 2, 3);  // RGB, 8 bits
+  host.Bitmap(bitmap).row(1)[2 * 3 + 1] = 200;  // green of pixel (2, 1)
   for (const std::function<void()>& wrong : std::vector<std::function<void()>>{
            [&] { host.Get<double>(program, "Flag"); }, [&] { host.Set(program, "Gain", true); },
            [&] { host.Set(program, "Mode", 1.0); }, [&] { host.Get<double>(program, "NoSuchProperty"); },
@@ -158,21 +161,36 @@ TEST_F(ObjectsTest, PropertiesAndMethodsOfPluginAndProgramClasses) {
            [&] { host.Set(program, "Mask", bitmap); }})  // a bitmap is no RawBitmapMask
     EXPECT_THROW(wrong(), HostError);
   EXPECT_EQ(data.gain, 2.5);
-  REALobject mask = host.NewMask(bitmap);
+  REALobject mask = host.NewMask(bitmap, false, 1), inverted = host.NewMask(bitmap, true, 1);
   host.Set(program, "Mask", mask);
   REALobject got = host.Get<REALobject>(program, "Mask");
   EXPECT_EQ(std::make_tuple(got, host.RefCount(mask)), std::make_tuple(mask, 3));  // the field's and the caller's own
   host.Set(program, "Mask", nullptr);
   EXPECT_EQ(host.RefCount(mask), 2);
-  for (REALobject object : {got, mask, bitmap, program}) host.Unlock(object);
+  const auto maskAt = [&](REALobject mask, int64_t y, int32_t x, bool wide = false) {
+    auto* data = static_cast<RawBitmapMaskData*>(PluginData(mask, "RawBitmapMask"));
+    return int(wide ? MaskAt16(data, MaskRow16(data, y), x) : MaskAt8(data, MaskRow8(data, y), x));
+  };
+  EXPECT_EQ((V{maskAt(mask, 1, 2), maskAt(mask, 1, 1), maskAt(mask, 1, 2, true), maskAt(inverted, 1, 2),
+               maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
+            (V{200, 0, 200 * 257, 55, 65535, 0, 0, 0}));
+  EXPECT_EQ(host.RefCount(bitmap), 3);  // each mask holds the bitmap
+  EXPECT_THROW(host.RGBColor(bitmap), HostError) << "a bitmap is no colour";
+  EXPECT_EQ(std::make_tuple(host.NewMask(bitmap, false, 3), host.NewMask(nullptr)), std::make_tuple(nullptr, nullptr))
+      << "RGB has no fourth channel";
+  REALobject grey = host.NewBitmap(2, 1, 0, 16);
+  const uint16_t value = 0xABCD;
+  std::memcpy(host.Bitmap(grey).row(0) + 2, &value, sizeof value);
+  REALobject deep = host.NewMask(grey);
+  EXPECT_EQ((V{maskAt(deep, 0, 1, true), maskAt(deep, 0, 1)}), (V{0xABCD, 0xAB}));
+  for (REALobject object : {got, mask, inverted, deep, grey, bitmap, program}) host.Unlock(object);
 }
 
 // ---- companions ------------------------------------------------------------------------------
 
 // Every format at both depths: the record's byte positions are the format's
-// sample indices scaled by the depth, rows are padded as asked, and the
-// services find the record. Sizes, formats and depths the companion refuses
-// give nil.
+// sample indices scaled by the depth, and rows are padded as asked. Sizes,
+// formats and depths the companion refuses give nil.
 TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
   for (const rawfx::host::FormatInfo& f : rawfx::host::Formats())
     for (int bits : {8, 16}) {
@@ -187,7 +205,6 @@ TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
                    int(r.format), r.isValid, r.hasAlpha}),
                 (V{f.channels, at(f.red), at(f.green), at(f.blue), at(f.alpha), at(f.black), f.channels * bits / 8,
                    5 * f.channels * bits / 8 + 6, 5, 3, bits, int(f.code), 1, f.hasAlpha}));
-      EXPECT_EQ(view.record, PluginData(bitmap, "RawBitmap"));
       host.Unlock(bitmap);
     }
   for (const auto& [width, height, format, bits, padding] :
@@ -195,31 +212,6 @@ TEST_F(ObjectsTest, BitmapRecordsFollowTheirFormatOrAreRefused) {
         {1 << 20, 1 << 20, 5, 8, 0}})  // odd padding: 16-bit rows must stay aligned
     EXPECT_EQ(host.NewBitmap(width, height, format, bits, padding), nullptr) << width << "x" << height;
   EXPECT_THROW(host.Bitmap(nullptr), HostError);
-}
-
-// A mask reads its bitmap's active channel (inverted if asked) through its 8-
-// or 16-bit operations, holds the bitmap, and outside it lets the effect through.
-TEST_F(ObjectsTest, MaskValuesComeFromTheActiveChannel) {
-  const auto maskAt = [&](REALobject mask, int64_t y, int32_t x, bool wide = false) {
-    auto* data = static_cast<RawBitmapMaskData*>(PluginData(mask, "RawBitmapMask"));
-    return int(wide ? MaskAt16(data, MaskRow16(data, y), x) : MaskAt8(data, MaskRow8(data, y), x));
-  };
-  REALobject bitmap = host.NewBitmap(3, 2, 3);  // RGB, 8 bits
-  host.Bitmap(bitmap).row(1)[2 * 3 + 1] = 200;  // green of pixel (2, 1)
-  REALobject mask = host.NewMask(bitmap, false, 1), inverted = host.NewMask(bitmap, true, 1);
-  EXPECT_EQ((V{maskAt(mask, 1, 2), maskAt(mask, 1, 1), maskAt(mask, 1, 2, true), maskAt(inverted, 1, 2),
-               maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
-            (V{200, 0, 200 * 257, 55, 65535, 0, 0, 0}));
-  EXPECT_EQ(host.RefCount(bitmap), 3);  // each mask holds the bitmap
-  EXPECT_THROW(host.RGBColor(bitmap), HostError) << "a bitmap is no colour";
-  EXPECT_EQ(std::make_tuple(host.NewMask(bitmap, false, 3), host.NewMask(nullptr)), std::make_tuple(nullptr, nullptr))
-      << "RGB has no fourth channel";
-  REALobject grey = host.NewBitmap(2, 1, 0, 16);
-  const uint16_t value = 0xABCD;
-  std::memcpy(host.Bitmap(grey).row(0) + 2, &value, sizeof value);
-  REALobject deep = host.NewMask(grey);
-  EXPECT_EQ((V{maskAt(deep, 0, 1, true), maskAt(deep, 0, 1)}), (V{0xABCD, 0xAB}));
-  for (REALobject object : {mask, inverted, deep, grey, bitmap}) host.Unlock(object);
 }
 
 // New colours are opaque black generic colours; the generic colour itself is
