@@ -103,10 +103,6 @@ class EngineTest : public AsyncHostTest {
     return engine->ops->ProcessParts(engine, params, &CopyRows, &MaskedCopyRows, host.Bitmap(source).record, nullptr,
                                      2, formatFlags, 1);
   }
-  REALobject InPlace(void* params, REALobject source) {
-    return engine->ops->ProcessPartsInPlace(engine, params, &CopyRows, &CopyRows, host.Bitmap(source).record, nullptr,
-                                            2, 13);
-  }
   void StartAsync(void* params, REALobject source, REALobject target, ParamBlockDeleter deleter) {
     engine->ops->ProcessPartsAsync(effect, engine, source, params, &CopyRows, &MaskedCopyRows,
                                    host.Bitmap(source).record, nullptr, 3, 13, 1, target, log.method(), deleter);
@@ -249,7 +245,10 @@ TEST_F(EngineTest, AsyncRunHoldsItsObjectsAndItsBlockDisposesOfItAndCompletesOnc
             std::make_tuple(0, 2, 2, 2, EngineCall::PartsAsync, &RecordingDelete));
   const std::function<REALobject()> reuses[] = {
       [&] { return Process(&params, source); },
-      [&] { return InPlace(&params, source); },
+      [&] {
+        return engine->ops->ProcessPartsInPlace(engine, &params, &CopyRows, &CopyRows, host.Bitmap(source).record,
+                                                nullptr, 2, 13);
+      },
       [&] { return StartAsync(&params, source, target, &RecordingDelete), nullptr; },
   };
   for (const auto& reuse : reuses) {
