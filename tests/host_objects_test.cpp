@@ -58,9 +58,6 @@ const ClassMethodEntry kProbeMethods[] = {rawfx::Method(rawfx::Fn(&Twice), "Twic
 
 template <class F>
 F Service(Host& host, const char* name) { return reinterpret_cast<F>(host.resolve(name)); }
-void Register(Host& host, REALclassDefinition& record) {
-  Service<void (*)(REALclassDefinition*)>(host, "PluginRegisterClass")(&record);
-}
 
 void RegisterProbe(Host& host) {
   gEvents.clear();
@@ -68,7 +65,7 @@ void RegisterProbe(Host& host) {
       "ProbeEffect", sizeof(ProbeData), &ProbeConstructor, &ProbeDestructor, rawfx::kSyncInterfaces,
       {kProbeProperties, rawfx::RowCount(kProbeProperties), kProbeMethods, rawfx::RowCount(kProbeMethods),
        kProbeEnums, rawfx::RowCount(kProbeEnums)});
-  Register(host, ProbeRecord);
+  Service<void (*)(REALclassDefinition*)>(host, "PluginRegisterClass")(&ProbeRecord);
 }
 
 class ObjectsTest : public rawfx::test::HostTest {
@@ -91,8 +88,9 @@ class ObjectsTest : public rawfx::test::HostTest {
 TEST_F(ObjectsTest, RegistrationLayoutAndLifetime) {
   REALclassDefinition orphan = rawfx::FilterClassRecord("Orphan", 8, nullptr, nullptr, rawfx::kSyncInterfaces, {});
   orphan.superName = "NoSuchClass";
-  Register(host, orphan);
-  Register(host, ProbeRecord);
+  const auto registerClass = Service<void (*)(REALclassDefinition*)>(host, "PluginRegisterClass");
+  registerClass(&orphan);
+  registerClass(&ProbeRecord);
   EXPECT_EQ(std::make_tuple(host.New("Orphan"), orphan.dataOffset, host.registeredRecords().size()),
             std::make_tuple(nullptr, 0, 5u));  // the four effects and the probe, once
   REALobject probe = host.New("ProbeEffect");
