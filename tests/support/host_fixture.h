@@ -25,17 +25,9 @@ class HostTest : public ::testing::Test {
   rawfx::host::Host host;
 };
 
-// Fills every pixel byte of bitmap (padding excluded) with pseudo-random
-// values that depend only on seed, the same on every machine.
-void FillPattern(rawfx::host::Host& host, REALobject bitmap, uint32_t seed);
-
 // Same size, format and depth, and the same pixel bytes (padding excluded);
 // on a difference, says where the first one is.
 ::testing::AssertionResult SamePixels(rawfx::host::Host& host, REALobject a, REALobject b);
-
-// Runs body in a forked child and gives back what it returned; a child that
-// crashes or exits early gives what it wrote so far and "(child died)".
-std::string RunInChild(const std::function<std::string()>& body);
 
 // A host that is nothing but a resolver: the names it knows and every name it was asked.
 struct ScriptedHost {
@@ -49,7 +41,7 @@ struct ScriptedHost {
   int Asks(std::string_view name) const { return int(std::count(asked.begin(), asked.end(), name)); }
 };
 
-// Runs body in a fresh process (so every stub cache starts empty) with the
+// Runs body in a forked child (so every stub cache starts empty) with the
 // plug-in's resolver answering from a new scripted host; expectations that fail
 // in the child print there and fail the case here.
 void InFreshProcess(const std::function<void(ScriptedHost&)>& body);
@@ -77,7 +69,8 @@ inline constexpr int64_t kGray = 0, kRGBA = 5, kCMYK = 13;
 // barrel distorts with a keystone.
 REALobject NewEffect(host::Host& host, const char* className);
 
-// A new bitmap filled by FillPattern with seed.
+// A new bitmap whose pixel bytes (padding excluded) are pseudo-random values
+// that depend only on seed, the same on every machine.
 REALobject NewPattern(host::Host& host, int64_t width, int64_t height, int64_t format, int bits, uint32_t seed,
                       int64_t rowPadding = 0);
 
