@@ -270,7 +270,9 @@ TEST_F(EngineTest, ACancelStopsARunBetweenRowsAndAnAsyncRunHoldsItsObjectsAndBlo
 // padded only as far as the cap leaves room. Shown under a cap of 4096 bytes
 // with sources that reach it (as 16384 x 16384 RGBA reaches the real one).
 TEST(EngineSizeCap, EverySourceWithinTheCapHasAResult) {
-  rawfx::host::Host capped({.maxBitmapBytes = 4096});
+  rawfx::host::HostOptions options;
+  options.maxBitmapBytes = 4096;
+  rawfx::host::Host capped(options);
   REALobject effect = capped.New(kPolar);
   for (const auto& [width, height, format, bits] :
        {std::tuple{32, 32, kRGBA, 8}, {16, 32, kRGBA, 16}, {1, 4096, kGray, 8}, {4096, 1, kGray, 8},

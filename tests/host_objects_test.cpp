@@ -162,9 +162,9 @@ TEST_F(ObjectsTest, PropertiesMethodsAndMasks) {
   EXPECT_EQ(std::make_tuple(got, host.RefCount(mask)), std::make_tuple(mask, 3));  // the field's and the caller's own
   host.Set(program, "Mask", nullptr);
   EXPECT_EQ(host.RefCount(mask), 2);
-  const auto maskAt = [&](REALobject mask, int64_t y, int32_t x, bool wide = false) {
-    auto* data = static_cast<RawBitmapMaskData*>(PluginData(mask, "RawBitmapMask"));
-    return int(wide ? MaskAt16(data, MaskRow16(data, y), x) : MaskAt8(data, MaskRow8(data, y), x));
+  const auto maskAt = [&](REALobject of, int64_t y, int32_t x, bool wide = false) {
+    auto* ops = static_cast<RawBitmapMaskData*>(PluginData(of, "RawBitmapMask"));
+    return int(wide ? MaskAt16(ops, MaskRow16(ops, y), x) : MaskAt8(ops, MaskRow8(ops, y), x));
   };
   EXPECT_EQ((V{maskAt(mask, 1, 2), maskAt(mask, 1, 1), maskAt(mask, 1, 2, true), maskAt(inverted, 1, 2),
                maskAt(inverted, 0, 0, true), maskAt(inverted, 2, 0), maskAt(inverted, -1, 0), maskAt(inverted, 0, 3)}),
