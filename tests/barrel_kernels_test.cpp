@@ -84,42 +84,41 @@ TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
 
 // ---- the fast kernels against the reference ----------------------------------------
 
-// As the effect fills the block: the keystone matrix form, the centre of the
-// bitmap and distortion + 1. Mild settings are the effect's usual ones.
-void EffectSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l, bool mild) {
-  auto keystone = [&] {
-    if (mild) return UniformReal(rng, -0.3, 0.3);
-    return Chance(rng, 0.4) ? 0.0 : RandomDouble(rng, 0.3, -1.0, 1.0, {0.5, -0.5, 1.0, -1.0});
-  };
-  const double horizontal = keystone(), vertical = keystone();
-  const double distortion = mild ? UniformReal(rng, -0.6, 1.5)
-                                 : RandomDouble(rng, 0.35, -1.0, 3.0, {1e-17, -1.0, -1.0 + 1e-16, 1e6, -1e6});
-  SetBlock(p, {1.0, 0.0, horizontal, 0.0, 1.0, vertical, horizontal, vertical, 1.0}, distortion, l.width * 0.5,
-           l.height * 0.5);
-}
-
-// Any matrix and centre, as the kernels would take them.
-void ArbitrarySettings(Rng& rng, BarrelDistortionParams& p) {
-  for (double& cell : p.keystone) cell = RandomDouble(rng, 0.15, -2.0, 2.0, {1.0, -1.0});
-  p.distortion = RandomDouble(rng, 0.35, -1.0, 3.0, {-1.0});
-  p.distortionPlusOne = Chance(rng, 0.8) ? p.distortion + 1.0 : RandomDouble(rng, 0.35, -1.0, 3.0, {0.0});
-  p.centerX = RandomDouble(rng, 0.2, 0.0, 40.0, {0.5, 1.0, 17.25, -3.0});
-  p.centerY = RandomDouble(rng, 0.2, 0.0, 40.0, {0.5, 1.0, 17.25, -3.0});
-}
-
-// Positions on a grid of quarter (or other binary fraction) pixels, exactly:
-// with distortion 0, centre (1, 1) and the matrix (a 0 0 / 0 b 0 / p q 1),
-// destination (x, y) samples (a (x - 1) + p + 1, b (y - 1) + q + 1). That hits
-// whole pixels, negative ones, the bitmap's edges and just past them, where
-// the weights and the bounds tests have their corner cases.
-void GridSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l) {
-  const double steps[] = {0.0, 0.25, -0.25, 0.5, 1.0, -1.0, 1.25, 0.125, 2.0};
-  auto offset = [&](int32_t size) {
-    if (Chance(rng, 0.15)) return RandomDouble(rng, 1.0, 0.0, 0.0, {-1e-17, 1e17, -1e17});
-    return static_cast<double>(Uniform(rng, -2 * int64_t{size} - 8, 2 * int64_t{size} + 8)) * 0.25 - 1.0;
-  };
-  const double a = PickFrom(rng, steps), b = PickFrom(rng, steps);
-  SetBlock(p, {a, 0.0, 0.0, 0.0, b, 0.0, offset(l.width), offset(l.height), 1.0}, 0.0, 1.0, 1.0);
+// The block's settings by kind. 0 .. 5: as the effect fills it, the keystone
+// matrix form, the centre of the bitmap and distortion + 1 (mild: the
+// effect's usual settings). 6, 7: positions on a grid of quarter (or other
+// binary fraction) pixels, exactly: with distortion 0, centre (1, 1) and the
+// matrix (a 0 0 / 0 b 0 / p q 1), destination (x, y) samples
+// (a (x - 1) + p + 1, b (y - 1) + q + 1). That hits whole pixels, negative
+// ones, the bitmap's edges and just past them, where the weights and the
+// bounds tests have their corner cases. 8, 9: any matrix and centre, as the
+// kernels would take them.
+void RandomSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l, int64_t kind, bool mild) {
+  if (kind < 6) {
+    auto keystone = [&] {
+      if (mild) return UniformReal(rng, -0.3, 0.3);
+      return Chance(rng, 0.4) ? 0.0 : RandomDouble(rng, 0.3, -1.0, 1.0, {0.5, -0.5, 1.0, -1.0});
+    };
+    const double horizontal = keystone(), vertical = keystone();
+    const double distortion = mild ? UniformReal(rng, -0.6, 1.5)
+                                   : RandomDouble(rng, 0.35, -1.0, 3.0, {1e-17, -1.0, -1.0 + 1e-16, 1e6, -1e6});
+    SetBlock(p, {1.0, 0.0, horizontal, 0.0, 1.0, vertical, horizontal, vertical, 1.0}, distortion, l.width * 0.5,
+             l.height * 0.5);
+  } else if (kind < 8) {
+    const double steps[] = {0.0, 0.25, -0.25, 0.5, 1.0, -1.0, 1.25, 0.125, 2.0};
+    auto offset = [&](int32_t size) {
+      if (Chance(rng, 0.15)) return RandomDouble(rng, 1.0, 0.0, 0.0, {-1e-17, 1e17, -1e17});
+      return static_cast<double>(Uniform(rng, -2 * int64_t{size} - 8, 2 * int64_t{size} + 8)) * 0.25 - 1.0;
+    };
+    const double a = PickFrom(rng, steps), b = PickFrom(rng, steps);
+    SetBlock(p, {a, 0.0, 0.0, 0.0, b, 0.0, offset(l.width), offset(l.height), 1.0}, 0.0, 1.0, 1.0);
+  } else {
+    for (double& cell : p.keystone) cell = RandomDouble(rng, 0.15, -2.0, 2.0, {1.0, -1.0});
+    p.distortion = RandomDouble(rng, 0.35, -1.0, 3.0, {-1.0});
+    p.distortionPlusOne = Chance(rng, 0.8) ? p.distortion + 1.0 : RandomDouble(rng, 0.35, -1.0, 3.0, {0.0});
+    p.centerX = RandomDouble(rng, 0.2, 0.0, 40.0, {0.5, 1.0, 17.25, -3.0});
+    p.centerY = RandomDouble(rng, 0.2, 0.0, 40.0, {0.5, 1.0, 17.25, -3.0});
+  }
 }
 
 // The source is sized exactly, so a read past it shows under the sanitizers;
@@ -127,7 +126,7 @@ void GridSettings(Rng& rng, BarrelDistortionParams& p, const Layout& l) {
 BarrelCase NewCase(Rng& rng, const Layout& l, bool bilinear) {
   BarrelCase c;
   c.l = l;
-  c.source = RandomSamples(rng, static_cast<size_t>(l.srcRowBytes) * std::max(l.height, 0));
+  c.source = RandomBytes(rng, static_cast<size_t>(l.srcRowBytes) * std::max(l.height, 0), true);
   c.destination = RandomBytes(rng, static_cast<size_t>(l.dstRowBytes) * std::max(l.height, 0) + 16);
   Scramble(rng, c.params);
   c.Use(kParts, bilinear);
@@ -176,13 +175,7 @@ BarrelCase RandomCase(Rng& rng, int index) {
     l.dstRowBytes += 24;
   }
   BarrelCase c = corner ? CornerCase(rng, index / 18) : NewCase(rng, l, Chance(rng, 0.5));
-  const int64_t kind = corner ? 10 : big ? -1 : Uniform(rng, 0, 9);
-  if (kind < 6)
-    EffectSettings(rng, c.params, l, big);
-  else if (kind < 8)
-    GridSettings(rng, c.params, l);
-  else if (kind < 10)
-    ArbitrarySettings(rng, c.params);
+  if (!corner) RandomSettings(rng, c.params, l, big ? 0 : Uniform(rng, 0, 9), big);
   const BarrelDistortionParams& p = c.params;
   c.settings = Describe(c.fast == BarrelDistort8BitPart || c.fast == BarrelDistort16BitPart ? "nearest" : "bilinear",
                         ", distortion ", p.distortion, " (+1: ", p.distortionPlusOne, "), centre ", p.centerX, " ",

@@ -31,17 +31,9 @@ constexpr Rgb kBlack{0, 0, 0}, kWhite{255, 255, 255};
 constexpr Offsets kRGB{0, 1, 2}, kBGR{2, 1, 0}, kGrey{0, 0, 0};
 Rgb Grey(int g) { return {static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g)}; }
 
-// The settings as the effect fills them into the block, and the part functions for the mask.
-void Settle(OilPaintCase& c, bool masked, float smoothness, int brush) {
-  c.masked = masked;
-  c.params.smoothness = smoothness;
-  c.params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
-  c.params.brushSize = static_cast<uint8_t>(brush);
-  c.Use(kParts, masked);
-}
-
 // A black source of packed pixels without alpha (one byte when the offsets
-// coincide), the block as the effect fills it and the colours of row 0.
+// coincide), the block as the effect fills it, the part function for the mask
+// and the colours of row 0.
 OilPaintCase Frame(bool masked, int width, int height, Offsets rgb, float smoothness, int brush,
                    const std::vector<Rgb>& row = {}) {
   OilPaintCase c;
@@ -49,7 +41,11 @@ OilPaintCase Frame(bool masked, int width, int height, Offsets rgb, float smooth
   c.params.redOffset = rgb[0];
   c.params.greenOffset = rgb[1];
   c.params.blueOffset = rgb[2];
-  Settle(c, masked, smoothness, brush);
+  c.masked = masked;
+  c.params.smoothness = smoothness;
+  c.params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
+  c.params.brushSize = static_cast<uint8_t>(brush);
+  c.Use(kParts, masked);
   for (size_t x = 0; x < row.size(); ++x)
     for (int i = 0; i < 3; ++i) c.SetSource(static_cast<int>(x), 0, rgb[i], row[x][i]);
   return c;
@@ -223,9 +219,9 @@ void RandomColourLayout(Rng& rng, OilPaintCase& c, bool photograph) {
 // scratch that cannot be had, in any part and at any of its four blocks, where
 // every row is still painted and every block taken is given back.
 OilPaintCase RandomCase(Rng& rng, int index) {
-  OilPaintCase c;
+  // The block and records as a hand-built case has them, then the layout drawn.
+  OilPaintCase c = Frame(index / 5 % 2 == 1, 0, 0, kGrey, RandomSmoothness(rng), 1 + index % 5);
   OilPaintParams& p = c.params;
-  Settle(c, index / 5 % 2 == 1, RandomSmoothness(rng), 1 + index % 5);
   const int kind = index / 10 % 12;  // 0 .. 7 every layout, 8 .. 10 photographs, 11 failing scratch
   const bool photograph = kind >= 8 && kind <= 10;
   RandomColourLayout(rng, c, photograph);
