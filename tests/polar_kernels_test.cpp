@@ -55,15 +55,26 @@ TEST(PolarKernels, DocumentedPositionsMapAndBlendAndNothingOutsideIsRead) {
   const struct {
     PolarizeSettings s;
     std::vector<std::array<double, 4>> points;  // x, y and the source position, kOutside off the source
+    // Where given, a part over these source samples (x, y, value) and a
+    // background of that value leaves expected at the first point: truncation
+    // and the background at the borders.
+    std::vector<std::array<int, 3>> samples = {};
+    int background = 0, expected = 0;
   } mappings[] = {
+      // (2, 1) samples (0.0, 2.5): 15.5 truncated; column 1 has weight 0.
       {Options(5, 5, true, true),
-       {{2, 2, 1, 0}, {2, 1, 0, 2.5}, {1, 2, 3, 2.5}, {3, 2, 1, 2.5}, {1, 1, 3.5, 2.5 * std::sqrt(2.0)}}},
+       {{2, 1, 0, 2.5}, {2, 2, 1, 0}, {1, 2, 3, 2.5}, {3, 2, 1, 2.5}, {1, 1, 3.5, 2.5 * std::sqrt(2.0)}},
+       {{0, 2, 10}, {0, 3, 21}, {1, 2, 200}},
+       0,
+       15},
       {Options(5, 5, true, false), {{2, 2, 3, 0}, {2, 1, 4, 2.5}, {1, 2, 1, 2.5}}},
       {Options(4, 4, false, true), {{0, 0, 2, 2}, {3, 0, 2, 2}, {1, 2, 3, 2}, {2, 2, 2, 3}, {3, 2, 1, 2}}},
       {Options(4, 4, false, true), {{0, 3, 2, 0.5}, {1, 3, kOutside, kOutside}, {2, 3, kOutside, kOutside}}},
       {Options(4, 4, false, false), {{1, 2, 1, 2}, {2, 3, kOutside, kOutside}, {3, 3, kOutside, kOutside}}},
-      {Options(12, 7, false, true), {{5, 6, 7.5, 3.5 + 1.5 * std::sqrt(3.0)}}},
-      {Options(7, 5, true, false), {{3, 1, 6, 2.5}}},
+      // The lower row is outside, so 100 mixes with the background by fy = 1.5 sqrt 3 - 2.5.
+      {Options(12, 7, false, true), {{5, 6, 7.5, 3.5 + 1.5 * std::sqrt(3.0)}}, {{7, 6, 100}, {8, 6, 100}}, 200, 109},
+      // The right column is the background at weight 0.
+      {Options(7, 5, true, false), {{3, 1, 6, 2.5}}, {{6, 2, 40}, {6, 3, 81}}, 255, 60},
       // The options without a property of their own follow their definition.
       {Options(5, 5, true, true, 100.0, 0), {{2, 2, kOutside, kOutside}, {2, 1, 0, 2.5}}},  // distance 0 is row H
       {Options(4, 4, false, true, 100.0, 0), {{0, 3, 2, 1.5}}},
@@ -87,30 +98,16 @@ TEST(PolarKernels, DocumentedPositionsMapAndBlendAndNothingOutsideIsRead) {
         EXPECT_DOUBLE_EQ(mappedX, inside ? sx : -7.0);
         EXPECT_DOUBLE_EQ(mappedY, inside ? sy : -7.0);
       }
-  // Truncation and the background at the borders at documented positions.
-  // Then a constant source under a background of the same value stays that
-  // value everywhere, unless a neighbour is read from the guards or the
-  // padding, and bitmaps one pixel wide or high are the background throughout.
-  const struct {
-    const char* what;
-    PolarizeSettings s;
-    std::vector<std::array<int, 3>> samples;  // x, y, value
-    int background, x, y, expected;
-  } blends[] = {
-      // (2, 1) samples (0.0, 2.5): 15.5 truncated; column 1 has weight 0.
-      {"truncation", Options(5, 5, true, true), {{0, 2, 10}, {0, 3, 21}, {1, 2, 200}}, 0, 2, 1, 15},
-      // (5, 6) samples (7.5, 3.5 + 1.5 sqrt 3): the lower row is outside, so
-      // 100 mixes with the background by fy = 1.5 sqrt 3 - 2.5.
-      {"lower row outside", Options(12, 7, false, true), {{7, 6, 100}, {8, 6, 100}}, 200, 5, 6, 109},
-      // (3, 1) samples (6.0, 2.5): the right column is the background at weight 0.
-      {"last column", Options(7, 5, true, false), {{6, 2, 40}, {6, 3, 81}}, 255, 3, 1, 60},
-  };
-  for (const auto& c : blends) {
-    SCOPED_TRACE(c.what);
+  for (const auto& c : mappings) {
+    if (c.samples.empty()) continue;
     PolarCase k = Block(c.s, 1, 1, c.background);
     for (const auto& [x, y, v] : c.samples) k.SetSource(x, y, 0, static_cast<uint32_t>(v));
-    EXPECT_EQ(k.Result(CheckedRun(k), c.x, c.y, 0), static_cast<uint32_t>(c.expected));
+    const auto x = static_cast<int32_t>(c.points[0][0]), y = static_cast<int32_t>(c.points[0][1]);
+    EXPECT_EQ(k.Result(CheckedRun(k), x, y, 0), static_cast<uint32_t>(c.expected)) << c.s.width << "x" << c.s.height;
   }
+  // A constant source under a background of the same value stays that value
+  // everywhere, unless a neighbour is read from the guards or the padding, and
+  // bitmaps one pixel wide or high are the background throughout.
   for (bool toPolar : {true, false})
     for (bool flip : {true, false})
       for (int sb : {1, 2})
