@@ -183,13 +183,22 @@ float RandomSmoothness(Rng& rng) {
   return std::clamp(std::nextafter(step, Chance(rng, 0.5) ? 0.0f : 1.0f), 0.04f, 1.0f);
 }
 
-// The colour layout: one channel (all three offsets alike), the usual 3- and
-// 4-byte orders, or any offsets within the pixel, coinciding or not. A
-// photograph has the layout of the benchmarks and of most bitmaps: 4-byte
-// pixels, colour bytes together in order, alpha last.
-void RandomColourLayout(Rng& rng, OilPaintCase& c, bool photograph) {
-  int32_t& pixelBytes = c.l.srcPixelBytes;
+// Brushes and masks cycle with the index, and so do three kinds of case, so
+// every combination comes up whatever the random draws: every layout;
+// photographs (pictures like them, wide enough for the vector path); and
+// scratch that cannot be had, in any part and at any of its four blocks, where
+// every row is still painted and every block taken is given back.
+OilPaintCase RandomCase(Rng& rng, int index) {
+  // The block and records as a hand-built case has them, then the layout drawn.
+  OilPaintCase c = Frame(index / 5 % 2 == 1, 0, 0, kGrey, RandomSmoothness(rng), 1 + index % 5);
   OilPaintParams& p = c.params;
+  const int kind = index / 10 % 12;  // 0 .. 7 every layout, 8 .. 10 photographs, 11 failing scratch
+  const bool photograph = kind >= 8 && kind <= 10;
+  // The colour layout: one channel (all three offsets alike), the usual 3- and
+  // 4-byte orders, or any offsets within the pixel, coinciding or not. A
+  // photograph has the layout of the benchmarks and of most bitmaps: 4-byte
+  // pixels, colour bytes together in order, alpha last.
+  int32_t& pixelBytes = c.l.srcPixelBytes;
   const int64_t draw = photograph ? 3 : Uniform(rng, 0, 9);
   if (draw < 3) {
     pixelBytes = static_cast<int32_t>(Uniform(rng, 1, 4));
@@ -211,20 +220,6 @@ void RandomColourLayout(Rng& rng, OilPaintCase& c, bool photograph) {
   c.srcRecord.hasAlpha = c.dstRecord.hasAlpha = photograph || Chance(rng, 0.5);
   c.srcRecord.alphaOffset = static_cast<uint8_t>(photograph ? 3 : Uniform(rng, 0, pixelBytes - 1));
   c.dstRecord.alphaOffset = static_cast<uint8_t>(photograph ? 3 : Uniform(rng, 0, c.l.dstPixelBytes - 1));
-}
-
-// Brushes and masks cycle with the index, and so do three kinds of case, so
-// every combination comes up whatever the random draws: every layout;
-// photographs (pictures like them, wide enough for the vector path); and
-// scratch that cannot be had, in any part and at any of its four blocks, where
-// every row is still painted and every block taken is given back.
-OilPaintCase RandomCase(Rng& rng, int index) {
-  // The block and records as a hand-built case has them, then the layout drawn.
-  OilPaintCase c = Frame(index / 5 % 2 == 1, 0, 0, kGrey, RandomSmoothness(rng), 1 + index % 5);
-  OilPaintParams& p = c.params;
-  const int kind = index / 10 % 12;  // 0 .. 7 every layout, 8 .. 10 photographs, 11 failing scratch
-  const bool photograph = kind >= 8 && kind <= 10;
-  RandomColourLayout(rng, c, photograph);
   auto picture = static_cast<Picture>(Uniform(rng, 0, 4));
   if (photograph) picture = Chance(rng, 0.5) ? Picture::Smooth : Picture::EdgeOfBins;
   Layout& l = c.l;

@@ -125,24 +125,6 @@ TEST(PolarKernels, DocumentedPositionsMapAndBlendAndNothingOutsideIsRead) {
 
 // ---- the fast kernels against the reference ----------------------------------------
 
-// The effect's own settings and hand-built ones: bottom at the centre, other
-// roundness, angle offsets, NaN and infinities. The parts fill the geometry in
-// their own copies; what the block holds is never read.
-PolarizeSettings RandomSettings(Rng& rng) {
-  const uint8_t flags[] = {0, 1, 1, 1, 2, 255};
-  const bool effectDefaults = Chance(rng, 0.4);
-  PolarizeSettings s;
-  Scramble(rng, s);  // the geometry: garbage
-  const std::initializer_list<double> roundness = {50.0, 99.5, 100.5, -50.0, 250.0};
-  s.roundness = effectDefaults || Chance(rng, 0.6) ? 100.0 : RandomDouble(rng, 0.5, -100.0, 300.0, roundness);
-  s.flipMapping = PickFrom(rng, flags);
-  s.centerAtTop = effectDefaults || Chance(rng, 0.6) ? 1 : PickFrom(rng, flags);
-  s.rectangularToPolar = PickFrom(rng, flags);
-  const std::initializer_list<double> turns = {kTwoPi / 4, -kTwoPi / 2, kTwoPi, -kTwoPi, 2 * kTwoPi, 7e15};
-  s.angleOffset = effectDefaults || Chance(rng, 0.5) ? 0.0 : RandomDouble(rng, 0.4, -20.0, 20.0, turns);
-  return s;
-}
-
 // A column table in the case's own storage, made for width x height and s
 // (none for sizes that take none).
 void AttachColumnTable(PolarCase& c, const PolarizeSettings& s, int32_t width, int32_t height) {
@@ -177,7 +159,20 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
 // kernels must ignore (the reference never reads one).
 PolarCase RandomCase(Rng& rng, int index) {
   Layout l = RandomLayout(rng, 300, false);
-  PolarizeSettings settings = RandomSettings(rng);
+  // The effect's own settings and hand-built ones: bottom at the centre, other
+  // roundness, angle offsets, NaN and infinities. The parts fill the geometry
+  // in their own copies; what the block holds is never read.
+  const uint8_t flags[] = {0, 1, 1, 1, 2, 255};
+  const bool effectDefaults = Chance(rng, 0.4);
+  PolarizeSettings settings;
+  Scramble(rng, settings);  // the geometry: garbage
+  const std::initializer_list<double> roundness = {50.0, 99.5, 100.5, -50.0, 250.0};
+  settings.roundness = effectDefaults || Chance(rng, 0.6) ? 100.0 : RandomDouble(rng, 0.5, -100.0, 300.0, roundness);
+  settings.flipMapping = PickFrom(rng, flags);
+  settings.centerAtTop = effectDefaults || Chance(rng, 0.6) ? 1 : PickFrom(rng, flags);
+  settings.rectangularToPolar = PickFrom(rng, flags);
+  const std::initializer_list<double> turns = {kTwoPi / 4, -kTwoPi / 2, kTwoPi, -kTwoPi, 2 * kTwoPi, 7e15};
+  settings.angleOffset = effectDefaults || Chance(rng, 0.5) ? 0.0 : RandomDouble(rng, 0.4, -20.0, 20.0, turns);
   if (index % 200 == 7) {
     const std::pair<int32_t, int32_t> sizes[] = {{301, 203}, {256, 256}, {97, 515}, {640, 3}};
     const auto [width, height] = PickFrom(rng, sizes);

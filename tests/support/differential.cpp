@@ -16,9 +16,7 @@
 
 namespace rawfx::test {
 
-int64_t Uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
 double UniformReal(Rng& rng, double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); }
-bool Chance(Rng& rng, double p) { return std::bernoulli_distribution(p)(rng); }
 
 double RandomDouble(Rng& rng, double p, double lo, double hi, std::initializer_list<double> extras) {
   static constexpr double kExtremes[] = {0.0, -0.0, kTiny, -kTiny, 1e-300, -1e-300, 1e300, -1e300, kNaN, kInf, -kInf};
@@ -82,9 +80,12 @@ RawBitmap RecordOf(const Layout& l, int32_t pixelBytes, uint8_t alphaOffset) {
   return record;
 }
 
-PartPlan RandomParts(Rng& rng, int32_t height) {
-  PartPlan plan;
-  auto& ranges = plan.ranges;
+void RandomRun(Rng& rng, KernelCaseBase& c) {
+  const int32_t height = c.l.height;
+  c.mask = {static_cast<MaskValues>(Uniform(rng, 0, 3)), rng(), -1, {}};
+  if (height > 0 && Chance(rng, 0.1)) c.mask.cancelAtRow = Uniform(rng, 0, height - 1);
+  c.parts = {};
+  auto& ranges = c.parts.ranges;
   int32_t row = 0;
   if (height > 0 && Chance(rng, 0.3)) ranges.emplace_back(0, row = 1);
   const int64_t longest = Chance(rng, 0.5) ? Uniform(rng, 1, 12) : std::max(height, 1);
@@ -98,24 +99,10 @@ PartPlan RandomParts(Rng& rng, int32_t height) {
   if (Chance(rng, 0.1)) ranges.emplace_back(height, height / 2);  // reversed: empty
   if (height > 0 && Chance(rng, 0.1)) ranges = {{0, height}};
   if (Chance(rng, 0.3)) std::shuffle(ranges.begin(), ranges.end(), rng);
-  if (!ranges.empty() && Chance(rng, 0.15)) plan.cancelBefore = static_cast<int>(Uniform(rng, 0, ranges.size() - 1));
-  return plan;
+  if (!ranges.empty() && Chance(rng, 0.15)) c.parts.cancelBefore = static_cast<int>(Uniform(rng, 0, ranges.size() - 1));
 }
 
 namespace {
-
-// The mask's value: random high bits over the low 8 (16) that count.
-uint32_t MaskValue(const MaskPlan& mask, bool sixteenBit, int64_t row, int32_t x) {
-  if (!mask.columns.empty()) return mask.columns[x];
-  uint64_t h = mask.seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
-               (static_cast<uint64_t>(x) * 0xC2B2AE3D27D4EB4Full);
-  h = (h ^ (h >> 29)) * 0xBF58476D1CE4E5B9ull;
-  h ^= h >> 32;
-  const uint32_t full = sixteenBit ? 0xFFFFu : 0xFFu, low = static_cast<uint32_t>(h) & full;
-  // By MaskValues: Zero, Full, Extremes (0, full or anything by turns), Anything.
-  const uint32_t values[] = {0, full, h % 3 == 0 ? 0 : h % 3 == 1 ? full : low, low};
-  return (static_cast<uint32_t>(h >> 32) & ~full) | values[static_cast<int>(mask.values)];
-}
 
 struct RecordingMask {
   RawBitmapMaskData data;  // first: the kernels' pointer is this object
@@ -134,7 +121,17 @@ struct RecordingMask {
   static uint32_t Value(RawBitmapMaskData* m, MaskRowHandle handle, int32_t x) {
     const int64_t row = (static_cast<int64_t>(handle) - MaskHandle(0)) / (MaskHandle(1) - MaskHandle(0));
     Of(m).queries.push_back({row, static_cast<int64_t>(handle), x, Bits});
-    return MaskValue(Of(m).plan, Bits == 16, row, x);
+    // The value: random high bits over the low 8 (16) that count, or the column's.
+    const MaskPlan& mask = Of(m).plan;
+    if (!mask.columns.empty()) return mask.columns[x];
+    uint64_t h = mask.seed ^ (static_cast<uint64_t>(row) * 0x9E3779B97F4A7C15ull) ^
+                 (static_cast<uint64_t>(x) * 0xC2B2AE3D27D4EB4Full);
+    h = (h ^ (h >> 29)) * 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 32;
+    const uint32_t full = Bits == 16 ? 0xFFFFu : 0xFFu, low = static_cast<uint32_t>(h) & full;
+    // By MaskValues: Zero, Full, Extremes (0, full or anything by turns), Anything.
+    const uint32_t values[] = {0, full, h % 3 == 0 ? 0 : h % 3 == 1 ? full : low, low};
+    return (static_cast<uint32_t>(h >> 32) & ~full) | values[static_cast<int>(mask.values)];
   }
 };
 static_assert(std::is_standard_layout_v<RecordingMask>);

@@ -32,9 +32,9 @@ inline constexpr double kInf = std::numeric_limits<double>::infinity();
 inline constexpr double kTiny = std::numeric_limits<double>::denorm_min();
 inline constexpr double kOutside = kNaN;  // an expected source position off the bitmap: the background
 
-int64_t Uniform(Rng& rng, int64_t lo, int64_t hi);
+inline int64_t Uniform(Rng& rng, int64_t lo, int64_t hi) { return std::uniform_int_distribution<int64_t>(lo, hi)(rng); }
 double UniformReal(Rng& rng, double lo, double hi);
-bool Chance(Rng& rng, double p);
+inline bool Chance(Rng& rng, double p) { return std::bernoulli_distribution(p)(rng); }
 
 template <class T, size_t N>
 T PickFrom(Rng& rng, const T (&values)[N]) {
@@ -75,14 +75,12 @@ void Scramble(Rng& rng, T& value) {
   for (size_t i = 0; i < sizeof value; ++i) reinterpret_cast<uint8_t*>(&value)[i] = static_cast<uint8_t>(rng());
 }
 
-// Row ranges [first, end) and when cancel comes: as the engine cuts a bitmap
-// and worse (an odd first row, single rows, empty and reversed parts, one
-// part for all, any order), cancel set before part cancelBefore (-1: never).
+// Row ranges [first, end) and when cancel comes: cancel set before part
+// cancelBefore (-1: never).
 struct PartPlan {
   std::vector<std::pair<int32_t, int32_t>> ranges;
   int cancelBefore = -1;
 };
-PartPlan RandomParts(Rng& rng, int32_t height);
 
 // A mask that answers from a seeded hash (or, given columns, the value of
 // column x) and records every query. Asking for the row handle of cancelAtRow
@@ -114,9 +112,7 @@ struct Outcome {
 // Cases move but never copy: a block may point into their storage.
 struct KernelCaseBase {
   KernelCaseBase() = default;
-  KernelCaseBase(KernelCaseBase&&) = default;
-  KernelCaseBase& operator=(KernelCaseBase&&) = default;
-  virtual ~KernelCaseBase() = default;
+  KernelCaseBase(KernelCaseBase&&) = default;  // and so no copies
   // With the fast kernels or the reference ones.
   virtual Outcome Run(bool fast) const = 0;
 
@@ -165,6 +161,11 @@ struct KernelCase : KernelCaseBase {
   }
 };
 
+// Random mask values, a mask that may set cancel, and parts: as the engine
+// cuts a bitmap and worse (an odd first row, single rows, empty and reversed
+// parts, one part for all, any order), cancel now and then set before one.
+void RandomRun(Rng& rng, KernelCaseBase& c);
+
 // One case with the reference kernels, then with the fast ones on the AVX2
 // path and the portable one. Reports what differs, after label and the case,
 // counts a case where anything does in failures (if given) and returns what
@@ -191,9 +192,7 @@ void CheckRandomCases(uint64_t seed, int usual, Draw draw) {
   Rng rng(seed);
   for (int i = 0, failures = 0; i < count && failures < 5; ++i) {
     auto c = draw(rng, i);
-    c.mask = {static_cast<MaskValues>(Uniform(rng, 0, 3)), rng(), -1, {}};
-    if (c.l.height > 0 && Chance(rng, 0.1)) c.mask.cancelAtRow = Uniform(rng, 0, c.l.height - 1);
-    c.parts = RandomParts(rng, c.l.height);
+    RandomRun(rng, c);
     CheckedRun(c, "case " + std::to_string(i) + ": ", &failures);
   }
 }
