@@ -5,10 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
-#include <sstream>
 #include <type_traits>
 
 #include "imaging/cpu_dispatch.h"
