@@ -231,8 +231,8 @@ TEST(ToolImageFiles, GiveThePixelsBackAndRefuseEveryTruncation) {
 
 // Depth goes up exactly and comes back rounded; colour models map the primaries and
 // keep alpha where they have room for it. Each colour option as read ("rgb R G B A" or
-// "cmyk C M Y K A"), or the reason it is refused.
-TEST(ToolColours, ConvertBetweenModelsAndDepthsAndAreReadInEveryNotationOrRefusedWithTheReason) {
+// "cmyk C M Y K A"), or the reason it is refused. Then the progress bar's text.
+TEST(ToolColoursAndProgress, ConvertBetweenModelsAndDepthsReadEveryNotationAndShowProgressToFit) {
   const Image eight = TestImage(17, 3, Layout::RGBA, 8), sixteen = ConvertDepth(eight, 16);
   Image odd = Image::Blank(1, 2, Layout::Gray, 16), rgba = Image::Blank(3, 1, Layout::RGBA, 8);
   odd.setSample(0, 257 * 10 + 128), odd.setSample(1, 257 * 10 + 129);  // 10.498 down, 10.502 up
@@ -271,12 +271,9 @@ TEST(ToolColours, ConvertBetweenModelsAndDepthsAndAreReadInEveryNotationOrRefuse
     }
     EXPECT_NE(got.find(expected), std::string::npos) << text << " gave " << got;
   }
-}
-
-// A narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a
-// short one its start. A bar draws only when enabled (the tool's runs, to files, have none).
-TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
-  const std::tuple<const char*, int64_t, int64_t, double, int, const char*> cases[] = {
+  // The progress text in a narrow terminal: the bar shrinks, then goes, then a long label loses its middle, a short
+  // one its start. A bar draws only when enabled (the tool's runs, to files, have none).
+  const std::tuple<const char*, int64_t, int64_t, double, int, const char*> bars[] = {
       {"oil paint", 60, 240, 1.25, 80, "oil paint [######..................]  25%  60/240 rows  1.2 s"},
       {"x", 240, 240, 0, 80, "x [########################] 100%  240/240 rows  0.0 s"},
       {"reading", 5, 0, 0, 80, "reading  0.0 s"},  // rows not known yet
@@ -284,7 +281,7 @@ TEST(ToolProgressText, ShowsBarPercentRowsAndTimeOnlyWhenEnabled) {
       {"[2/3] b.png  polar", 1, 4, 0, 40, "[2/3] b.png  polar  25%  1/4 rows  0.0 s"},
       {"[2/3] b.png  polar", 1, 4, 0, 30, "g  polar  25%  1/4 rows  0.0 s"},
       {"[12/20] holiday-photo-0042.png  oil paint", 1, 4, 0, 50, "[12/20] holi...ng  oil paint  25%  1/4 rows  0.0 s"}};
-  for (const auto& [label, done, total, seconds, width, text] : cases)
+  for (const auto& [label, done, total, seconds, width, text] : bars)
     EXPECT_EQ(ProgressBar::Render(label, done, total, seconds, width), text);
   std::FILE* sink = std::tmpfile();
   ProgressBar(true, "x", sink).update(1, 2);
@@ -593,27 +590,6 @@ TEST(ToolSignals, EndARunAtAnyPhaseLeavingTheOldOutput) {
   }
 }
 
-// A camera picture with its orientation, a photographer's EXIF (300 dpi), XMP, IPTC and
-// the header of an RGB colour profile padded to its declared size (256 bytes, big-endian).
-void MakePhoto(const std::string& path, const Image& stored, int orientation) {
-  Save(stored, path);
-  const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
-  Exiv2::ExifData& exif = image->exifData();
-  exif["Exif.Image.Orientation"] = std::to_string(orientation);
-  exif["Exif.Image.Artist"] = "A. Photographer";
-  exif["Exif.Image.XResolution"] = "300/1";
-  exif["Exif.Image.YResolution"] = "300/1";
-  exif["Exif.Image.ResolutionUnit"] = "2";
-  exif["Exif.GPSInfo.GPSLatitudeRef"] = "N";
-  image->xmpData()["Xmp.dc.rights"] = "CC0";
-  image->iptcData()["Iptc.Application2.Keywords"] = "coffee";
-  std::string icc(256, '\0');
-  icc[2] = 1, icc.replace(16, 8, "RGB XYZ "), icc.replace(36, 4, "acsp");
-  Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte*>(icc.data()), long(icc.size()));
-  image->setIccProfile(profile);
-  image->writeMetadata();
-}
-
 // What a file carries of the photo's metadata, as one line (a missing item is empty).
 std::string Carried(const std::string& path) {
   const Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
@@ -650,7 +626,24 @@ TEST(ToolOutputs, KeepTheMetadataWithThePictureTurnedUprightAndFollowTheEncoding
   for (int orientation = 1; orientation <= 8; ++orientation) {
     const std::string in = orientation <= 4 ? "in.jpg" : "in.png";
     const std::string type = std::vector<std::string>{"jpg", "png", "tif", "webp"}[(orientation - 1) % 4];
-    MakePhoto(scratch / in, TestImage(30, 20, Layout::RGB, 8, true), orientation);
+    // A camera picture with its orientation, a photographer's EXIF (300 dpi), XMP, IPTC and the header of an RGB
+    // colour profile padded to its declared size (256 bytes, big-endian).
+    Save(TestImage(30, 20, Layout::RGB, 8, true), scratch / in);
+    const Exiv2::Image::AutoPtr photo = Exiv2::ImageFactory::open(scratch / in);
+    Exiv2::ExifData& exif = photo->exifData();
+    exif["Exif.Image.Orientation"] = std::to_string(orientation);
+    exif["Exif.Image.Artist"] = "A. Photographer";
+    exif["Exif.Image.XResolution"] = "300/1";
+    exif["Exif.Image.YResolution"] = "300/1";
+    exif["Exif.Image.ResolutionUnit"] = "2";
+    exif["Exif.GPSInfo.GPSLatitudeRef"] = "N";
+    photo->xmpData()["Xmp.dc.rights"] = "CC0";
+    photo->iptcData()["Iptc.Application2.Keywords"] = "coffee";
+    std::string icc(256, '\0');
+    icc[2] = 1, icc.replace(16, 8, "RGB XYZ "), icc.replace(36, 4, "acsp");
+    Exiv2::DataBuf profile(reinterpret_cast<const Exiv2::byte*>(icc.data()), long(icc.size()));
+    photo->setIccProfile(profile);
+    photo->writeMetadata();
     ExpectRuns(scratch, {{"interlace -q " + in + " out." + type + (type == "webp" ? " --lossless" : ""), 0, ""},
                          {"info out." + type, 0, "resolution: 300 x 300 dpi"}});
     const Image image = ReadImage(scratch / ("out." + type)).image,
