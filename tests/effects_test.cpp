@@ -79,6 +79,12 @@ void* operator new(size_t size) {
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
 void operator delete(void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
+// The array forms too: the sanitizer runtimes give them their own allocator
+// instead of passing them on to the forms above.
+void* operator new[](size_t size) { return operator new(size); }
+void* operator new[](size_t size, const std::nothrow_t&) noexcept { return Allocate(size, true); }
+void operator delete[](void* p) noexcept { Release(p); }
+void operator delete[](void* p, size_t) noexcept { Release(p); }
 
 namespace {
 
