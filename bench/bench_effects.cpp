@@ -20,10 +20,7 @@
 #include "effects/interlace/interlace_kernels.h"
 #include "effects/oilpaint/oilpaint_class.h"
 #include "effects/polar/polar_kernels.h"
-#include "support/barrel_reference.h"
-#include "support/interlace_reference.h"
-#include "support/oilpaint_kernel_reference.h"
-#include "support/polar_reference.h"
+#include "support/references.h"
 
 namespace {
 
@@ -188,8 +185,8 @@ void InterlaceParts(benchmark::State& state, Kernels kernels, int channels, bool
   params.interlaceAlpha = 1;
   DefaultBackground(rawfx::bench::FormatWith(channels, alpha), bits, params.channelValues);
   TimeParts(state, params,
-            bits == 8 ? Pick(kernels, InterlacePart, rawfx::reference::InterlacePart)
-                      : Pick(kernels, InterlacePart16, rawfx::reference::InterlacePart16));
+            Pick(kernels, bits == 8 ? InterlacePart : InterlacePart16,
+                 rawfx::reference::kInterlaceParts[bits == 16][0]));
 }
 
 // Runs get the table the class makes for them (the reference kernels ignore
@@ -217,8 +214,8 @@ void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alp
   std::vector<double> tableStorage(PolarColumnTableBytes(kSide, kSide) / sizeof(double) + 1);
   if (!toPolar) params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, side, side);
   TimeParts(state, params,
-            bits == 8 ? Pick(kernels, PolarCoordinatesPart, rawfx::reference::PolarCoordinatesPart)
-                      : Pick(kernels, PolarCoordinatesPart16, rawfx::reference::PolarCoordinatesPart16));
+            Pick(kernels, bits == 8 ? PolarCoordinatesPart : PolarCoordinatesPart16,
+                 rawfx::reference::kPolarParts[bits == 16][0]));
 }
 
 // The class keeps its block in its instance data and fills it on Apply: one
@@ -232,14 +229,9 @@ void BarrelParts(benchmark::State& state, Kernels kernels, int channels, bool al
       static_cast<BarrelDistortionData*>(host.ClassData(effect, "BarrelDistortEffectRaw"))->params;
   host.Unlock(effect);
   run.FillHead(params.head);
-  PartFunction part =
-      bits == 8 ? (interpolate ? Pick(kernels, BarrelDistortInterpolate8BitPart,
-                                      rawfx::reference::BarrelDistortInterpolate8BitPart)
-                               : Pick(kernels, BarrelDistort8BitPart, rawfx::reference::BarrelDistort8BitPart))
-                : (interpolate ? Pick(kernels, BarrelDistortInterpolate16BitPart,
-                                      rawfx::reference::BarrelDistortInterpolate16BitPart)
-                               : Pick(kernels, BarrelDistort16BitPart, rawfx::reference::BarrelDistort16BitPart));
-  TimeParts(state, params, part);
+  const PartFunction shipped = bits == 8 ? (interpolate ? BarrelDistortInterpolate8BitPart : BarrelDistort8BitPart)
+                                         : (interpolate ? BarrelDistortInterpolate16BitPart : BarrelDistort16BitPart);
+  TimeParts(state, params, Pick(kernels, shipped, rawfx::reference::kBarrelParts[bits == 16][interpolate]));
 }
 
 void OilPaintParts(benchmark::State& state, Kernels kernels, int brush) {
@@ -251,7 +243,7 @@ void OilPaintParts(benchmark::State& state, Kernels kernels, int brush) {
                                  *run.fixture.view().record, params);
   host.Unlock(effect);
   run.FillHead(params.head);
-  TimeParts(state, params, Pick(kernels, OilPaintPart8bit, rawfx::reference::OilPaintPart8bit));
+  TimeParts(state, params, Pick(kernels, OilPaintPart8bit, rawfx::reference::kOilPaintParts[0][0]));
 }
 
 // The rows' names tell shipped kernels from reference ones.

@@ -32,10 +32,7 @@
 
 #include "effects/oilpaint/oilpaint_class.h"
 #include "host/host.h"
-#include "support/barrel_reference.h"
-#include "support/interlace_reference.h"
-#include "support/oilpaint_kernel_reference.h"
-#include "support/polar_reference.h"
+#include "support/references.h"
 
 namespace {
 
@@ -103,31 +100,27 @@ struct EffectRow {
   const char* className;
   size_t paramsBytes;
   std::vector<Method> methods;  // one input byte picks among more than one
-  // The reference kernel by depth (8, 16) and variant (plain, then masked for
-  // interlace and oil paint, interpolating for barrel).
-  const PartFunction* parts[2][2];
+  const ref::PartTable* parts;  // the reference kernels
 };
 
 const EffectRow kEffects[] = {
     {"InterlaceEffectRaw",
      sizeof(InterlaceParams),
      {Method::Apply, Method::InPlace},
-     {{&ref::InterlacePart, &ref::InterlaceMaskPart}, {&ref::InterlacePart16, &ref::InterlaceMaskPart16}}},
+     &ref::kInterlaceParts},
     {"PolarCoordinatesEffectRaw",
      sizeof(PolarCoordinatesParams),
      {Method::Apply, Method::PolarApply4, Method::Async},
-     {{&ref::PolarCoordinatesPart, &ref::PolarCoordinatesPart},
-      {&ref::PolarCoordinatesPart16, &ref::PolarCoordinatesPart16}}},
+     &ref::kPolarParts},
     {"BarrelDistortEffectRaw",
      sizeof(BarrelDistortionParams),
      {Method::Apply, Method::Async},
-     {{&ref::BarrelDistort8BitPart, &ref::BarrelDistortInterpolate8BitPart},
-      {&ref::BarrelDistort16BitPart, &ref::BarrelDistortInterpolate16BitPart}}},
+     &ref::kBarrelParts},
     // Oil paint refuses 16-bit sources before any kernel.
     {"OilPaintEffectRaw",
      sizeof(OilPaintParams),
      {Method::Apply},
-     {{&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}, {&ref::OilPaintPart8bit, &ref::OilPaintMaskPart8bit}}},
+     &ref::kOilPaintParts},
 };
 enum { kInterlace, kPolar, kBarrel, kOilPaint };  // rows of kEffects
 
@@ -271,7 +264,7 @@ void CheckAgainstReference(Host& host, Run& run, const std::vector<uint8_t>& sou
   head.dstPixels = expected;
   head.progress = head.cancel = 0;
   const bool variant = run.call.mask != nullptr || (run.index == kBarrel && host.Get<bool>(run.object, "Interpolate"));
-  const PartFunction part = *run.row->parts[head.srcBitmap->bitsPerChannel == 16][variant];
+  const PartFunction part = (*run.row->parts)[head.srcBitmap->bitsPerChannel == 16][variant];
   for (const MPParamBlock& engines : run.parts) {
     MPParamBlock mine{engines.firstRow, engines.endRow, 0, {}, run.params.data()};
     part(&mine);

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "effects/barrel/barrel_kernels.h"
-#include "support/barrel_reference.h"
+#include "support/references.h"
 #include "support/differential.h"
 
 namespace {
@@ -21,12 +21,9 @@ using namespace BarrelKeystone;
 using namespace rawfx::test;
 using BarrelCase = KernelCase<BarrelDistortionParams>;
 
-// Part functions by kernels (reference, fast), depth (8, 16 bits) and sampling (nearest, bilinear).
-const PartFunction kParts[2][2][2] = {
-    {{rawfx::reference::BarrelDistort8BitPart, rawfx::reference::BarrelDistortInterpolate8BitPart},
-     {rawfx::reference::BarrelDistort16BitPart, rawfx::reference::BarrelDistortInterpolate16BitPart}},
-    {{BarrelDistort8BitPart, BarrelDistortInterpolate8BitPart},
-     {BarrelDistort16BitPart, BarrelDistortInterpolate16BitPart}}};
+// The fast part functions by depth (8, 16 bits) and sampling (nearest, bilinear).
+const PartFunction kFast[2][2] = {{BarrelDistort8BitPart, BarrelDistortInterpolate8BitPart},
+                                  {BarrelDistort16BitPart, BarrelDistortInterpolate16BitPart}};
 
 // The block's matrix (row by row), distortion, distortion + 1 and centre.
 void SetBlock(BarrelDistortionParams& p, const std::array<double, 9>& matrix, double distortion, double cx, double cy) {
@@ -73,7 +70,7 @@ TEST(BarrelKernels, PixelsSampleTheDocumentedPositions) {
              c.width * 0.5, c.height * 0.5);
     k.params.keystone[k20] += c.shift / k.params.centerX;
     for (int ch : {0, 1}) k.params.backColor16[ch] = static_cast<uint16_t>(256 * (ch ? c.height : c.width));
-    k.Use(kParts, c.bilinear);
+    k.Use(rawfx::reference::kBarrelParts, kFast, c.bilinear);
     k.parts.ranges = {{c.y, c.y + 1}};
     const Outcome out = CheckedRun(k);
     EXPECT_EQ(k.Result(out, c.x, c.y, 0), 256 * (std::isnan(c.sx) ? c.width : c.sx));
@@ -128,7 +125,7 @@ BarrelCase NewCase(Rng& rng, const Layout& l, bool bilinear) {
   c.source = RandomBytes(rng, static_cast<size_t>(l.srcRowBytes) * std::max(l.height, 0), true);
   c.destination = RandomBytes(rng, static_cast<size_t>(l.dstRowBytes) * std::max(l.height, 0) + 16);
   Scramble(rng, c.params);
-  c.Use(kParts, bilinear);
+  c.Use(rawfx::reference::kBarrelParts, kFast, bilinear);
   return c;
 }
 

@@ -21,11 +21,8 @@
 #include "effects/interlace/interlace_kernels.h"
 #include "effects/oilpaint/oilpaint_class.h"
 #include "effects/polar/polar_kernels.h"
-#include "support/barrel_reference.h"
+#include "support/references.h"
 #include "support/host_fixture.h"
-#include "support/interlace_reference.h"
-#include "support/oilpaint_kernel_reference.h"
-#include "support/polar_reference.h"
 
 // ---- allocations of one watched size ----------------------------------------------
 // The module takes an asynchronous block (followed by its column table when
@@ -498,7 +495,8 @@ TEST_F(Effects, InterlaceRunsMatchTheReferenceKernels) {
     for (const uint8_t colour : {record.redOffset, record.greenOffset, record.blueOffset})
       params.channelValues[colour] = 0;
     params.channelValues[record.alphaOffset] = 255;
-    ExpectMatchesReference(effect, source, &params, ref::InterlacePart, Method::InPlace, {2, 13, nullptr, false});
+    ExpectMatchesReference(effect, source, &params, ref::kInterlaceParts[0][0], Method::InPlace,
+                           {2, 13, nullptr, false});
     record.bitsPerChannel = 16;
   }
   REALobject mask = Keep(host.NewMask(NewSource(7, 9, kRGBA, 8, 99), false, 1));
@@ -520,8 +518,7 @@ TEST_F(Effects, InterlaceRunsMatchTheReferenceKernels) {
       std::copy(background.begin(), background.end(), params.channelValues);
       for (bool masked : {true, false}) {
         host.Set<REALobject>(effect, "Mask", masked ? mask : nullptr);
-        const PartFunction reference = bits == 8 ? (masked ? ref::InterlaceMaskPart : ref::InterlacePart)
-                                                 : (masked ? ref::InterlaceMaskPart16 : ref::InterlacePart16);
+        const PartFunction reference = ref::kInterlaceParts[bits == 16][masked];
         for (int64_t types = 0; types < 9; ++types) {
           SCOPED_TRACE(testing::Message() << "format " << look.format << ", " << bits << " bits, types " << types / 3
                                           << "/" << types % 3 << ", masked " << masked);
@@ -602,7 +599,7 @@ TEST_F(Effects, PolarRunsMatchTheReferenceKernels) {
     const size_t tableBytes = row.toPolar ? 0 : PolarColumnTableBytes(kWidth, kHeight);
     Watch(row.via == Method::Async ? kBlockSize + tableBytes : tableBytes);
     ExpectMatchesReference(
-        effect, source, &params, row.bits == 8 ? ref::PolarCoordinatesPart : ref::PolarCoordinatesPart16, row.via,
+        effect, source, &params, ref::kPolarParts[row.bits == 16][0], row.via,
         {2, row.bits == 8 ? 13 : 14, nullptr, true}, [&] {
           return row.arguments ? Apply4(effect, source, row.toPolar, row.flip, colour) : Run(row.via, effect, source);
         });
@@ -661,9 +658,7 @@ TEST_F(Effects, BarrelRunsMatchTheReferenceKernels) {
     params.centerY = static_cast<double>(row.height) * 0.5;
     params.distortionPlusOne = row.distortion + 1.0;
     SetBackground(params, Keep(host.Get<REALobject>(effect, "BackColor")), row.format, row.bits, true);
-    const PartFunction reference =
-        row.bits == 8 ? (row.interpolate ? ref::BarrelDistortInterpolate8BitPart : ref::BarrelDistort8BitPart)
-                      : (row.interpolate ? ref::BarrelDistortInterpolate16BitPart : ref::BarrelDistort16BitPart);
+    const PartFunction reference = ref::kBarrelParts[row.bits == 16][row.interpolate];
     for (Method via : {Method::Apply, Method::Async}) {
       const rawfx::host::Host::AsyncCounts before = host.asyncCounts();
       ExpectMatchesReference(effect, source, &params, reference, via, {3, row.bits == 8 ? 13 : 14, nullptr, true});
@@ -712,8 +707,8 @@ TEST_F(Effects, OilPaintRunsMatchTheReferenceKernels) {
     params.redOffset = info.red;
     params.greenOffset = info.green;
     params.blueOffset = info.blue;
-    ExpectMatchesReference(effect, source, &params, masked ? ref::OilPaintMaskPart8bit : ref::OilPaintPart8bit,
-                           Method::Apply, {3, 5, masked ? mask : nullptr, false});
+    ExpectMatchesReference(effect, source, &params, ref::kOilPaintParts[0][masked], Method::Apply,
+                           {3, 5, masked ? mask : nullptr, false});
   }
 }
 

@@ -13,18 +13,15 @@
 
 #include "effects/interlace/interlace_kernels.h"
 #include "support/differential.h"
-#include "support/interlace_reference.h"
+#include "support/references.h"
 
 namespace {
 
 using namespace rawfx::test;
 using InterlaceCase = KernelCase<InterlaceParams>;
 
-// Part functions by kernels (reference, fast), depth (8, 16 bits) and mask (without, with).
-const PartFunction kParts[2][2][2] = {
-    {{rawfx::reference::InterlacePart, rawfx::reference::InterlaceMaskPart},
-     {rawfx::reference::InterlacePart16, rawfx::reference::InterlaceMaskPart16}},
-    {{InterlacePart, InterlaceMaskPart}, {InterlacePart16, InterlaceMaskPart16}}};
+// The fast part functions by depth (8, 16 bits) and mask (without, with).
+const PartFunction kFast[2][2] = {{InterlacePart, InterlaceMaskPart}, {InterlacePart16, InterlaceMaskPart16}};
 
 // Source samples lie below 100, colours above 200 (40000 at 16 bits) and the
 // untouched destination holds 0xA5 bytes, so every pixel can be told apart;
@@ -37,7 +34,7 @@ InterlaceCase Block(int sb, bool masked, int width, int height, int channels = 3
   c.Block(width, height, sb, channels, 2, sample);
   for (int ch = 0; ch < kMaxChannels; ++ch) c.params.channelValues[ch] = sb == 1 ? 201 + ch : 40001 + 1000 * ch;
   c.masked = masked;
-  c.Use(kParts, masked);
+  c.Use(rawfx::reference::kInterlaceParts, kFast, masked);
   return c;
 }
 
@@ -174,7 +171,7 @@ InterlaceCase RandomCase(Rng& rng, int index) {
   const int32_t values[] = {-1, 0, 65535};
   for (int32_t& v : p.channelValues)
     v = Chance(rng, 0.3) ? PickFrom(rng, values) : static_cast<int32_t>(Uniform(rng, INT32_MIN, INT32_MAX));
-  c.Use(kParts, c.masked);
+  c.Use(rawfx::reference::kInterlaceParts, kFast, c.masked);
   c.settings = Describe(packed ? "packed, " : "", "alpha ", int{alpha}, ", interlaceAlpha ", int{p.interlaceAlpha},
                         ", types ", p.horizontalType, "/", p.verticalType);
   return c;

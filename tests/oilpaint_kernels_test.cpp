@@ -14,7 +14,7 @@
 
 #include "effects/oilpaint/oilpaint_kernels.h"
 #include "support/differential.h"
-#include "support/oilpaint_kernel_reference.h"
+#include "support/references.h"
 
 namespace {
 
@@ -23,9 +23,8 @@ using Rgb = std::array<uint8_t, 3>;
 using Offsets = std::array<int32_t, 3>;  // of red, green and blue in the pixel
 using OilPaintCase = KernelCase<OilPaintParams>;
 
-// Part functions by kernels (reference, fast), depth (8 bits only) and mask (without, with).
-const PartFunction kParts[2][1][2] = {{{rawfx::reference::OilPaintPart8bit, rawfx::reference::OilPaintMaskPart8bit}},
-                                      {{OilPaintPart8bit, OilPaintMaskPart8bit}}};
+// The fast part functions by depth (8 bits, repeated) and mask (without, with).
+const PartFunction kFast[2][2] = {{OilPaintPart8bit, OilPaintMaskPart8bit}, {OilPaintPart8bit, OilPaintMaskPart8bit}};
 
 constexpr Rgb kBlack{0, 0, 0}, kWhite{255, 255, 255};
 constexpr Offsets kRGB{0, 1, 2}, kBGR{2, 1, 0}, kGrey{0, 0, 0};
@@ -45,7 +44,7 @@ OilPaintCase Frame(bool masked, int width, int height, Offsets rgb, float smooth
   c.params.smoothness = smoothness;
   c.params.maxLevel = static_cast<int16_t>(smoothness * 255.0f);
   c.params.brushSize = static_cast<uint8_t>(brush);
-  c.Use(kParts, masked);
+  c.Use(rawfx::reference::kOilPaintParts, kFast, masked);
   for (size_t x = 0; x < row.size(); ++x)
     for (int i = 0; i < 3; ++i) c.SetSource(static_cast<int>(x), 0, rgb[i], row[x][i]);
   return c;

@@ -15,7 +15,7 @@
 #include "effects/polar/polar_kernels.h"
 #include "imaging/cpu_dispatch.h"
 #include "support/differential.h"
-#include "support/polar_reference.h"
+#include "support/references.h"
 
 namespace {
 
@@ -24,10 +24,9 @@ using PolarCase = KernelCase<PolarCoordinatesParams>;
 
 constexpr double kTwoPi = 6.283185307179586;
 
-// Part functions by kernels (reference, fast) and depth (8, 16 bits).
-const PartFunction kParts[2][2][1] = {
-    {{rawfx::reference::PolarCoordinatesPart}, {rawfx::reference::PolarCoordinatesPart16}},
-    {{PolarCoordinatesPart}, {PolarCoordinatesPart16}}};
+// The fast part functions by depth (8, 16 bits), as one variant.
+const PartFunction kFast[2][2] = {{PolarCoordinatesPart, PolarCoordinatesPart},
+                                  {PolarCoordinatesPart16, PolarCoordinatesPart16}};
 
 // The effect's options (or others where a case changes them), with the
 // geometry that a part fills in.
@@ -45,7 +44,7 @@ PolarCase Block(const PolarizeSettings& s, int channels, int sb, int background,
   c.params.settings = s;
   std::fill_n(c.params.backColor8, std::size(c.params.backColor8), static_cast<uint8_t>(background));
   std::fill_n(c.params.backColor16, std::size(c.params.backColor16), static_cast<uint16_t>(background));
-  c.Use(kParts);
+  c.Use(rawfx::reference::kPolarParts, kFast);
   return c;
 }
 
@@ -146,7 +145,7 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
-  c.Use(kParts);
+  c.Use(rawfx::reference::kPolarParts, kFast);
   c.settings = Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping},
                         " centerAtTop ", int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ",
                         settings.angleOffset);

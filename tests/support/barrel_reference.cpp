@@ -1,11 +1,9 @@
 // Written from the effect's description: every pixel mapped on its own, in the
 // written order of operations, sampled nearest or bilinear.
-#include "support/barrel_reference.h"
+#include "support/references.h"
 
 #include <cmath>
 #include <cstring>
-
-#include "support/reference_rows.h"
 
 namespace rawfx::reference {
 namespace {
@@ -80,9 +78,7 @@ void* Barrel(void* block) {
 
 }  // namespace
 
-const PartFunction BarrelDistort8BitPart = Barrel<uint8_t, false>;
-const PartFunction BarrelDistortInterpolate8BitPart = Barrel<uint8_t, true>;
-const PartFunction BarrelDistort16BitPart = Barrel<uint16_t, false>;
-const PartFunction BarrelDistortInterpolate16BitPart = Barrel<uint16_t, true>;
+const PartTable kBarrelParts = {{Barrel<uint8_t, false>, Barrel<uint8_t, true>},
+                                {Barrel<uint16_t, false>, Barrel<uint16_t, true>}};
 
 }  // namespace rawfx::reference

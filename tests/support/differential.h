@@ -147,13 +147,11 @@ template <class Params>
 struct KernelCase : KernelCaseBase {
   Params params{};
   PartFunction reference = nullptr, fast = nullptr;
-  // The part functions of table by kernels (reference, fast), depth (8, 16
-  // bits; a table of one depth serves all) and variant.
-  template <size_t Depths, size_t Variants>
-  void Use(const PartFunction (&table)[2][Depths][Variants], size_t variant = 0) {
-    const size_t depth = Depths == 1 ? 0 : static_cast<size_t>(this->l.sampleBytes - 1);
-    reference = table[0][depth][variant];
-    fast = table[1][depth][variant];
+  // The part functions of the reference and the fast table, both by depth (8, 16 bits) and variant.
+  void Use(const PartFunction (&references)[2][2], const PartFunction (&fastParts)[2][2], size_t variant = 0) {
+    const size_t depth = static_cast<size_t>(this->l.sampleBytes - 1);
+    reference = references[depth][variant];
+    fast = fastParts[depth][variant];
   }
   Outcome Run(bool fastKernels) const override {
     Params block = params;

@@ -1,7 +1,5 @@
 // Written from the effect's description, pixel by pixel and channel by channel.
-#include "support/interlace_reference.h"
-
-#include "support/reference_rows.h"
+#include "support/references.h"
 
 namespace rawfx::reference {
 namespace {
@@ -51,9 +49,7 @@ void* Interlace(void* block) {
 
 }  // namespace
 
-const PartFunction InterlacePart = Interlace<uint8_t, false>;
-const PartFunction InterlaceMaskPart = Interlace<uint8_t, true>;
-const PartFunction InterlacePart16 = Interlace<uint16_t, false>;
-const PartFunction InterlaceMaskPart16 = Interlace<uint16_t, true>;
+const PartTable kInterlaceParts = {{Interlace<uint8_t, false>, Interlace<uint8_t, true>},
+                                   {Interlace<uint16_t, false>, Interlace<uint16_t, true>}};
 
 }  // namespace rawfx::reference

@@ -1,10 +1,8 @@
-#include "support/polar_reference.h"
+#include "support/references.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
-
-#include "support/reference_rows.h"
 
 namespace rawfx::reference {
 namespace {
@@ -174,7 +172,6 @@ bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double
   return true;
 }
 
-const PartFunction PolarCoordinatesPart = Polar<uint8_t>;
-const PartFunction PolarCoordinatesPart16 = Polar<uint16_t>;
+const PartTable kPolarParts = {{Polar<uint8_t>, Polar<uint8_t>}, {Polar<uint16_t>, Polar<uint16_t>}};
 
 }  // namespace rawfx::reference

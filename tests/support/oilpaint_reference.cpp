@@ -1,10 +1,8 @@
 // Written from the effect's description: every pixel gathers its whole
 // neighbourhood into a fresh histogram and scans every bin.
-#include "support/oilpaint_kernel_reference.h"
+#include "support/references.h"
 
 #include <algorithm>
-
-#include "support/reference_rows.h"
 
 namespace rawfx::reference {
 namespace {
@@ -66,7 +64,6 @@ void* OilPaintPart(void* block) {
 
 }  // namespace
 
-const PartFunction OilPaintPart8bit = OilPaintPart<false>;
-const PartFunction OilPaintMaskPart8bit = OilPaintPart<true>;
+const PartTable kOilPaintParts = {{OilPaintPart<false>, OilPaintPart<true>}, {OilPaintPart<false>, OilPaintPart<true>}};
 
 }  // namespace rawfx::reference
