@@ -117,14 +117,36 @@ RAWFX_SIMD_FN void Fill(const NearestPlan& plan, int channels) {
     CopyPixel<Sample, kChannels>(plan.template At<kListed>(i), plan.from[i], channels);
 }
 
-// Per channel, with the samples as doubles: upper = (tr - tl) fx + tl,
-// lower = (br - bl) fx + bl, value = (lower - upper) fy + upper, stored
-// truncated. With both weights +0 (all bits clear) that is the top-left pixel
-// exactly, so it is copied; a -0 weight takes the blend, which gives the same.
+// Per sample, as doubles: upper = (tr - tl) fx + tl, lower = (br - bl) fx + bl,
+// value = (lower - upper) fy + upper, stored truncated.
+RAWFX_SIMD_FN Vd Blend(Vd tl, Vd tr, Vd bl, Vd br, Vd fx, Vd fy) {
+  const Vd upper = (tr - tl) * fx + tl;
+  const Vd lower = (br - bl) * fx + bl;
+  return (lower - upper) * fy + upper;
+}
+
+// Where whole pixels fill a lane group together (two four-sample pixels in
+// eight lanes), they are blended a group at a time. Otherwise pixel by pixel,
+// a lane group of its samples at a time; with both weights +0 (all bits clear)
+// the blend is the top-left pixel exactly, so it is copied (a -0 weight takes
+// the blend, which gives the same).
 template <class Sample, int kChannels, bool kListed>
 RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
+  constexpr int kGroup = kChannels > 0 && kLanes % kChannels == 0 ? kLanes / kChannels : 1;
   const int channels = kChannels > 0 ? kChannels : runtimeChannels;
-  for (int i = 0; i < plan.count; ++i) {
+  int i = 0;
+  if constexpr (kGroup > 1) {
+    for (; i + kGroup <= plan.count; i += kGroup) {
+      uint8_t* out[kGroup];
+      for (int p = 0; p < kGroup; ++p) out[p] = plan.template At<kListed>(i + p);
+      StorePixels<Sample, kChannels>(
+          out, Blend(LoadPixels<Sample, kChannels>(plan.topLeft + i), LoadPixels<Sample, kChannels>(plan.topRight + i),
+                     LoadPixels<Sample, kChannels>(plan.bottomLeft + i),
+                     LoadPixels<Sample, kChannels>(plan.bottomRight + i), SpreadWeights<kChannels>(plan.fx + i),
+                     SpreadWeights<kChannels>(plan.fy + i)));
+    }
+  }
+  for (; i < plan.count; ++i) {
     uint8_t* out = plan.template At<kListed>(i);
     if ((rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fx + i)) |
          rawfx::simd::LoadWord<uint64_t>(reinterpret_cast<const uint8_t*>(plan.fy + i))) == 0) {
@@ -136,14 +158,12 @@ RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
     for (int c = 0; c < channels; c += kLanes) {
       const int count = std::min(kLanes, channels - c);
       const int64_t at = c * int64_t{sizeof(Sample)};
-      const Vd tl = LoadSamples<Sample>(plan.topLeft[i] + at, count);
-      const Vd tr = LoadSamples<Sample>(plan.topRight[i] + at, count);
-      const Vd bl = LoadSamples<Sample>(plan.bottomLeft[i] + at, count);
-      const Vd br = LoadSamples<Sample>(plan.bottomRight[i] + at, count);
-      const Vd upper = (tr - tl) * fx + tl;
-      const Vd lower = (br - bl) * fx + bl;
-      const Vd value = (lower - upper) * fy + upper;
-      StoreSamples<Sample>(out + at, value, count);
+      StoreSamples<Sample>(out + at,
+                           Blend(LoadSamples<Sample>(plan.topLeft[i] + at, count),
+                                 LoadSamples<Sample>(plan.topRight[i] + at, count),
+                                 LoadSamples<Sample>(plan.bottomLeft[i] + at, count),
+                                 LoadSamples<Sample>(plan.bottomRight[i] + at, count), fx, fy),
+                           count);
     }
   }
 }

@@ -3,7 +3,8 @@
 //
 // A kernel's arithmetic is written once, as a text over a lane set, and that
 // text is compiled once per path: a kernel file has imaging/simd_paths.h include
-// it with RAWFX_SIMD_PATH defined as portable, then (on x86-64) as avx2. The text opens
+// it with RAWFX_SIMD_PATH defined as portable, then (on x86-64) as avx2 and, for
+// the texts that have a wide form (the warps), as avx512. The text opens
 // `namespace RAWFX_SIMD_PATH`, uses `rawfx::simd::RAWFX_SIMD_PATH` (the lane
 // set) and marks its functions RAWFX_SIMD_FN (inlined helpers) or
 // RAWFX_SIMD_ENTRY (what the dispatch picks), which carry the path's target
@@ -27,13 +28,23 @@
 // RAWFX_PORTABLE_ONLY builds the portable path alone, as on other CPUs.
 #if defined(__x86_64__) && !defined(RAWFX_PORTABLE_ONLY)
 #define RAWFX_SIMD_X86 1
+// GCC 12 takes the deliberately undefined vectors inside its AVX-512 headers for
+// uninitialised values once they are inlined (fixed in GCC 13).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #else
 #define RAWFX_SIMD_X86 0
 #endif
 
 #define RAWFX_ALWAYS_INLINE __attribute__((always_inline)) inline
 #define RAWFX_TARGET_AVX2 __attribute__((target("avx2")))
+#define RAWFX_TARGET_AVX512 __attribute__((target("avx2,avx512f,avx512vl,avx512bw,avx512dq")))
 
 #define RAWFX_SIMD_CAT2(a, b) a##b
 #define RAWFX_SIMD_CAT(a, b) RAWFX_SIMD_CAT2(a, b)
@@ -41,13 +52,18 @@
 #define RAWFX_SIMD_FN_avx2 RAWFX_ALWAYS_INLINE RAWFX_TARGET_AVX2
 #define RAWFX_SIMD_ENTRY_portable
 #define RAWFX_SIMD_ENTRY_avx2 RAWFX_TARGET_AVX2
+#define RAWFX_SIMD_FN_avx512 RAWFX_ALWAYS_INLINE RAWFX_TARGET_AVX512
+#define RAWFX_SIMD_ENTRY_avx512 RAWFX_TARGET_AVX512
 #define RAWFX_SIMD_FN RAWFX_SIMD_CAT(RAWFX_SIMD_FN_, RAWFX_SIMD_PATH)
 #define RAWFX_SIMD_ENTRY RAWFX_SIMD_CAT(RAWFX_SIMD_ENTRY_, RAWFX_SIMD_PATH)
 
-// The instance of a path-compiled function for the running CPU: the AVX2 one
-// where the processor and the OS support it (and tests have not turned it off).
+// The instance of a path-compiled function for the running CPU: the widest one
+// the processor and the OS support (and tests have not excluded).
 #if RAWFX_SIMD_X86
-#define RAWFX_PICK_PATH(...) (::rawfx::cpu::UseAVX2() ? avx2::__VA_ARGS__ : portable::__VA_ARGS__)
+#define RAWFX_PICK_PATH(...)                                                \
+  (::rawfx::cpu::UseAVX512() ? avx512::__VA_ARGS__                          \
+   : ::rawfx::cpu::UseAVX2() ? avx2::__VA_ARGS__                            \
+                             : portable::__VA_ARGS__)
 #else
 #define RAWFX_PICK_PATH(...) (portable::__VA_ARGS__)
 #endif
@@ -323,6 +339,127 @@ RAWFX_LANE void StoreAddress(const uint8_t** to, Md chosen, Vp address, const ui
 #undef RAWFX_LANE
 
 }  // namespace avx2
+
+// ---- the AVX-512 lane set: eight doubles per lane group ------------------------------
+// For the warps' position arithmetic and blends. Conditions are mask registers;
+// samples move through masked loads and stores, which touch no byte outside
+// the pixel. Byte lanes stay 256 bits wide, as in the AVX2 set.
+namespace avx512 {
+
+inline constexpr int kLanes = 8;
+using Vd = __m512d;
+using Md = __mmask8;  // bit i set where lane i is true
+using Vb = __m256i;
+
+#define RAWFX_LANE RAWFX_ALWAYS_INLINE RAWFX_TARGET_AVX512
+RAWFX_LANE Vd Set(double v) { return _mm512_set1_pd(v); }
+RAWFX_LANE Vd Iota(double first) {
+  return _mm512_set1_pd(first) + _mm512_setr_pd(0.0, 1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0);
+}
+RAWFX_LANE Vd Load(const double* p) { return _mm512_loadu_pd(p); }
+RAWFX_LANE void Store(double* p, Vd v) { _mm512_storeu_pd(p, v); }
+RAWFX_LANE Md Lt(Vd a, Vd b) { return _mm512_cmp_pd_mask(a, b, _CMP_LT_OQ); }
+RAWFX_LANE Md Le(Vd a, Vd b) { return _mm512_cmp_pd_mask(a, b, _CMP_LE_OQ); }
+RAWFX_LANE Md Gt(Vd a, Vd b) { return _mm512_cmp_pd_mask(a, b, _CMP_GT_OQ); }
+RAWFX_LANE Md Ge(Vd a, Vd b) { return _mm512_cmp_pd_mask(a, b, _CMP_GE_OQ); }
+RAWFX_LANE Md Eq(Vd a, Vd b) { return _mm512_cmp_pd_mask(a, b, _CMP_EQ_OQ); }
+RAWFX_LANE Md And(Md a, Md b) { return static_cast<Md>(a & b); }
+RAWFX_LANE Md Or(Md a, Md b) { return static_cast<Md>(a | b); }
+RAWFX_LANE Md AndNot(Md notThis, Md that) { return static_cast<Md>(~notThis & that); }
+RAWFX_LANE int Bits(Md m) { return m; }
+RAWFX_LANE Vd Select(Md m, Vd whenTrue, Vd whenFalse) { return _mm512_mask_blend_pd(m, whenFalse, whenTrue); }
+RAWFX_LANE Vd ZeroUnless(Md m, Vd v) { return _mm512_maskz_mov_pd(m, v); }
+RAWFX_LANE Vd Sqrt(Vd v) { return _mm512_sqrt_pd(v); }
+RAWFX_LANE Vd Floor(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+RAWFX_LANE Vd Trunc(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
+RAWFX_LANE Vd Abs(Vd v) { return _mm512_abs_pd(v); }
+RAWFX_LANE Vd Min(Vd a, Vd b) { return _mm512_min_pd(a, b); }
+RAWFX_LANE Vd CopySign(Vd magnitude, Vd sign) {
+  const __m512i signBit = _mm512_set1_epi64(static_cast<long long>(0x8000000000000000ull));
+  return _mm512_castsi512_pd(_mm512_or_si512(_mm512_andnot_si512(signBit, _mm512_castpd_si512(magnitude)),
+                                             _mm512_and_si512(signBit, _mm512_castpd_si512(sign))));
+}
+template <class F>
+RAWFX_LANE Vd PerLane(Vd v, int wanted, F f) {
+  alignas(64) double lanes[8];
+  _mm512_store_pd(lanes, v);
+  for (int lane = 0; lane < 8; ++lane) lanes[lane] = wanted >> lane & 1 ? f(lanes[lane]) : 0.0;
+  return _mm512_load_pd(lanes);
+}
+
+// count (1..8) samples as doubles, the other lanes 0.
+template <class Sample>
+RAWFX_LANE Vd LoadSamples(const uint8_t* at, int count) {
+  const auto bytes = static_cast<__mmask16>((1u << (count * sizeof(Sample))) - 1);
+  const __m128i packed = _mm_maskz_loadu_epi8(bytes, at);
+  if constexpr (sizeof(Sample) == 1)
+    return _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(packed));
+  else
+    return _mm512_cvtepi32_pd(_mm256_cvtepu16_epi32(packed));
+}
+
+// Stores count truncated samples; as in the AVX2 set, a blend fits the sample type.
+template <class Sample>
+RAWFX_LANE void StoreSamples(uint8_t* at, Vd values, int count) {
+  const auto bytes = static_cast<__mmask16>((1u << (count * sizeof(Sample))) - 1);
+  const __m256i whole = _mm512_cvttpd_epi32(values);
+  if constexpr (sizeof(Sample) == 1)
+    _mm_mask_storeu_epi8(at, bytes, _mm256_cvtusepi32_epi8(whole));
+  else
+    _mm_mask_storeu_epi8(at, bytes, _mm256_cvtusepi32_epi16(whole));
+}
+
+// Two four-sample pixels fill the eight lanes: their samples side by side,
+// each pixel's weight over its own samples, and their blends stored back.
+template <class Sample, int kChannels>
+RAWFX_LANE Vd LoadPixels(const uint8_t* const* from) {
+  static_assert(kChannels == 4);
+  if constexpr (sizeof(Sample) == 1)
+    return _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_setr_epi32(LoadWord<int32_t>(from[0]),
+                                                                   LoadWord<int32_t>(from[1]), 0, 0)));
+  else
+    return _mm512_cvtepi32_pd(
+        _mm256_cvtepu16_epi32(_mm_set_epi64x(LoadWord<int64_t>(from[1]), LoadWord<int64_t>(from[0]))));
+}
+template <int kChannels>
+RAWFX_LANE Vd SpreadWeights(const double* weights) {
+  static_assert(kChannels == 4);
+  return _mm512_permutexvar_pd(_mm512_setr_epi64(0, 0, 0, 0, 1, 1, 1, 1),
+                               _mm512_castpd128_pd512(_mm_loadu_pd(weights)));
+}
+template <class Sample, int kChannels>
+RAWFX_LANE void StorePixels(uint8_t* const* to, Vd values) {
+  static_assert(kChannels == 4);
+  const __m256i whole = _mm512_cvttpd_epi32(values);
+  if constexpr (sizeof(Sample) == 1) {
+    const __m128i packed = _mm256_cvtusepi32_epi8(whole);
+    StoreWord(to[0], _mm_cvtsi128_si32(packed));
+    StoreWord(to[1], _mm_extract_epi32(packed, 1));
+  } else {
+    const __m128i packed = _mm256_cvtusepi32_epi16(whole);
+    StoreWord(to[0], _mm_cvtsi128_si64(packed));
+    StoreWord(to[1], _mm_extract_epi64(packed, 1));
+  }
+}
+
+using Vp = __m512i;
+// Each factor fits 32 signed bits, so the 64-bit products are exact.
+RAWFX_LANE Vp PixelAddress(const uint8_t* pixels, Vd column, Vd row, int64_t rowBytes, int64_t pixelBytes) {
+  const __m512i columns = _mm512_cvtepi32_epi64(_mm512_cvttpd_epi32(column));
+  const __m512i rows = _mm512_cvtepi32_epi64(_mm512_cvttpd_epi32(row));
+  const __m512i offsets = _mm512_add_epi64(_mm512_mul_epi32(rows, _mm512_set1_epi64(rowBytes)),
+                                           _mm512_mul_epi32(columns, _mm512_set1_epi64(pixelBytes)));
+  return _mm512_add_epi64(_mm512_set1_epi64(reinterpret_cast<intptr_t>(pixels)), offsets);
+}
+RAWFX_LANE Vp Offset(Vp p, int64_t bytes) { return _mm512_add_epi64(p, _mm512_set1_epi64(bytes)); }
+RAWFX_LANE void StoreAddress(const uint8_t** to, Md chosen, Vp address, const uint8_t* otherwise) {
+  const __m512i pick =
+      _mm512_mask_blend_epi64(chosen, _mm512_set1_epi64(reinterpret_cast<intptr_t>(otherwise)), address);
+  _mm512_storeu_si512(to, pick);
+}
+#undef RAWFX_LANE
+
+}  // namespace avx512
 #endif
 
 }  // namespace rawfx::simd

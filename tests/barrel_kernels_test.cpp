@@ -2,8 +2,8 @@
 // shipped kernels) to documented source positions, truncation and the blends
 // with the background at the edges; random cases (the effect's matrix form and
 // hand-built ones, with NaN, infinities and extremes) then demand that the fast
-// kernels leave every byte, progress and done as the reference does, on the
-// AVX2 path and the portable one.
+// kernels leave every byte, progress and done as the reference does, on
+// every path.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -22,9 +22,11 @@ using S = std::vector<std::string>;
 #if defined(__x86_64__)
 // The module reads cpuid and XCR0 itself; the compiler's runtime (which a test may
 // link) must come to the same answer on this machine.
-TEST(CpuDispatch, DetectsAVX2AsTheCompilerRuntimeDoes) {
+TEST(CpuDispatch, DetectsAVX2AndAVX512AsTheCompilerRuntimeDoes) {
   __builtin_cpu_init();
   EXPECT_EQ(rawfx::cpu::HasAVX2(), __builtin_cpu_supports("avx2") != 0);
+  EXPECT_EQ(rawfx::cpu::HasAVX512(), __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+                                         __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq"));
 }
 #endif
 

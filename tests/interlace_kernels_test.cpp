@@ -3,7 +3,7 @@
 // fills and to the mask mix and its queries; random cases then demand that the
 // fast kernels leave every byte of memory (padding and gaps included, in place
 // and overlapping), progress, done and the mask queries as the reference does,
-// on the AVX2 path and the portable one.
+// on every path.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -3,8 +3,7 @@
 // the lowest of equally full bins, channel offsets and weights and the mask
 // mix; random cases then demand that the fast kernels leave every byte,
 // progress, done and the mask queries as the reference does and give back
-// every block of scratch, even when it cannot be had, on the AVX2 path and the
-// portable one.
+// every block of scratch, even when it cannot be had, on every path.
 #include <gtest/gtest.h>
 
 #include <algorithm>

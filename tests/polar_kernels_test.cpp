@@ -3,7 +3,7 @@
 // off the source, blends and borders; random cases then demand that the fast
 // kernels leave every byte, the progress count and every done flag as the
 // reference does, with and without a column table (matching or stale), also
-// for sources too large to address, on the AVX2 path and the portable one.
+// for sources too large to address, on every path.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -213,11 +213,11 @@ TEST(PolarDifferential, RandomCasesMatchTheReferenceAndMatchingTablesAreRead) {
   const Outcome expected = c.Run(false);
   auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
   std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
-  for (bool scalar : {false, true}) {
-    rawfx::cpu::ForceScalar(scalar);
-    EXPECT_TRUE(c.Run(true).memory != expected.memory) << "scalar " << scalar;
+  for (const auto path : {rawfx::cpu::Path::AVX512, rawfx::cpu::Path::AVX2, rawfx::cpu::Path::Portable}) {
+    rawfx::cpu::LimitPaths(path);
+    EXPECT_TRUE(c.Run(true).memory != expected.memory) << "path " << static_cast<int>(path);
   }
-  rawfx::cpu::ForceScalar(false);
+  rawfx::cpu::LimitPaths(rawfx::cpu::Path::AVX512);
   const int64_t tooBig = int64_t{1} << 31, widest = int64_t{1} << 20;
   for (auto [width, height] :
        {std::pair{int64_t{0}, int64_t{5}}, {5, 0}, {-1, 5}, {widest + 1, 5}, {tooBig, 5}, {5, tooBig}})

@@ -254,19 +254,19 @@ Outcome CheckedRun(const KernelCaseBase& c, const std::string& label, int* failu
   const Outcome expected = c.Run(false);
   bool same = expected.blockUntouched && expected.blocksLeft == 0;
   if (!same) ADD_FAILURE() << "the reference wrote its block or kept an allocation; " << label << c.Describe();
-  for (const bool scalar : {false, true}) {
-    cpu::ForceScalar(scalar);
+  for (const cpu::Path path : {cpu::Path::AVX512, cpu::Path::AVX2, cpu::Path::Portable}) {
+    cpu::LimitPaths(path);
     const Outcome actual = c.Run(true);
     if (actual == expected) continue;
     same = false;
     const auto at = std::mismatch(expected.memory.begin(), expected.memory.end(), actual.memory.begin()).first;
-    ADD_FAILURE() << (scalar ? "portable" : "AVX2") << " path, " << label << c.Describe()
+    ADD_FAILURE() << "path " << static_cast<int>(path) << " (0 portable, 1 AVX2, 2 AVX-512), " << label << c.Describe()
                   << "\nfirst byte that differs " << at - expected.memory.begin() << "; progress " << expected.progress
                   << " vs " << actual.progress << "; done flags, queries, blocks left, block untouched differ: "
                   << (expected.done != actual.done) << (expected.queries != actual.queries)
                   << (expected.blocksLeft != actual.blocksLeft) << (expected.blockUntouched != actual.blockUntouched);
   }
-  cpu::ForceScalar(false);
+  cpu::LimitPaths(cpu::Path::AVX512);
   if (failures) *failures += !same;
   return expected;
 }

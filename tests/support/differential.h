@@ -1,7 +1,7 @@
 // What the differential tests share. Each runs the fast kernels of one effect
 // and its plain reference kernels on the same random cases (bitmaps, layouts,
 // settings, part splits, cancels, masks, failed allocations) and demands the
-// same outcome on the AVX2 path and on the portable one: every byte of memory
+// same outcome on every path (AVX-512, AVX2, portable): every byte of memory
 // around the pixels, the progress count, every part's done flag, the mask
 // queries, the scratch given back and a parameter block left as it was.
 #pragma once
@@ -164,8 +164,8 @@ struct KernelCase : KernelCaseBase {
 // parts, one part for all, any order), cancel now and then set before one.
 void RandomRun(Rng& rng, KernelCaseBase& c);
 
-// One case with the reference kernels, then with the fast ones on the AVX2
-// path and the portable one. Reports what differs, after label and the case,
+// One case with the reference kernels, then with the fast ones on every path
+// (AVX-512 and AVX2 where the machine has them, portable). Reports what differs, after label and the case,
 // counts a case where anything does in failures (if given) and returns what
 // the reference kernels left.
 Outcome CheckedRun(const KernelCaseBase& c, const std::string& label = "", int* failures = nullptr);
