@@ -51,6 +51,11 @@ struct Geometry {
   // Rectangular to polar.
   double cx, cy, cxSquared, cySquared;
   double inscribedR2P;      // min(cx, cy)
+  // With no share of the border (roundness 100, what the class always sets)
+  // every ray's radius is the inscribed one: the border distance is finite, so
+  // 0 * ((e - m) / 100) + m is m exactly, and the border need not be found.
+  bool inscribedRays;
+  double rowsPerInscribed;  // H / min(cx, cy), the rows per unit of distance then
   double lastColumn;        // W - 1
   double columnsPerRadian;  // (W - 1) / 2 pi
   // Polar to rectangular.
@@ -74,6 +79,8 @@ Geometry GeometryOf(const PolarizeSettings& s) {
   g.cxSquared = g.cx * g.cx;
   g.cySquared = g.cy * g.cy;
   g.inscribedR2P = std::min(g.cx, g.cy);
+  g.inscribedRays = g.shareOfBorder == 0.0;
+  g.rowsPerInscribed = g.heightD / g.inscribedR2P;
   g.lastColumn = static_cast<double>(int64_t{s.width} - 1);
   g.columnsPerRadian = g.lastColumn / kTwoPi;
   g.hw = g.widthD * 0.5;

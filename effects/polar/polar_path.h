@@ -38,15 +38,13 @@ struct Rays {
   Vd sourceY;
 };
 
-// The distance from the centre and the source row. The border distance along
-// the ray of slope s: through a side when H / W >= s (cy on the vertical ray,
-// u = 0, where the slope is taken as 0), else through the top or bottom. Both
+// The rows per unit of distance along the ray of slope s, from the border
+// distance: through a side when H / W >= s (cy on the vertical ray, u = 0,
+// where the slope is taken as 0), else through the top or bottom. Both
 // formulas are evaluated in every lane and the one the mapping takes is kept;
 // the other may divide by a zero slope, which is harmless with the default
 // (masked) exception flags.
-RAWFX_SIMD_FN Rays RaysOf(Vd u, const PolarRow& row, const Geometry& g) {
-  Rays rays{};
-  rays.distance = row.side == RowSide::OnCentre ? u : Sqrt(Set(row.alongSquared) + u * u);
+RAWFX_SIMD_FN Vd RowsPerDistance(Vd u, const PolarRow& row, const Geometry& g) {
   const Md vertical = Eq(u, Set(0.0));
   const Vd slope = Select(vertical, Set(0.0), Abs(Set(row.offset) / u));
   const Vd rise = slope * Set(g.cx);
@@ -56,7 +54,14 @@ RAWFX_SIMD_FN Rays RaysOf(Vd u, const PolarRow& row, const Geometry& g) {
   const Vd border = Select(Ge(Set(g.heightPerWidth), slope), throughSide, throughTop);
   const Vd inscribed = Set(g.inscribedR2P);
   const Vd radius = Set(g.shareOfBorder) * ((border - inscribed) / Set(100.0)) + inscribed;
-  const Vd rowsPerDistance = Set(g.heightD) / radius;
+  return Set(g.heightD) / radius;
+}
+
+// The distance from the centre and the source row.
+RAWFX_SIMD_FN Rays RaysOf(Vd u, const PolarRow& row, const Geometry& g) {
+  Rays rays{};
+  rays.distance = row.side == RowSide::OnCentre ? u : Sqrt(Set(row.alongSquared) + u * u);
+  const Vd rowsPerDistance = g.inscribedRays ? Set(g.rowsPerInscribed) : RowsPerDistance(u, row, g);
   const Vd scaled = rays.distance * rowsPerDistance;
   rays.sourceY = g.centerAtTop ? scaled : Set(g.heightD) - scaled;
   return rays;
