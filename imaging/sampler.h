@@ -126,7 +126,8 @@ RAWFX_SIMD_FN Vd Blend(Vd tl, Vd tr, Vd bl, Vd br, Vd fx, Vd fy) {
 }
 
 // Where whole pixels fill a lane group together (two four-sample pixels in
-// eight lanes), they are blended a group at a time. Otherwise pixel by pixel,
+// eight lanes, the one lane set with loads and stores of pixel groups), they
+// are blended a group at a time, background included. Otherwise pixel by pixel,
 // a lane group of its samples at a time; with both weights +0 (all bits clear)
 // the blend is the top-left pixel exactly, so it is copied (a -0 weight takes
 // the blend, which gives the same).
