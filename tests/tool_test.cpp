@@ -451,6 +451,8 @@ TEST(ToolRuns, GiveTheirStatusAndMessageAndAFailureChangesNoFile) {
       // Files that cannot be read or written: status 2, the file named.
       {"polar missing.png out.png", 2, "cannot read missing.png: No such file or directory"},
       {"info -", 2, "rawfx: cannot read standard input: not a PNG, JPEG, TIFF or WebP image\n", tool + " < /dev/zero"},
+      {"info - --max-pixels 1000", 2, "standard input: more than 67128864 bytes, too many for an image within the pixel",
+       "(cat rgb.png; head -c 80000000 /dev/zero) | " + tool},
       {"polar rgb.png /sys/out.png", 2, "cannot write /sys/out.png: cannot create a file in /sys"},  // even for root
       {"polar rgb.png no/such/dir/out.png", 2, "No such file or directory"},
       {"polar rgb.png locked.png", 2,

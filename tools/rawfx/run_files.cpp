@@ -9,6 +9,11 @@
 namespace rawfx::tool {
 namespace {
 
+// The most bytes piped input may take: an image within maxPixels stored plainly
+// (at most five 16-bit samples a pixel) twice over, for a second page or a
+// preview, and 64 MiB of metadata and container.
+uint64_t LargestImageFile(uint64_t maxPixels) { return maxPixels * 10 * 2 + (uint64_t{64} << 20); }
+
 ColourModel ModelNamed(const std::string& name) {
   if (name == "cmyk") return ColourModel::CMYK;
   if (name == "gray" || name == "grey") return ColourModel::Gray;
@@ -93,7 +98,7 @@ InputFile OpenInput(const std::string& argument, const ReadOptions& options) {
   const bool piped = argument == kStandardStream;
   input.name = piped ? "standard input" : argument;
   try {
-    if (piped) input.standardInput = std::make_unique<StandardInput>();
+    if (piped) input.standardInput = std::make_unique<StandardInput>(LargestImageFile(options.maxPixels));
     const std::string& path = piped ? input.standardInput->path() : argument;
     input.reader = OpenImage(path, options, input.name);
     input.metadata = Metadata::Read(path, &input.metadataProblem);

@@ -50,7 +50,7 @@ MemoryFile::MemoryFile(const char* label) : fd_(memfd_create(label, MFD_CLOEXEC)
 
 MemoryFile::~MemoryFile() { close(fd_); }
 
-StandardInput::StandardInput() {
+StandardInput::StandardInput(uint64_t maxBytes) {
   struct stat status {};
   if (fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode)) return;
   std::vector<uint8_t> block(kBlockBytes);
@@ -60,7 +60,11 @@ StandardInput::StandardInput() {
     throw ImageError(std::string("cannot read ") + kInputName + ": not a PNG, JPEG, TIFF or WebP image");
   }
   copy_ = std::make_unique<MemoryFile>(kInputName);
-  while (got > 0) {
+  for (uint64_t total = got; got > 0; total += got) {
+    if (total > maxBytes) {
+      throw ImageError(std::string("cannot read ") + kInputName + ": more than " + std::to_string(maxBytes) +
+                       " bytes, too many for an image within the pixel limit (raise it with --max-pixels)");
+    }
     WriteFully(copy_->fd(), block.data(), got, kInputName);
     got = ReadFully(STDIN_FILENO, block.data(), block.size());
   }

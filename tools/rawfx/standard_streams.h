@@ -3,6 +3,7 @@
 // in-memory file, which leaves nothing behind however the run ends.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -27,10 +28,11 @@ class MemoryFile {
 
 // Standard input as a path: itself when it is a regular file; otherwise its bytes
 // copied into a memory file once its first bytes have shown an image type (so a
-// stream of anything else is refused before it is read). ImageError on failure.
+// stream of anything else is refused before it is read), up to maxBytes (so a
+// stream that never ends is refused before it fills memory). ImageError on failure.
 class StandardInput {
  public:
-  StandardInput();
+  explicit StandardInput(uint64_t maxBytes);
   const std::string& path() const { return copy_ ? copy_->path() : path_; }
 
  private:
