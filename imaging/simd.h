@@ -122,6 +122,11 @@ RAWFX_ALWAYS_INLINE void CopyBytes(uint8_t* out, const uint8_t* in, int64_t n) {
 
 RAWFX_ALWAYS_INLINE void PrefetchLine(const void* at) { __builtin_prefetch(at); }
 
+// The most lanes any path has: a table that kernels read a lane group at a time
+// holds a whole number of such groups, so no path reads past it.
+inline constexpr int64_t kWidestLanes = 8;
+constexpr int64_t WholeLaneGroups(int64_t n) { return (n + kWidestLanes - 1) / kWidestLanes * kWidestLanes; }
+
 // True when v truncates to a signed 32-bit integer without leaving its range (false for NaN).
 RAWFX_ALWAYS_INLINE bool TruncationFitsInt32(double v) { return v > -2147483649.0 && v < 2147483648.0; }
 
@@ -347,6 +352,7 @@ RAWFX_LANE void StoreAddress(const uint8_t** to, Md chosen, Vp address, const ui
 namespace avx512 {
 
 inline constexpr int kLanes = 8;
+static_assert(kLanes <= kWidestLanes);
 using Vd = __m512d;
 using Md = __mmask8;  // bit i set where lane i is true
 using Vb = __m256i;

@@ -117,7 +117,7 @@ void* BarrelDistortPart(void* block) {
   // wider rows work out the rest per row.
   double columnNx[kNormalisedColumns];
   job.columnNx = columnNx;
-  job.normalisedColumns = std::clamp<int64_t>((int64_t{head.width} + 7) / 8 * 8, 0, kNormalisedColumns);
+  job.normalisedColumns = std::clamp<int64_t>(rawfx::simd::WholeLaneGroups(head.width), 0, kNormalisedColumns);
   RAWFX_PICK_PATH(NormaliseColumns)(mapping, columnNx, job.normalisedColumns);
 
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {

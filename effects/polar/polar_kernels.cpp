@@ -299,12 +299,12 @@ constexpr int64_t kWidestTabled = int64_t{1} << 20;
 size_t PolarColumnTableBytes(int64_t width, int64_t height) {
   constexpr int64_t kLargest = std::numeric_limits<int32_t>::max();
   if (width < 1 || width > kWidestTabled || height < 1 || height > kLargest) return 0;
-  return sizeof(PolarColumnTable) + 3 * static_cast<size_t>((width + 7) / 8 * 8) * sizeof(double);
+  return sizeof(PolarColumnTable) + 3 * static_cast<size_t>(rawfx::simd::WholeLaneGroups(width)) * sizeof(double);
 }
 
 const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
                                              int32_t height) {
-  const int32_t stride = (width + 7) / 8 * 8;
+  const auto stride = static_cast<int32_t>(rawfx::simd::WholeLaneGroups(width));
   auto* table = new (storage) PolarColumnTable{width,
                                                height,
                                                settings.roundness,
