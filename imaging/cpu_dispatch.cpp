@@ -62,7 +62,7 @@ bool OsSavesAvx512State() {
 bool DetectAVX512() {
   constexpr uint32_t kF = 1u << 16, kDq = 1u << 17, kBw = 1u << 30, kVl = 1u << 31;
   constexpr uint32_t kNeeded = kF | kDq | kBw | kVl;
-  return DetectAVX2() && (ExtendedFeatures() & kNeeded) == kNeeded && OsSavesAvx512State();
+  return HasAVX2() && (ExtendedFeatures() & kNeeded) == kNeeded && OsSavesAvx512State();
 }
 #else
 bool DetectAVX2() { return false; }
