@@ -393,26 +393,31 @@ RAWFX_LANE Vd PerLane(Vd v, int wanted, F f) {
   return _mm512_load_pd(lanes);
 }
 
+// Samples widen straight to 64-bit lanes and convert from there, and results
+// convert to 64-bit lanes and narrow from there: one shuffle-port step fewer
+// each way than through 32-bit lanes, where a blend of two pixels spends most
+// of its steps. A blend fits the sample type, so a truncated lane narrows as it is.
+
 // count (1..8) samples as doubles, the other lanes 0.
 template <class Sample>
 RAWFX_LANE Vd LoadSamples(const uint8_t* at, int count) {
   const auto bytes = static_cast<__mmask16>((1u << (count * sizeof(Sample))) - 1);
   const __m128i packed = _mm_maskz_loadu_epi8(bytes, at);
   if constexpr (sizeof(Sample) == 1)
-    return _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(packed));
+    return _mm512_cvtepi64_pd(_mm512_cvtepu8_epi64(packed));
   else
-    return _mm512_cvtepi32_pd(_mm256_cvtepu16_epi32(packed));
+    return _mm512_cvtepi64_pd(_mm512_cvtepu16_epi64(packed));
 }
 
-// Stores count truncated samples; as in the AVX2 set, a blend fits the sample type.
+// Stores count truncated samples.
 template <class Sample>
 RAWFX_LANE void StoreSamples(uint8_t* at, Vd values, int count) {
   const auto bytes = static_cast<__mmask16>((1u << (count * sizeof(Sample))) - 1);
-  const __m256i whole = _mm512_cvttpd_epi32(values);
+  const __m512i whole = _mm512_cvttpd_epi64(values);
   if constexpr (sizeof(Sample) == 1)
-    _mm_mask_storeu_epi8(at, bytes, _mm256_cvtusepi32_epi8(whole));
+    _mm_mask_storeu_epi8(at, bytes, _mm512_cvtepi64_epi8(whole));
   else
-    _mm_mask_storeu_epi8(at, bytes, _mm256_cvtusepi32_epi16(whole));
+    _mm_mask_storeu_epi8(at, bytes, _mm512_cvtepi64_epi16(whole));
 }
 
 // Two four-sample pixels fill the eight lanes: their samples side by side,
@@ -421,11 +426,11 @@ template <class Sample, int kChannels>
 RAWFX_LANE Vd LoadPixels(const uint8_t* const* from) {
   static_assert(kChannels == 4);
   if constexpr (sizeof(Sample) == 1)
-    return _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_setr_epi32(LoadWord<int32_t>(from[0]),
-                                                                   LoadWord<int32_t>(from[1]), 0, 0)));
+    return _mm512_cvtepi64_pd(_mm512_cvtepu8_epi64(
+        _mm_insert_epi32(_mm_cvtsi32_si128(LoadWord<int32_t>(from[0])), LoadWord<int32_t>(from[1]), 1)));
   else
-    return _mm512_cvtepi32_pd(
-        _mm256_cvtepu16_epi32(_mm_set_epi64x(LoadWord<int64_t>(from[1]), LoadWord<int64_t>(from[0]))));
+    return _mm512_cvtepi64_pd(_mm512_cvtepu16_epi64(
+        _mm_insert_epi64(_mm_cvtsi64_si128(LoadWord<int64_t>(from[0])), LoadWord<int64_t>(from[1]), 1)));
 }
 template <int kChannels>
 RAWFX_LANE Vd SpreadWeights(const double* weights) {
@@ -433,16 +438,20 @@ RAWFX_LANE Vd SpreadWeights(const double* weights) {
   return _mm512_permutexvar_pd(_mm512_setr_epi64(0, 0, 0, 0, 1, 1, 1, 1),
                                _mm512_castpd128_pd512(_mm_loadu_pd(weights)));
 }
+// Pixels side by side in memory (a row's destinations) take one store.
 template <class Sample, int kChannels>
 RAWFX_LANE void StorePixels(uint8_t* const* to, Vd values) {
   static_assert(kChannels == 4);
-  const __m256i whole = _mm512_cvttpd_epi32(values);
+  const __m512i whole = _mm512_cvttpd_epi64(values);
+  const bool adjacent = to[1] == to[0] + kChannels * sizeof(Sample);
   if constexpr (sizeof(Sample) == 1) {
-    const __m128i packed = _mm256_cvtusepi32_epi8(whole);
+    const __m128i packed = _mm512_cvtepi64_epi8(whole);
+    if (adjacent) return _mm_storel_epi64(reinterpret_cast<__m128i*>(to[0]), packed);
     StoreWord(to[0], _mm_cvtsi128_si32(packed));
     StoreWord(to[1], _mm_extract_epi32(packed, 1));
   } else {
-    const __m128i packed = _mm256_cvtusepi32_epi16(whole);
+    const __m128i packed = _mm512_cvtepi64_epi16(whole);
+    if (adjacent) return _mm_storeu_si128(reinterpret_cast<__m128i*>(to[0]), packed);
     StoreWord(to[0], _mm_cvtsi128_si64(packed));
     StoreWord(to[1], _mm_extract_epi64(packed, 1));
   }
