@@ -432,11 +432,12 @@ RAWFX_LANE Vd LoadPixels(const uint8_t* const* from) {
     return _mm512_cvtepi64_pd(_mm512_cvtepu16_epi64(
         _mm_insert_epi64(_mm_cvtsi64_si128(LoadWord<int64_t>(from[0])), LoadWord<int64_t>(from[1]), 1)));
 }
+// Two broadcasts from memory, the second merged into the upper lanes: no
+// shuffle-port step, where a permute of the pair would take one.
 template <int kChannels>
 RAWFX_LANE Vd SpreadWeights(const double* weights) {
   static_assert(kChannels == 4);
-  return _mm512_permutexvar_pd(_mm512_setr_epi64(0, 0, 0, 0, 1, 1, 1, 1),
-                               _mm512_castpd128_pd512(_mm_loadu_pd(weights)));
+  return _mm512_mask_broadcastsd_pd(_mm512_set1_pd(weights[0]), 0xF0, _mm_load_sd(weights + 1));
 }
 // Pixels side by side in memory (a row's destinations) take one store.
 template <class Sample, int kChannels>
