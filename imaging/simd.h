@@ -160,6 +160,7 @@ RAWFX_ALWAYS_INLINE Vd Floor(Vd v) { return std::floor(v); }
 RAWFX_ALWAYS_INLINE Vd Trunc(Vd v) { return std::trunc(v); }
 RAWFX_ALWAYS_INLINE Vd Abs(Vd v) { return std::fabs(v); }
 RAWFX_ALWAYS_INLINE Vd Min(Vd a, Vd b) { return a < b ? a : b; }
+RAWFX_ALWAYS_INLINE Vd Reverse(Vd v) { return v; }
 RAWFX_ALWAYS_INLINE Vd CopySign(Vd magnitude, Vd sign) { return std::copysign(magnitude, sign); }
 // f of the lanes in `wanted` (bit i: lane i), 0 in the others.
 template <class F>
@@ -243,6 +244,7 @@ RAWFX_LANE Vd Floor(Vd v) { return _mm256_round_pd(v, _MM_FROUND_TO_NEG_INF | _M
 RAWFX_LANE Vd Trunc(Vd v) { return _mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Abs(Vd v) { return _mm256_andnot_pd(_mm256_set1_pd(-0.0), v); }
 RAWFX_LANE Vd Min(Vd a, Vd b) { return _mm256_min_pd(a, b); }
+RAWFX_LANE Vd Reverse(Vd v) { return _mm256_permute4x64_pd(v, 0x1B); }
 RAWFX_LANE Vd CopySign(Vd magnitude, Vd sign) {
   const Vd signBit = _mm256_set1_pd(-0.0);
   return _mm256_or_pd(_mm256_andnot_pd(signBit, magnitude), _mm256_and_pd(signBit, sign));
@@ -380,6 +382,7 @@ RAWFX_LANE Vd Floor(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_NEG_INF
 RAWFX_LANE Vd Trunc(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Abs(Vd v) { return _mm512_abs_pd(v); }
 RAWFX_LANE Vd Min(Vd a, Vd b) { return _mm512_min_pd(a, b); }
+RAWFX_LANE Vd Reverse(Vd v) { return _mm512_permutexvar_pd(_mm512_setr_epi64(7, 6, 5, 4, 3, 2, 1, 0), v); }
 RAWFX_LANE Vd CopySign(Vd magnitude, Vd sign) {
   const __m512i signBit = _mm512_set1_epi64(static_cast<long long>(0x8000000000000000ull));
   return _mm512_castsi512_pd(_mm512_or_si512(_mm512_andnot_si512(signBit, _mm512_castpd_si512(magnitude)),

@@ -57,6 +57,13 @@ struct RowJob {
   int64_t width;
   const double* columnNx;     // nx of the first normalisedColumns columns
   int64_t normalisedColumns;  // a multiple of every lane count
+  // The row's radial factors of its first radialColumns columns (a multiple
+  // of every lane count), kept as they are worked out, and the sum of a
+  // column and its mirror about the centre (-1 when columns have no mirror
+  // with the same factor).
+  double* radial;
+  int64_t radialColumns;
+  int64_t mirrorSum;
 };
 
 using RowFiller = void (*)(const RowJob&);
@@ -89,6 +96,18 @@ const uint8_t* BackgroundOf(const BarrelDistortionParams& p) {
 }
 
 constexpr int64_t kNormalisedColumns = 4096;
+constexpr int64_t kRadialColumns = kNormalisedColumns / 2;
+
+// Column x and column 2 cx - x have the same radial factor when cx is a
+// multiple of one half (the effect's centre, width / 2, always is): then
+// x - cx and (2 cx - x) - cx are exact and opposite, so are their nx, and
+// the factor takes nx only squared. The mirror sum 2 cx then fits an int32.
+int64_t MirrorSumOf(double centerX) {
+  const double sum = centerX * 2.0;
+  return sum >= 0.0 && sum <= 2147483647.0 && sum == static_cast<double>(static_cast<int64_t>(sum))
+             ? static_cast<int64_t>(sum)
+             : -1;
+}
 
 template <class Sample, Sampling mode>
 void* BarrelDistortPart(void* block) {
@@ -111,7 +130,10 @@ void* BarrelDistortPart(void* block) {
              head.dstPixelBytes / kSampleBytes * kSampleBytes,
              head.width,
              nullptr,
-             0};
+             0,
+             nullptr,
+             0,
+             MirrorSumOf(mapping.centerX)};
   const RowFiller fillRow = RowFillerFor<Sample, mode>(job.channels);
   // The columns' nx on the part's stack, for the widths most bitmaps have;
   // wider rows work out the rest per row.
@@ -119,6 +141,10 @@ void* BarrelDistortPart(void* block) {
   job.columnNx = columnNx;
   job.normalisedColumns = std::clamp<int64_t>(rawfx::simd::WholeLaneGroups(head.width), 0, kNormalisedColumns);
   RAWFX_PICK_PATH(NormaliseColumns)(mapping, columnNx, job.normalisedColumns);
+  // The left half's radial factors of rows up to that width, which the right half reuses.
+  double radial[kRadialColumns];
+  job.radial = radial;
+  job.radialColumns = std::min(job.normalisedColumns, kRadialColumns);
 
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
     job.row = RowTermsOf(mapping, y);

@@ -24,10 +24,21 @@ RAWFX_SIMD_ENTRY void NormaliseColumns(const SourceMapping& m, double* nx, int64
   for (int64_t x = 0; x < count; x += kLanes) Store(nx + x, NormalisedColumn(m, Iota(static_cast<double>(x))));
 }
 
-// The radial step, (u, v) = (nx, ny) * r, with r = ((nx nx + ny ny) distortion + 1) / (distortion + 1).
-RAWFX_SIMD_FN Pair Radial(const SourceMapping& m, const RowTerms& row, Vd nx) {
-  const Vd r = ((nx * nx + Set(row.nySquared)) * Set(m.distortion) + Set(1.0)) / Set(m.distortionPlusOne);
-  return {nx * r, Set(row.ny) * r};
+// The radial factor r = ((nx nx + ny ny) distortion + 1) / (distortion + 1).
+RAWFX_SIMD_FN Vd RadialFactor(const SourceMapping& m, const RowTerms& row, Vd nx) {
+  return ((nx * nx + Set(row.nySquared)) * Set(m.distortion) + Set(1.0)) / Set(m.distortionPlusOne);
+}
+
+// The factors of the kLanes columns from `column` on: those of their mirrors,
+// in reverse, where the mirrors lie left of them among the row's kept factors
+// (a division saved for each); otherwise worked out, and kept while they fit.
+RAWFX_SIMD_FN Vd RadialFactorAt(const RowJob& job, int64_t column, Vd nx) {
+  const int64_t lastMirror = job.mirrorSum - column, firstMirror = lastMirror - (kLanes - 1);
+  if (firstMirror >= 0 && lastMirror < column && lastMirror < job.radialColumns)
+    return Reverse(Load(job.radial + firstMirror));
+  const Vd r = RadialFactor(*job.mapping, job.row, nx);
+  if (column + kLanes <= job.radialColumns) Store(job.radial + column, r);
+  return r;
 }
 
 // The keystone step, (u, v, 1) times the matrix, and back to pixels. NaN where
@@ -81,7 +92,8 @@ struct RowPlanner {
       const int64_t column = first + int64_t{g} * kLanes;
       const Vd nx = column < job.normalisedColumns ? Load(job.columnNx + column)
                                                    : NormalisedColumn(*job.mapping, Iota(static_cast<double>(column)));
-      staged[g] = Radial(*job.mapping, job.row, nx);
+      const Vd r = RadialFactorAt(job, column, nx);
+      staged[g] = {nx * r, Set(job.row.ny) * r};  // (u, v)
     }
     for (int g = 0; g < groups; ++g) staged[g] = Project(*job.mapping, staged[g]);
     for (int g = 0; g < groups; ++g) PlanAt(job, source, staged[g], g * kLanes, plan);
