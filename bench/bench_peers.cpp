@@ -1,6 +1,7 @@
 // The jobs of the rawfx effects done by other image libraries on the same
 // 2048 x 2048 image, each reported beside rawfx's own figure for the job,
-// measured in this program through the host's Apply at the same thread count:
+// measured in this program through the host's Apply at the same thread count,
+// in turn with the peer's runs:
 //  - OpenCV: xphoto::oilPainting, remap with a barrel map (nearest, bilinear;
 //    with the map ready, and computing the map as part of the job), warpPolar
 //    both ways;
@@ -80,38 +81,68 @@ Job PolarJob(bool toPolar) {
           [=](Host& host, REALobject e) { host.Set<bool>(e, "RectangularToPolar", toPolar); }};
 }
 
-// Seconds per image of rawfx's Apply for the job: the median of the runs after a
-// warm-up, at least five and for at least a second, as long as the peers are
-// timed; measured once per job and thread count.
-double RawfxSeconds(const Job& job, int threads) {
-  static std::map<std::pair<std::string, int>, double> measured;
-  const auto key = std::make_pair(job.name, threads);
-  if (auto it = measured.find(key); it != measured.end()) return it->second;
-  Fixture fixture(job.channels, job.alpha, 8);
-  Host& host = *fixture.host;
-  host.SetThreads(threads);
-  REALobject effect = host.New(job.rawfxClass);
-  job.configure(host, effect);
-  std::vector<double> times;
-  for (double total = 0; times.size() < 6 || total < 1.0;) {
+// rawfx's Apply for a job, ready to run beside a peer. The last one made is
+// kept, so the rounds and repetitions of one peer's benchmark share it.
+class RawfxApply {
+ public:
+  static RawfxApply& For(const Job& job, int threads) {
+    static std::unique_ptr<RawfxApply> last;
+    if (!last || last->name_ != job.name || last->threads_ != threads) {
+      last.reset();  // one image at a time
+      last.reset(new RawfxApply(job, threads));
+    }
+    return *last;
+  }
+  ~RawfxApply() { fixture_.host->Unlock(effect_); }
+
+  // Seconds of one Apply.
+  double Run() {
+    Host& host = *fixture_.host;
     const auto start = Clock::now();
-    REALobject result = host.Call<REALobject>(effect, "Apply(source as RawBitmap) as RawBitmap", fixture.source);
+    REALobject result = host.Call<REALobject>(effect_, "Apply(source as RawBitmap) as RawBitmap", fixture_.source);
     const double elapsed = Seconds(Clock::now() - start);
     host.Unlock(result);
-    times.push_back(elapsed);
-    total += elapsed;
+    return elapsed;
   }
-  times.erase(times.begin());  // the warm-up
-  host.Unlock(effect);
-  std::sort(times.begin(), times.end());
-  return measured[key] = times[times.size() / 2];
+
+ private:
+  RawfxApply(const Job& job, int threads) : fixture_(job.channels, job.alpha, 8), name_(job.name), threads_(threads) {
+    fixture_.host->SetThreads(threads);
+    effect_ = fixture_.host->New(job.rawfxClass);
+    job.configure(*fixture_.host, effect_);
+    Run();  // warm-up: code paged in, the result's memory taken once
+  }
+  Fixture fixture_;
+  std::string name_;
+  int threads_;
+  REALobject effect_ = nullptr;
+};
+
+// Seconds per image of the peer and of rawfx, one of each per iteration, so
+// that both see the machine alike: a shared machine's speed drifts over the
+// seconds between two benchmarks by more than the differences measured.
+struct Turns {
+  std::vector<double> peer, rawfx;
+};
+
+double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
 }
 
-void Report(benchmark::State& state, const Job& job, int threads, double secondsPerImage) {
-  const double rawfx = RawfxSeconds(job, threads);
-  state.counters["MP/s"] = kMegapixels / secondsPerImage;
+// Runs rawfx's Apply between two of the peer's runs, outside the benchmark's own timing.
+void RawfxTurn(benchmark::State& state, RawfxApply& rawfx, Turns& turns) {
+  state.PauseTiming();
+  turns.rawfx.push_back(rawfx.Run());
+  state.ResumeTiming();
+}
+
+void Report(benchmark::State& state, const Turns& turns) {
+  if (turns.peer.empty()) return;
+  const double peer = Median(turns.peer), rawfx = Median(turns.rawfx);
+  state.counters["MP/s"] = kMegapixels / peer;
   state.counters["rawfx_MP/s"] = kMegapixels / rawfx;
-  state.counters["vs_rawfx"] = rawfx / secondsPerImage;
+  state.counters["vs_rawfx"] = rawfx / peer;
 }
 
 // ---- the image in the peers' forms ---------------------------------------------------
@@ -131,13 +162,19 @@ const cv::Mat& ImageMat(int channels, bool alpha) {
 
 // ---- OpenCV ----------------------------------------------------------------------------
 
-// Times call once per iteration with OpenCV limited to threads.
+// Times call and rawfx's Apply in turn, with OpenCV limited to threads.
 void TimeOpenCV(benchmark::State& state, const Job& job, int threads, const std::function<void()>& call) {
   cv::setNumThreads(threads);
+  RawfxApply& rawfx = RawfxApply::For(job, threads);
   call();  // warm-up: buffers allocated, code paged in
-  const auto start = Clock::now();
-  for (auto _ : state) call();
-  Report(state, job, threads, Seconds(Clock::now() - start) / static_cast<double>(state.iterations()));
+  Turns turns;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    call();
+    turns.peer.push_back(Seconds(Clock::now() - start));
+    RawfxTurn(state, rawfx, turns);
+  }
+  Report(state, turns);
 }
 
 // Source position of every destination pixel under a radial barrel of
@@ -278,7 +315,8 @@ void ImageMagick(benchmark::State& state, const Job& job, std::vector<std::strin
   std::vector<std::string> command = {convert, "-limit", "thread", std::to_string(threads), input};
   command.insert(command.end(), operation.begin(), operation.end());
   command.push_back((Scratch().path / "result.miff").string());
-  double total = 0;
+  RawfxApply& rawfx = RawfxApply::For(job, threads);
+  Turns turns;
   for (auto _ : state) {
     const auto start = Clock::now();
     const bool ok = RunProcess(command);
@@ -288,23 +326,10 @@ void ImageMagick(benchmark::State& state, const Job& job, std::vector<std::strin
       return;
     }
     state.SetIterationTime(elapsed);
-    total += elapsed;
+    turns.peer.push_back(elapsed);
+    RawfxTurn(state, rawfx, turns);
   }
-  Report(state, job, threads, total / static_cast<double>(state.iterations()));
-}
-
-// ---- rawfx itself, for the table ------------------------------------------------------------
-
-void Rawfx(benchmark::State& state, const Job& job, int threads) {
-  Fixture fixture(job.channels, job.alpha, 8);
-  Host& host = *fixture.host;
-  host.SetThreads(threads);
-  REALobject effect = host.New(job.rawfxClass);
-  job.configure(host, effect);
-  for (auto _ : state) host.Unlock(host.Call<REALobject>(effect, "Apply(source as RawBitmap) as RawBitmap", fixture.source));
-  host.Unlock(effect);
-  state.counters["MP/s"] = benchmark::Counter(kMegapixels * static_cast<double>(state.iterations()),
-                                              benchmark::Counter::kIsRate);
+  Report(state, turns);
 }
 
 void RegisterAll() {
@@ -323,7 +348,6 @@ void RegisterAll() {
   for (int threads : threadCounts) {
     for (int brush : {2, 5}) {
       const Job job = OilPaintJob(brush);
-      add("rawfx/" + job.name, threads, [=](benchmark::State& s) { Rawfx(s, job, threads); });
       add("opencv_xphoto_oilPainting/size:" + std::to_string(brush), threads,
           [=](benchmark::State& s) { OpenCVOilPaint(s, brush, threads); });
       add("imagemagick_paint/" + std::to_string(brush), threads,
@@ -332,7 +356,6 @@ void RegisterAll() {
     for (bool interpolate : {false, true}) {
       const Job job = BarrelJob(interpolate);
       const std::string mode = interpolate ? "bilinear" : "nearest";
-      add("rawfx/" + job.name, threads, [=](benchmark::State& s) { Rawfx(s, job, threads); });
       add("opencv_remap_" + mode + "/map_ready", threads,
           [=](benchmark::State& s) { OpenCVBarrel(s, interpolate, false, threads); });
       add("opencv_remap_" + mode + "/map_computed", threads,
@@ -343,7 +366,6 @@ void RegisterAll() {
         true);
     for (bool toPolar : {true, false}) {
       const Job job = PolarJob(toPolar);
-      add("rawfx/" + job.name, threads, [=](benchmark::State& s) { Rawfx(s, job, threads); });
       add(std::string("opencv_warpPolar/") + (toPolar ? "inverse" : "forward"), threads,
           [=](benchmark::State& s) { OpenCVPolar(s, toPolar, threads); });
       add(std::string("imagemagick_distort_") + (toPolar ? "polar" : "depolar"), threads,
