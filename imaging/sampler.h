@@ -58,13 +58,16 @@ struct Neighbours {
   Vd fx, fy;       // the weights
 };
 
-// s - floor(s) as fmod(s, 1.0) plus 1 when negative gives it: for a finite s,
-// fmod's result is exactly s - trunc(s) (both multiples of the last place of s,
-// and less than 1 apart) with the sign of s, zero included.
-RAWFX_SIMD_FN Vd Fraction(Vd s) {
-  const Vd f = CopySign(s - Trunc(s), s);
-  return Select(Lt(f, Set(0.0)), f + Set(1.0), f);
-}
+// The weight fmod(s, 1.0), plus 1 when negative, as s - floor(s). Both are
+// one rounding of the same real: for s >= 0, fmod gives s - trunc(s) exactly
+// (both multiples of the last place of s, less than 1 apart), and that is
+// s - floor(s); for a negative s, fmod's part is exact and adding 1 rounds
+// (s - trunc(s)) + 1 once, where s - floor(s) rounds s - (trunc(s) - 1) once.
+// They differ only in the sign of a zero, for a whole negative s (fmod gives
+// -0), which no blend shows: a zero weight times a whole difference is a zero,
+// and a zero plus a sample is that sample (+0 for a 0 sample, whichever zero).
+// Non-finite positions give NaN both ways.
+RAWFX_SIMD_FN Vd Fraction(Vd s) { return s - Floor(s); }
 
 // Lanes whose neighbours are all the background get weights 0: blending four
 // background samples with them gives the background exactly, and it keeps the
