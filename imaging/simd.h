@@ -464,8 +464,8 @@ RAWFX_LANE void StorePixels(uint8_t* const* to, Vd values) {
 using Vp = __m512i;
 // Each factor fits 32 signed bits, so the 64-bit products are exact.
 RAWFX_LANE Vp PixelAddress(const uint8_t* pixels, Vd column, Vd row, int64_t rowBytes, int64_t pixelBytes) {
-  const __m512i columns = _mm512_cvtepi32_epi64(_mm512_cvttpd_epi32(column));
-  const __m512i rows = _mm512_cvtepi32_epi64(_mm512_cvttpd_epi32(row));
+  const __m512i columns = _mm512_cvttpd_epi64(column);
+  const __m512i rows = _mm512_cvttpd_epi64(row);
   const __m512i offsets = _mm512_add_epi64(_mm512_mul_epi32(rows, _mm512_set1_epi64(rowBytes)),
                                            _mm512_mul_epi32(columns, _mm512_set1_epi64(pixelBytes)));
   return _mm512_add_epi64(_mm512_set1_epi64(reinterpret_cast<intptr_t>(pixels)), offsets);
