@@ -141,10 +141,11 @@ void* BarrelDistortPart(void* block) {
   job.columnNx = columnNx;
   job.normalisedColumns = std::clamp<int64_t>(rawfx::simd::WholeLaneGroups(head.width), 0, kNormalisedColumns);
   RAWFX_PICK_PATH(NormaliseColumns)(mapping, columnNx, job.normalisedColumns);
-  // The left half's radial factors of rows up to that width, which the right half reuses.
+  // The left half's radial factors of rows up to that width, which the right
+  // half reuses; none are kept when no column has a mirror to reuse them.
   double radial[kRadialColumns];
   job.radial = radial;
-  job.radialColumns = std::min(job.normalisedColumns, kRadialColumns);
+  job.radialColumns = job.mirrorSum < 0 ? 0 : std::min(job.normalisedColumns, kRadialColumns);
 
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
     job.row = RowTermsOf(mapping, y);
