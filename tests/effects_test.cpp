@@ -25,11 +25,12 @@
 #include "support/host_fixture.h"
 
 // ---- allocations of one watched size ----------------------------------------------
-// The module takes an asynchronous block (followed by its column table when
-// unrolling) and a synchronous run's column table with the global operator new.
-// These replacements count the allocations of one watched size and keep those
-// still live, so that a test can tell that what a run took was given back; on
-// request the nothrow form refuses that size, as an exhausted heap would.
+// The module takes an asynchronous block (followed by its run's table) and a
+// synchronous run's table with the nothrow global operator new. These
+// replacements count the nothrow allocations of one watched size and keep
+// those still live, so that a test can tell that what a run took was given
+// back; on request they refuse that size and larger ones, as an exhausted heap
+// would.
 namespace {
 
 std::mutex gWatchMutex;
@@ -42,10 +43,10 @@ struct Watcher {
 
 void* Allocate(size_t size, bool nothrow) noexcept {
   std::lock_guard lock(gWatchMutex);
-  if (nothrow && gWatch.fails && size == gWatch.size) return nullptr;
+  if (nothrow && gWatch.fails && size >= gWatch.size) return nullptr;
   void* p = std::malloc(size ? size : 1);
   auto slot = std::find(gWatch.live.begin(), gWatch.live.end(), nullptr);
-  if (p && size == gWatch.size && ++gWatch.made && slot != gWatch.live.end()) *slot = p;
+  if (p && nothrow && size == gWatch.size && ++gWatch.made && slot != gWatch.live.end()) *slot = p;
   return p;
 }
 
@@ -55,7 +56,7 @@ void Release(void* p) noexcept {
   std::free(p);
 }
 
-// Starts counting allocations of size afresh (fails: the nothrow form refuses them).
+// Starts counting allocations of size afresh (fails: the nothrow form refuses them and larger ones).
 void Watch(size_t size, bool fails = false) {
   std::lock_guard lock(gWatchMutex);
   gWatch = {size, fails};
@@ -467,7 +468,7 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
   }
   REALobject polar = Keep(host.New(kPolar)), source = NewSource(9, 6, kRGB);
   ExpectRefused(polar, source, 4, Method::Apply, [&] { return Apply4(polar, source, true, true, nullptr); });
-  Watch(kBlockSize, true);  // wrapping takes no table: the block is the one allocation
+  Watch(kBlockSize, true);  // wrapping takes no table here: the block is the one allocation
   ExpectRefused(polar, source, 5, Method::Async);
   Watch(0);
 }
@@ -556,16 +557,20 @@ TEST_F(Effects, InterlaceRunsMatchTheReferenceKernels) {
 // the properties, which it leaves as they were. Unrolling (polar to
 // rectangular) takes a column table made for the bitmap and the run's options:
 // right after the block, in the same allocation, for ApplyAsync; in one of its
-// own, freed before Apply returns, for Apply. Wrapping takes none.
+// own, freed before Apply returns, for Apply. Wrapping takes a ray table made
+// for the bitmap in Apply only.
 TEST_F(Effects, PolarRunsMatchTheReferenceKernels) {
   constexpr int64_t kWidth = 23, kHeight = 17;
   REALobject effect = Keep(host.New(kPolar));
   PolarColumnTable columns{};
+  std::pair<int32_t, int32_t> raysMadeFor;
   bool tableAfterBlock = false;
   peek = [&](const GenericMPParams& head) {
     const auto& params = reinterpret_cast<const PolarCoordinatesParams&>(head);
     columns = params.columnTable ? *params.columnTable : PolarColumnTable{};
-    tableAfterBlock = params.columnTable == static_cast<const void*>(&params + 1);
+    raysMadeFor = params.rayTable ? std::pair(params.rayTable->width, params.rayTable->height) : std::pair(0, 0);
+    const void* table = params.columnTable ? static_cast<const void*>(params.columnTable) : params.rayTable;
+    tableAfterBlock = table == static_cast<const void*>(&params + 1);
   };
   struct Row {
     bool toPolar, flip;
@@ -596,16 +601,18 @@ TEST_F(Effects, PolarRunsMatchTheReferenceKernels) {
     PolarCoordinatesParams params{};
     params.settings = {100.0, row.flip, 1, row.toPolar, 0.0, 0, 0, 0.0, 0.0};
     SetBackground(params, colour, row.format, row.bits, rawfx::host::FindFormat(row.format)->hasAlpha);
-    const size_t tableBytes = row.toPolar ? 0 : PolarColumnTableBytes(kWidth, kHeight);
+    const bool tabled = !row.toPolar || row.via != Method::Async;
+    const size_t tableBytes =
+        tabled ? PolarRunTableBytes(kWidth, kHeight, host.Bitmap(source).record->bytesPerPixel, row.toPolar) : 0;
     Watch(row.via == Method::Async ? kBlockSize + tableBytes : tableBytes);
     ExpectMatchesReference(
         effect, source, &params, ref::kPolarParts[row.bits == 16][0], row.via,
         {2, row.bits == 8 ? 13 : 14, nullptr, true}, [&] {
           return row.arguments ? Apply4(effect, source, row.toPolar, row.flip, colour) : Run(row.via, effect, source);
         });
-    EXPECT_EQ(Watched(), std::pair(row.toPolar && row.via != Method::Async ? 0 : 6, 0))
-        << "each of the six runs gave back what it took";
+    EXPECT_EQ(Watched(), std::pair(6, 0)) << "each of the six runs gave back what it took";
     EXPECT_EQ(tableAfterBlock, !row.toPolar && row.via == Method::Async);
+    EXPECT_EQ(raysMadeFor, row.toPolar && tabled ? std::pair(int32_t{kWidth}, int32_t{kHeight}) : std::pair(0, 0));
     EXPECT_EQ(std::tie(columns.width, columns.height, columns.roundness, columns.flipMapping, columns.angleOffset),
               std::tuple(row.toPolar ? 0 : kWidth, row.toPolar ? 0 : kHeight, row.toPolar ? 0.0 : 100.0,
                          uint8_t{!row.toPolar && row.flip}, 0.0));

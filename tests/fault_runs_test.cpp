@@ -119,7 +119,7 @@ TEST_P(FaultRun, ACancelOrAMissingResourceStopsTheRunAndChangesNothingElse) {
       EXPECT_EQ(RunEffect(host, effect, c.method, nullptr, log), nullptr);
       EXPECT_EQ(std::exchange(LastErrorField(host, effect), 0), 4);
     } else if (fault == kNoResult) {
-      host.FailResultCreation(1);
+      host.FailResultCreation(2);  // and again for a run that retries without its table
     } else if (fault == kHugeRecord) {
       record->height = (int64_t{1} << 31) / host.Bitmap(source).rowBytes;  // no result fits
     } else {
@@ -132,6 +132,7 @@ TEST_P(FaultRun, ACancelOrAMissingResourceStopsTheRunAndChangesNothingElse) {
     seen = {};
     REALobject result = RunEffect(host, effect, c.method, source, log);
     host.SetSplitPolicy(SplitPolicy::Balanced);
+    host.FailResultCreation(0);
     record->height = kHeight;
 
     const bool runs = fault <= kHeight || (fault == kNoResult && c.method == Method::InPlace);

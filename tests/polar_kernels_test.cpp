@@ -2,13 +2,14 @@
 // the reference (and the shipped kernels) to documented positions, positions
 // off the source, blends and borders; random cases then demand that the fast
 // kernels leave every byte, the progress count and every done flag as the
-// reference does, with and without a column table (matching or stale), also
-// for sources too large to address, on every path.
+// reference does, with and without a column or ray table (matching or stale),
+// also for sources too large to address, on every path.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
 #include <algorithm>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -132,6 +133,22 @@ void AttachColumnTable(PolarCase& c, const PolarizeSettings& s, int32_t width, i
   c.params.columnTable = bytes ? MakePolarColumnTable(c.storage.data(), s, width, height) : nullptr;
 }
 
+// A ray table in the case's own storage for width x height (none for sizes that
+// take none), made afresh before each run with every claimedEvery-th row pair
+// claimed by a part still filling it (0: none), as a part running beside
+// would leave it.
+void AttachRayTable(PolarCase& c, int32_t width, int32_t height, int claimedEvery) {
+  const size_t bytes = PolarRayTableBytes(width, height);
+  c.storage.assign(bytes / sizeof(double) + 1, 0.0);
+  c.params.rayTable = bytes ? MakePolarRayTable(c.storage.data(), width, height) : nullptr;
+  if (!bytes) return;
+  c.prepare = [table = c.params.rayTable, claimedEvery] {
+    MakePolarRayTable(table, table->width, table->height);
+    for (int32_t pair = 0; claimedEvery > 0 && pair < table->rowPairs; pair += claimedEvery)
+      table->States()[pair] = PolarRayTable::kClaimed;
+  };
+}
+
 // The source has guard bytes before and after: hand-built settings can put an
 // accepted position in (-1.5, -1], whose nearest pixel is read one column or
 // one row before the bitmap by the reference as well.
@@ -145,6 +162,7 @@ PolarCase NewCase(Rng& rng, const Layout& l, const PolarizeSettings& settings) {
   Scramble(rng, c.params);  // the background samples among them
   c.params.settings = settings;
   c.params.columnTable = nullptr;
+  c.params.rayTable = nullptr;
   c.Use(rawfx::reference::kPolarParts, kFast);
   c.settings = Describe("toPolar ", int{settings.rectangularToPolar}, " flip ", int{settings.flipMapping},
                         " centerAtTop ", int{settings.centerAtTop}, " roundness ", settings.roundness, " angleOffset ",
@@ -194,28 +212,45 @@ PolarCase RandomCase(Rng& rng, int index) {
   if (table == 2) other.flipMapping = other.flipMapping ? 0 : 1;
   if (table == 3) other.roundness = other.roundness == 0.0 ? 1.0 : 0.0;
   if (table == 4) other.angleOffset = std::isnan(angle) ? 0.0 : angle == 0.0 ? 1.0 : -angle;
-  if (table < 6) AttachColumnTable(c, other, c.l.width + (table == 0), c.l.height + (table == 1));
+  const int32_t tableWidth = c.l.width + (table == 0), tableHeight = c.l.height + (table == 1);
+  if (table < 6 && settings.rectangularToPolar)
+    AttachRayTable(c, tableWidth, tableHeight, static_cast<int>(Uniform(rng, 0, 3)));
+  else if (table < 6)
+    AttachColumnTable(c, other, tableWidth, tableHeight);
   c.settings += "; table " + std::to_string(table);
   if (index % 50 == 11 && c.l.height > 2) c.l.srcRowBytes = 1 << 30;  // too far apart to address: never read
   return c;
 }
 
-// Then a table whose header matches the run is read on both paths: columns
-// altered to sample the centre change the result (tables made for other sizes
-// or options, among the random cases, must not be). Sizes that take no table
-// get none.
+// Then a table whose header matches the run is read on every path: columns
+// altered to sample the centre, or angles of 0 marked ready, change the result
+// (tables made for other sizes or options, among the random cases, must not
+// be). Sizes that take no table get none; nor do wrapping runs over sources
+// whose pixels take less memory than the table.
 TEST(PolarDifferential, RandomCasesMatchTheReferenceAndMatchingTablesAreRead) {
   CheckRandomCases(0x5EED0001, 6000, RandomCase);
   Rng rng(0x5EED0004);
-  PolarCase c = NewCase(rng, PackedLayout(24, 16, 1, 3), PolarizeSettings{100.0, 1, 1, 0, 0.0, 0, 0, 0.0, 0.0});
-  c.parts.ranges = {{0, 16}};
-  AttachColumnTable(c, c.params.settings, 24, 16);
-  const Outcome expected = c.Run(false);
-  auto* table = const_cast<PolarColumnTable*>(c.params.columnTable);
-  std::fill_n(const_cast<double*>(table->XSteps()), 3 * table->stride, 0.0);
+  const auto newCase = [&rng](uint8_t toPolar) {
+    PolarCase c = NewCase(rng, PackedLayout(24, 16, 1, 3), PolarizeSettings{100.0, 1, 1, toPolar, 0.0, 0, 0, 0.0, 0.0});
+    c.parts.ranges = {{0, 16}};
+    return c;
+  };
+  PolarCase cases[2] = {newCase(0), newCase(1)};
+  AttachColumnTable(cases[0], cases[0].params.settings, 24, 16);
+  AttachRayTable(cases[1], 24, 16, 0);
+  const Outcome expected[] = {cases[0].Run(false), cases[1].Run(false)};
+  auto* columns = const_cast<PolarColumnTable*>(cases[0].params.columnTable);
+  std::fill_n(const_cast<double*>(columns->XSteps()), 3 * columns->stride, 0.0);
+  cases[1].prepare = [rays = cases[1].params.rayTable] {
+    for (int32_t pair = 0; pair < rays->rowPairs; ++pair) {
+      std::fill_n(rays->Angles(pair), rays->stride, 0.0);
+      rays->States()[pair] = PolarRayTable::kReady;
+    }
+  };
   for (const auto path : {rawfx::cpu::Path::AVX512, rawfx::cpu::Path::AVX2, rawfx::cpu::Path::Portable}) {
     rawfx::cpu::LimitPaths(path);
-    EXPECT_TRUE(c.Run(true).memory != expected.memory) << "path " << static_cast<int>(path);
+    for (int toPolar : {0, 1})
+      EXPECT_TRUE(cases[toPolar].Run(true).memory != expected[toPolar].memory) << "path " << static_cast<int>(path);
   }
   rawfx::cpu::LimitPaths(rawfx::cpu::Path::AVX512);
   const int64_t tooBig = int64_t{1} << 31, widest = int64_t{1} << 20;
@@ -224,6 +259,12 @@ TEST(PolarDifferential, RandomCasesMatchTheReferenceAndMatchingTablesAreRead) {
     EXPECT_EQ(PolarColumnTableBytes(width, height), 0u) << width << " x " << height;
   EXPECT_EQ(PolarColumnTableBytes(7, 3), sizeof(PolarColumnTable) + 3 * 8 * sizeof(double));
   EXPECT_EQ(PolarColumnTableBytes(widest, 1), sizeof(PolarColumnTable) + 3 * widest * sizeof(double));
+  EXPECT_EQ(PolarRayTableBytes(7, 5), sizeof(PolarRayTable) + 8 + 2 * 8 * sizeof(double));  // 2 row pairs of 4 pairs
+  EXPECT_EQ(std::tuple(PolarRayTableBytes(5, 1), PolarRayTableBytes(widest + 1, 5), PolarRayTableBytes(5, tooBig)),
+            std::tuple(0u, 0u, 0u));
+  EXPECT_EQ(std::tuple(PolarRunTableBytes(24, 16, 4, false), PolarRunTableBytes(24, 16, 4, true),
+                       PolarRunTableBytes(24, 16, 1, true), PolarRunTableBytes(24, int64_t{1} << 30, 4, true)),
+            std::tuple(PolarColumnTableBytes(24, 16), PolarRayTableBytes(24, 16), size_t{0}, size_t{0}));
 }
 
 }  // namespace

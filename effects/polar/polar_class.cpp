@@ -153,14 +153,8 @@ RawBitmap* PrepareParams(REALobject source, MPImageFilterData* engine, PolarCoor
   }
 }
 
-// Bytes of the table that a run over source takes, 0 for none: polar to
-// rectangular takes the column table, whose per-column work (a tangent, a sine
-// and a cosine) it saves on every row. Rectangular to polar takes none: handing
-// the rays from a row to its mirror about the centre row through a table made
-// runs through the engine slower, and would cost more memory than a run may
-// own (see polar_kernels.h).
 size_t TableBytes(const RawBitmap& bitmap, bool toPolar) {
-  return toPolar ? 0 : PolarColumnTableBytes(bitmap.width, bitmap.height);
+  return PolarRunTableBytes(bitmap.width, bitmap.height, bitmap.bytesPerPixel, toPolar);
 }
 
 size_t RunTableBytes(REALobject source, signed char rectangularToPolar) {
@@ -174,13 +168,22 @@ void AttachRunTable(PolarCoordinatesParams* params, void* storage, size_t tableB
   const bool toPolar = params->settings.rectangularToPolar != 0;
   if (!storage || tableBytes == 0 || tableBytes != TableBytes(bitmap, toPolar)) return;
   const auto width = static_cast<int32_t>(bitmap.width), height = static_cast<int32_t>(bitmap.height);
-  params->columnTable = MakePolarColumnTable(storage, params->settings, width, height);
+  if (toPolar)
+    params->rayTable = MakePolarRayTable(storage, width, height);
+  else
+    params->columnTable = MakePolarColumnTable(storage, params->settings, width, height);
 }
+
+struct FreeTable {
+  void operator()(void* table) const { ::operator delete(table); }
+};
 
 // The four-argument Apply: the arguments serve this call only, the properties keep their values.
 // The block lives on the stack; a run table, if the run takes one, on the
 // heap until the engine has run every part. Without memory for it the parts
-// map every pixel in full, with the same result.
+// map every pixel in full, with the same result; so does a run whose result
+// the engine could not make beside a ray table (no part ran: a part does its
+// first row even when cancelled), which is run again without it.
 REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangularToPolar, signed char flipMapping,
                        REALobject backColor) {
   MPImageFilterData* engine = rawfx::EngineOf(DataOf(self));
@@ -191,10 +194,17 @@ REALobject ApplyEffect(REALobject self, REALobject source, signed char rectangul
       PrepareParams(source, engine, &params, rectangularToPolar, flipMapping, backColor, &part, &formatFlags);
   if (!bitmap) return nullptr;
   const size_t tableBytes = RunTableBytes(source, rectangularToPolar);
-  const std::unique_ptr<std::byte[]> table(tableBytes ? new (std::nothrow) std::byte[tableBytes] : nullptr);
+  std::unique_ptr<void, FreeTable> table(tableBytes ? ::operator new(tableBytes, std::nothrow) : nullptr);
   AttachRunTable(&params, table.get(), tableBytes, *bitmap);
-  return engine->ops->ProcessParts(engine, &params, part, part, bitmap, nullptr, kModeCode, formatFlags,
-                                   rawfx::kResultFlag);
+  const auto run = [&] {
+    return engine->ops->ProcessParts(engine, &params, part, part, bitmap, nullptr, kModeCode, formatFlags,
+                                     rawfx::kResultFlag);
+  };
+  REALobject result = run();
+  if (result || !params.rayTable || rawfx::ProgressOf(params.head) != 0) return result;
+  params.rayTable = nullptr;
+  table.reset();
+  return run();
 }
 
 REALobject IEffectApply(REALobject self, REALobject source) {
@@ -205,7 +215,7 @@ REALobject IEffectApply(REALobject self, REALobject source) {
 
 // The block outlives this call: it is allocated with the global operator new
 // and, handed over with no delete callback, released by the engine with the
-// global operator delete after the run. A run table, if the run takes one,
+// global operator delete after the run. A column table, if the run takes one,
 // follows the block in the same allocation and so is released with it. If the
 // checks fail the block is freed here. Allocation never throws: without
 // memory for the block nothing runs, the completion method is not called and
@@ -213,7 +223,9 @@ REALobject IEffectApply(REALobject self, REALobject source) {
 void ApplyEffectAsync(REALobject self, REALobject source, REALobject completeTarget, void* completeMethod) {
   PolarCoordinatesData* data = DataOf(self);
   MPImageFilterData* engine = rawfx::EngineOf(data);
-  size_t tableBytes = RunTableBytes(source, static_cast<signed char>(data->rectangularToPolar));
+  // A ray table is not taken here: a result that the engine cannot make beside
+  // it could not be retried without it.
+  size_t tableBytes = data->rectangularToPolar ? 0 : RunTableBytes(source, 0);
   void* storage = tableBytes ? ::operator new(sizeof(PolarCoordinatesParams) + tableBytes, std::nothrow) : nullptr;
   if (!storage) {
     tableBytes = 0;  // without memory for the table the parts map every pixel in full

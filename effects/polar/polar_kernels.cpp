@@ -6,8 +6,8 @@
 // - what depends only on the row or only on the run is computed once for it;
 // - rectangular to polar: a pixel and its mirror about the centre column see
 //   the centre at the same distance, so they share one atan and the ray's
-//   square roots (each row computes its own: see polar_kernels.h for why the
-//   two rows mirrored about the centre row do not share them);
+//   square roots; a row and its mirror about the centre row share the atans
+//   through the run's ray table when the effect made one (polar_kernels.h);
 // - polar to rectangular: what depends only on the column comes from the run's
 //   column table when the effect made one;
 // - fmod is replaced where it is exact to do so without the call.
@@ -179,6 +179,10 @@ bool TableFits(const PolarColumnTable* table, const PolarizeSettings& s) {
          std::memcmp(&table->angleOffset, &s.angleOffset, sizeof(double)) == 0;
 }
 
+bool TableFits(const PolarRayTable* table, const PolarizeSettings& s) {
+  return table && s.rectangularToPolar && table->width == s.width && table->height == s.height;
+}
+
 // ---- the parts ----------------------------------------------------------------------
 
 bool ProductFitsInt32(int64_t a, int64_t b) {
@@ -204,10 +208,15 @@ PolarizeSettings WithGeometry(const PolarizeSettings& options, int32_t width, in
   return s;
 }
 
+// What a rectangular-to-polar row does with its row of the run's ray table.
+enum class RayUse { Own, Fill, Read };
+
 // One destination row and everything its pixels need.
 struct RowJob {
   const Geometry* geometry;
   const PolarColumnTable* columns;  // the run's column table, or nil
+  double* rays;                     // the row's angles in the run's ray table (RayUse::Own: nil)
+  RayUse rayUse;
   double y;
   const uint8_t* srcPixels;
   int64_t srcRowBytes, srcPixelBytes;
@@ -246,6 +255,34 @@ RowMapper RowMapperFor(int channels) {
   return RAWFX_PICK_PATH(MapRow<Sample, 0>);
 }
 
+// The row pair of row y in a ray table: the rows above the centre are their
+// own pair, a row below is its mirror's; -1 for the centre row, which has no atan.
+int32_t RowPairOf(const PolarRayTable& table, int32_t y) {
+  if (y < table.rowPairs) return y;
+  const int32_t mirror = table.height - 1 - y;
+  return mirror < table.rowPairs ? mirror : -1;
+}
+
+// Maps job's row, sharing its atans with its mirror through the run's ray
+// table (nil: none). The claim needs no order of its own, as only the claimer
+// writes the angles; the release that marks them ready publishes them to the
+// acquire that finds them ready.
+void MapRowSharingRays(RowMapper mapRow, RowJob& job, PolarRayTable* table) {
+  const int32_t pair = table ? RowPairOf(*table, static_cast<int32_t>(job.y)) : -1;
+  if (pair < 0) return mapRow(job);
+  std::atomic<uint8_t>& state = table->States()[pair];
+  uint8_t expected = PolarRayTable::kFree;
+  if (state.load(std::memory_order_acquire) == PolarRayTable::kReady)
+    job.rayUse = RayUse::Read;
+  else if (state.compare_exchange_strong(expected, PolarRayTable::kClaimed, std::memory_order_relaxed))
+    job.rayUse = RayUse::Fill;
+  job.rays = job.rayUse == RayUse::Own ? nullptr : table->Angles(pair);
+  mapRow(job);
+  if (job.rayUse == RayUse::Fill) state.store(PolarRayTable::kReady, std::memory_order_release);
+  job.rayUse = RayUse::Own;
+  job.rays = nullptr;
+}
+
 template <class Sample>
 void* PolarCoordinatesRows(void* block) {
   auto* part = static_cast<MPParamBlock*>(block);
@@ -256,6 +293,8 @@ void* PolarCoordinatesRows(void* block) {
   const Geometry geometry = GeometryOf(settings);
   RowJob job{&geometry,
              TableFits(p.columnTable, settings) ? p.columnTable : nullptr,
+             nullptr,
+             RayUse::Own,
              0.0,
              head.srcPixels,
              head.srcRowBytes,
@@ -267,6 +306,7 @@ void* PolarCoordinatesRows(void* block) {
              settings.rectangularToPolar != 0};
   const bool addressable = SourceOffsetsFitInt32(head);
   const RowMapper mapRow = RowMapperFor<Sample>(job.channels);
+  PolarRayTable* rays = TableFits(p.rayTable, settings) ? p.rayTable : nullptr;
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
     job.y = y;
     job.out = p.head.dstPixels + int64_t{p.head.dstRowBytes} * y;
@@ -274,7 +314,7 @@ void* PolarCoordinatesRows(void* block) {
       for (int32_t x = 0; x < head.width; ++x)
         std::memcpy(job.out + x * job.step, job.background, static_cast<size_t>(job.channels) * kSampleBytes);
     } else if (head.width > 0) {
-      mapRow(job);
+      MapRowSharingRays(mapRow, job, rays);
     }
     if (!rawfx::FinishRow(p.head)) break;
   }
@@ -320,6 +360,31 @@ const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettin
     values[2 * stride + x] = c.radius;
   }
   return table;
+}
+
+size_t PolarRayTableBytes(int64_t width, int64_t height) {
+  constexpr int64_t kLargest = std::numeric_limits<int32_t>::max();
+  if (width < 1 || width > kWidestTabled || height < 2 || height > kLargest) return 0;
+  const auto rowPairs = static_cast<size_t>(height / 2);
+  const auto stride = static_cast<size_t>(rawfx::simd::WholeLaneGroups(width - width / 2));
+  return sizeof(PolarRayTable) + (rowPairs + 7) / 8 * 8 + rowPairs * stride * sizeof(double);
+}
+
+PolarRayTable* MakePolarRayTable(void* storage, int32_t width, int32_t height) {
+  const auto stride = static_cast<int32_t>(rawfx::simd::WholeLaneGroups(width - width / 2));
+  auto* table = new (storage) PolarRayTable{width, height, stride, height / 2};
+  for (int32_t pair = 0; pair < table->rowPairs; ++pair)
+    new (table->States() + pair) std::atomic<uint8_t>(PolarRayTable::kFree);
+  return table;
+}
+
+size_t PolarRunTableBytes(int64_t width, int64_t height, int64_t pixelBytes, bool toPolar) {
+  if (!toPolar) return PolarColumnTableBytes(width, height);
+  const size_t bytes = PolarRayTableBytes(width, height);
+  if (bytes == 0 || !PolarSourceAddressable(width, height, pixelBytes)) return 0;
+  // Addressable: the row's bytes and the height are below 2^31, so their product fits.
+  const auto sourceBytes = static_cast<uint64_t>(width * std::max<int64_t>(pixelBytes, 0)) * static_cast<uint64_t>(height);
+  return bytes <= sourceBytes ? bytes : 0;
 }
 
 bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double* sourceY,

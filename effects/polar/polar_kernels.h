@@ -8,6 +8,7 @@
 // the background colour where the position falls outside the source.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -86,12 +87,33 @@ static_assert(sizeof(PolarColumnTable) % alignof(double) == 0);
 // (H - 1 - y) - cy. The mapping feeds those offsets only into the atan
 // argument, the distance, the border's slope (through fabs) and so the radius
 // and source row: all four share them bit for bit, and only the angle's
-// quadrant formula differs. The parts share them between a pixel and its
-// mirror in the same row, and compute them again for the mirrored row: handing
-// them from one row to the other would take a table filled and read across
-// the parts, which through the engine made runs erratic and slower at one
-// thread, and which costs about 4 bytes a pixel beyond the source and the
-// result, more memory than a run may own.
+// quadrant formula differs. A pixel and its mirror in the same row share them
+// within the row; a row and its mirror about the centre row share the atans,
+// the costly part, through the run's ray table.
+//
+// The ray table of one rectangular-to-polar run, made before the run in memory
+// the effect owns for it. Each row above the centre and its mirror below have
+// one row of angles, atan(u / along) for the row's pairs of columns (`stride`
+// doubles, the pairs right of the centre rounded up to a whole lane group), and
+// one state: whichever of the two rows a part maps first claims the angles,
+// fills them and marks them ready; the other reads them when they are ready,
+// and otherwise works its own out. Nothing waits, and the values are the same
+// either way, so the result does not depend on which part runs when.
+struct PolarRayTable {
+  int32_t width;
+  int32_t height;
+  int32_t stride;
+  int32_t rowPairs;  // the rows above the centre
+  enum State : uint8_t { kFree, kClaimed, kReady };
+  std::atomic<uint8_t>* States() { return reinterpret_cast<std::atomic<uint8_t>*>(this + 1); }
+  double* Angles(int32_t rowPair) {
+    const size_t statesBytes = (static_cast<size_t>(rowPairs) + 7) / 8 * 8;
+    return reinterpret_cast<double*>(reinterpret_cast<std::byte*>(States()) + statesBytes) +
+           static_cast<size_t>(rowPair) * static_cast<size_t>(stride);
+  }
+};
+static_assert(sizeof(PolarRayTable) % alignof(double) == 0);
+static_assert(sizeof(std::atomic<uint8_t>) == 1 && std::atomic<uint8_t>::is_always_lock_free);
 
 struct PolarCoordinatesParams {
   GenericMPParams head;         // 0: filled by the engine
@@ -99,12 +121,14 @@ struct PolarCoordinatesParams {
   uint8_t backColor8[8];        // 136: background samples in the source's channel order
   uint16_t backColor16[8];      // 144: the same for 16-bit sources
   const PolarColumnTable* columnTable;  // 160: nil, or the run's columns (only read)
+  PolarRayTable* rayTable;              // 168: nil, or the run's rays (the parts fill and read it)
 };
 static_assert(offsetof(PolarCoordinatesParams, settings) == 88);
 static_assert(offsetof(PolarCoordinatesParams, backColor8) == 136);
 static_assert(offsetof(PolarCoordinatesParams, backColor16) == 144);
 static_assert(offsetof(PolarCoordinatesParams, columnTable) == 160);
-static_assert(sizeof(PolarCoordinatesParams) == 168);
+static_assert(offsetof(PolarCoordinatesParams, rayTable) == 168);
+static_assert(sizeof(PolarCoordinatesParams) == 176);
 
 // True when the parts can address every pixel of a width x height source of
 // pixelBytes per pixel with unpadded rows: they form row and column offsets as
@@ -122,6 +146,24 @@ size_t PolarColumnTableBytes(int64_t width, int64_t height);
 // PolarColumnTableBytes(width, height) bytes aligned for a double, and returns it.
 const PolarColumnTable* MakePolarColumnTable(void* storage, const PolarizeSettings& settings, int32_t width,
                                              int32_t height);
+
+// Bytes of a ray table for a width x height bitmap (header included); 0 when a
+// run takes none (fewer than two rows, or a size outside what a column table
+// takes).
+size_t PolarRayTableBytes(int64_t width, int64_t height);
+
+// Makes the ray table of a rectangular-to-polar run over a width x height
+// bitmap, every row pair free, in storage of PolarRayTableBytes(width, height)
+// bytes aligned for a double, and returns it.
+PolarRayTable* MakePolarRayTable(void* storage, int32_t width, int32_t height);
+
+// Bytes of the table that a run over a width x height source of pixelBytes a
+// pixel takes, 0 for none. Polar to rectangular takes the column table, whose
+// per-column work (a tangent, a sine and a cosine) it saves on every row.
+// Rectangular to polar takes the ray table, which halves its atans, when the
+// parts can address the source (else they read nothing) and the table takes
+// no more memory than the source's pixels (it takes about two bytes a pixel).
+size_t PolarRunTableBytes(int64_t width, int64_t height, int64_t pixelBytes, bool toPolar);
 
 // Maps destination pixel (x, y) to its unrounded source position. Returns
 // false, leaving both out-arguments untouched, when the position lies outside

@@ -144,6 +144,15 @@ struct ToPolarPlanner {
   PolarRow row;
   int32_t firstRight;  // the first column at or right of the centre
 
+  // The atans of the kLanes pairs from `pair` on: the mirrored row's, when
+  // it has filled the run's table; else worked out in the lanes in `wanted`.
+  RAWFX_SIMD_FN Vd AtansAt(int64_t pair, Vd u, int wanted) const {
+    if (job.rayUse == RayUse::Read) return Load(job.rays + pair);
+    const Vd t = wanted && row.side != RowSide::OnCentre ? AtanOf(u, row, wanted) : Set(0.0);
+    if (job.rayUse == RayUse::Fill) Store(job.rays + pair, t);
+    return t;
+  }
+
   RAWFX_SIMD_FN int64_t Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
     const int64_t pairs = std::min<int64_t>(kChunk / 2, g.width - firstRight - first);
@@ -155,7 +164,7 @@ struct ToPolarPlanner {
       const Vd sourceY = RaysOf(u, row, g).sourceY;
       const Md rowInside = RoundsIntoRange(sourceY, g.height);
       const int wanted = Bits(rowInside);
-      const Vd t = wanted && row.side != RowSide::OnCentre ? AtanOf(u, row, wanted) : Set(0.0);
+      const Vd t = AtansAt(first + int64_t{k} * kLanes, u, wanted);
       Vd rightSx = Set(0.0), leftSx = Set(0.0);
       Md rightInside = rowInside, leftInside = rowInside;
       if (wanted) {

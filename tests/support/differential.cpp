@@ -209,6 +209,7 @@ uint32_t KernelCaseBase::Result(const Outcome& out, int32_t x, int32_t y, int ch
 // progress and cancel.
 Outcome KernelCaseBase::RunWith(void* params, size_t paramBytes, PartFunction part) const {
   auto& head = *static_cast<GenericMPParams*>(params);
+  if (prepare) prepare();
   const PageEndCopy src(source, static_cast<size_t>(std::max(l.sampleBytes, 1)));
   std::vector<uint8_t> dst = destination;
   RawBitmap records[2] = {srcRecord, dstRecord};

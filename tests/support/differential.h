@@ -126,6 +126,7 @@ struct KernelCaseBase {
   PartPlan parts;
   std::string settings;         // the effect's own, for failure messages
   std::vector<double> storage;  // double-aligned memory the block may point into
+  std::function<void()> prepare;  // readies that memory before each run (none: nothing to do)
 
   std::string Describe() const;
   // A hand-built case: width x height packed pixels, source rows padded by
