@@ -140,10 +140,12 @@ struct HandBuiltRun {
   }
 };
 
-// Times part over every row of params, whose head FillHead has filled.
-template <class Params>
-void TimeParts(benchmark::State& state, Params& params, PartFunction part) {
+// Times part over every row of params, whose head FillHead has filled, each
+// run readied by ready (a run's own table, made as the class makes it).
+template <class Params, class Ready = void (*)()>
+void TimeParts(benchmark::State& state, Params& params, PartFunction part, Ready ready = [] {}) {
   for (auto _ : state) {
+    ready();
     params.head.progress = 0;
     MPParamBlock block{0, static_cast<int32_t>(kSide), 0, {}, &params};
     part(&block);
@@ -211,11 +213,16 @@ void PolarParts(benchmark::State& state, Kernels kernels, int channels, bool alp
     params.backColor16[i] = static_cast<uint16_t>(background[i]);
   }
   const auto side = static_cast<int32_t>(kSide);
-  std::vector<double> tableStorage(PolarColumnTableBytes(kSide, kSide) / sizeof(double) + 1);
-  if (!toPolar) params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, side, side);
+  std::vector<double> tableStorage(PolarRunTableBytes(kSide, kSide, channels * bits / 8, toPolar) / sizeof(double) + 1);
   TimeParts(state, params,
             Pick(kernels, bits == 8 ? PolarCoordinatesPart : PolarCoordinatesPart16,
-                 rawfx::reference::kPolarParts[bits == 16][0]));
+                 rawfx::reference::kPolarParts[bits == 16][0]),
+            [&] {
+              if (toPolar)
+                params.rayTable = MakePolarRayTable(tableStorage.data(), side, side);
+              else
+                params.columnTable = MakePolarColumnTable(tableStorage.data(), params.settings, side, side);
+            });
 }
 
 // The class keeps its block in its instance data and fills it on Apply: one
