@@ -569,8 +569,7 @@ TEST_F(Effects, PolarRunsMatchTheReferenceKernels) {
     const auto& params = reinterpret_cast<const PolarCoordinatesParams&>(head);
     columns = params.columnTable ? *params.columnTable : PolarColumnTable{};
     raysMadeFor = params.rayTable ? std::pair(params.rayTable->width, params.rayTable->height) : std::pair(0, 0);
-    const void* table = params.columnTable ? static_cast<const void*>(params.columnTable) : params.rayTable;
-    tableAfterBlock = table == static_cast<const void*>(&params + 1);
+    tableAfterBlock = params.columnTable == static_cast<const void*>(&params + 1);
   };
   struct Row {
     bool toPolar, flip;
