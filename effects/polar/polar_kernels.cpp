@@ -383,8 +383,8 @@ size_t PolarRunTableBytes(int64_t width, int64_t height, int64_t pixelBytes, boo
   const size_t bytes = PolarRayTableBytes(width, height);
   if (bytes == 0 || !PolarSourceAddressable(width, height, pixelBytes)) return 0;
   // Addressable: the row's bytes and the height are below 2^31, so their product fits.
-  const auto sourceBytes = static_cast<uint64_t>(width * std::max<int64_t>(pixelBytes, 0)) * static_cast<uint64_t>(height);
-  return bytes <= sourceBytes ? bytes : 0;
+  const auto rowBytes = static_cast<uint64_t>(width * std::max<int64_t>(pixelBytes, 0));
+  return bytes <= rowBytes * static_cast<uint64_t>(height) ? bytes : 0;
 }
 
 bool CalculateUndistortedCoordinates(double x, double y, double* sourceX, double* sourceY,
