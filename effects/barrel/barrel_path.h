@@ -43,9 +43,16 @@ RAWFX_SIMD_FN Vd RadialFactorAt(const RowJob& job, int64_t column, Vd nx) {
 
 // The keystone step, (u, v, 1) times the matrix, and back to pixels. NaN where
 // the mapping is undefined (distortion -1, or W = 0 with X or Y = 0).
+//
+// An affine matrix skips both divisions, exactly: for finite u and v, W is
+// (+-0) + (+-0) + 1 = 1 and a quotient by 1 is its dividend. A non-finite u or v
+// makes W NaN and so both quotients; without them, X and Y are then not finite
+// either (infinity or NaN times any cell is infinite or NaN), and a position
+// that is not finite takes the background as a NaN one does.
 RAWFX_SIMD_FN Pair Project(const SourceMapping& m, Pair uv) {
   const Vd X = uv.x * Set(m.m00) + uv.y * Set(m.m10) + Set(m.m20);
   const Vd Y = uv.x * Set(m.m01) + uv.y * Set(m.m11) + Set(m.m21);
+  if (m.affine) return {(X + Set(1.0)) * Set(m.centerX), (Y + Set(1.0)) * Set(m.centerY)};
   const Vd W = uv.x * Set(m.m02) + uv.y * Set(m.m12) + Set(m.m22);
   return {(X / W + Set(1.0)) * Set(m.centerX), (Y / W + Set(1.0)) * Set(m.centerY)};
 }
