@@ -173,24 +173,26 @@ RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
 }
 
 // Runs a row through the engine: planner.Plan(first, plan) plans the entries
-// from `first` on (at most kChunk), sets plan.count and the destinations and
-// returns the next first; the next chunk is planned before the current one is
-// filled.
+// from `first` on (at most Planner::kEntriesPerChunk), sets plan.count and the
+// destinations; the next chunk is planned before the current one is filled.
+// Backwards, the chunks are taken from the row's end to its start (a warp
+// that alternates directions starts each row where the one before ended).
 template <class Sample, int kChannels, class Plan, class Planner>
-RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels) {
-  if (entries <= 0) return;
+RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels, bool backwards = false) {
+  constexpr int64_t kPerChunk = Planner::kEntriesPerChunk;
+  const int64_t chunks = (entries + kPerChunk - 1) / kPerChunk;
+  const auto firstOf = [&](int64_t chunk) { return (backwards ? chunks - 1 - chunk : chunk) * kPerChunk; };
   Plan plans[2];
-  int current = 0;
-  int64_t next = planner.Plan(0, plans[0]);
-  Prefetch(plans[0]);
-  for (;;) {
-    const bool more = next < entries;
-    if (more) {
-      next = planner.Plan(next, plans[current ^ 1]);
-      Prefetch(plans[current ^ 1]);
+  if (chunks > 0) {
+    planner.Plan(firstOf(0), plans[0]);
+    Prefetch(plans[0]);
+  }
+  for (int64_t chunk = 0; chunk < chunks; ++chunk) {
+    Plan& next = plans[(chunk + 1) & 1];
+    if (chunk + 1 < chunks) {
+      planner.Plan(firstOf(chunk + 1), next);
+      Prefetch(next);
     }
-    Fill<Sample, kChannels, Planner::kListedOut>(plans[current], channels);
-    if (!more) break;
-    current ^= 1;
+    Fill<Sample, kChannels, Planner::kListedOut>(plans[chunk & 1], channels);
   }
 }

@@ -84,6 +84,7 @@ RAWFX_SIMD_FN void PlanAt(const RowJob& job, const SourceLayout& s, Pair p, int 
 template <class PlanType>
 struct RowPlanner {
   static constexpr bool kListedOut = false;
+  static constexpr int kEntriesPerChunk = kChunk;
   const RowJob& job;
   SourceLayout source;
 
@@ -91,7 +92,7 @@ struct RowPlanner {
   // divisions of many groups are then in flight together instead of each
   // group waiting on its own chain. Lanes past the row's end are planned
   // (only lanes that passed a bounds test are converted) and never filled.
-  RAWFX_SIMD_FN int64_t Plan(int64_t first, PlanType& plan) const {
+  RAWFX_SIMD_FN void Plan(int64_t first, PlanType& plan) const {
     const int count = static_cast<int>(std::min<int64_t>(kChunk, job.width - first));
     const int groups = (count + kLanes - 1) / kLanes;
     Pair staged[kChunk / kLanes];
@@ -107,7 +108,6 @@ struct RowPlanner {
     plan.first = job.out + first * job.step;
     plan.step = job.step;
     plan.count = count;
-    return first + count;
   }
 };
 

@@ -225,6 +225,11 @@ struct RowJob {
   uint8_t* out;
   int64_t step;  // bytes, whole samples
   bool toPolar;
+  // Odd rows are mapped from their end: each row reads the source along a
+  // curve that spans much of it, and its neighbour row along almost the same
+  // curve, so a row that starts where the last one ended finds its first
+  // source lines, and their pages' translations, still cached.
+  bool backwards;
 };
 
 using RowMapper = void (*)(const RowJob&);
@@ -303,12 +308,14 @@ void* PolarCoordinatesRows(void* block) {
              std::clamp<int>(head.srcPixelBytes / kSampleBytes, 0, kMaxSamples),
              nullptr,
              head.dstPixelBytes / kSampleBytes * kSampleBytes,
-             settings.rectangularToPolar != 0};
+             settings.rectangularToPolar != 0,
+             false};
   const bool addressable = SourceOffsetsFitInt32(head);
   const RowMapper mapRow = RowMapperFor<Sample>(job.channels);
   PolarRayTable* rays = TableFits(p.rayTable, settings) ? p.rayTable : nullptr;
   for (int32_t y = part->firstRow; y < part->endRow; ++y) {
     job.y = y;
+    job.backwards = (y & 1) != 0;
     job.out = p.head.dstPixels + int64_t{p.head.dstRowBytes} * y;
     if (!addressable) {
       for (int32_t x = 0; x < head.width; ++x)

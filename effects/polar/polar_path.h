@@ -139,6 +139,7 @@ RAWFX_SIMD_FN void PlanAt(const Geometry& g, const SourceLayout& s, Vd sx, Vd sy
 // its right-hand position twice, so a pixel written twice gets the same bytes.
 struct ToPolarPlanner {
   static constexpr bool kListedOut = true;
+  static constexpr int kEntriesPerChunk = kChunk / 2;  // mirror pairs
   const RowJob& job;
   SourceLayout source;
   PolarRow row;
@@ -153,7 +154,7 @@ struct ToPolarPlanner {
     return t;
   }
 
-  RAWFX_SIMD_FN int64_t Plan(int64_t first, BilinearPlan& plan) const {
+  RAWFX_SIMD_FN void Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
     const int64_t pairs = std::min<int64_t>(kChunk / 2, g.width - firstRight - first);
     const int groups = static_cast<int>((pairs + kLanes - 1) / kLanes);
@@ -185,7 +186,6 @@ struct ToPolarPlanner {
       }
     }
     plan.count = 2 * groups * kLanes;
-    return first + pairs;
   }
 };
 
@@ -193,11 +193,12 @@ struct ToPolarPlanner {
 // table, or are worked out here when the run has none.
 struct ToRectangularPlanner {
   static constexpr bool kListedOut = false;
+  static constexpr int kEntriesPerChunk = kChunk;
   const RowJob& job;
   SourceLayout source;
   double rowShare;
 
-  RAWFX_SIMD_FN int64_t Plan(int64_t first, BilinearPlan& plan) const {
+  RAWFX_SIMD_FN void Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
     const int count = static_cast<int>(std::min<int64_t>(kChunk, g.width - first));
     const double *xSteps, *ySteps, *radii;
@@ -225,7 +226,6 @@ struct ToRectangularPlanner {
     plan.first = job.out + first * job.step;
     plan.step = job.step;
     plan.count = count;
-    return first + count;
   }
 };
 
@@ -236,10 +236,10 @@ RAWFX_SIMD_ENTRY void MapRow(const RowJob& job) {
   if (job.toPolar) {
     const int32_t firstRight = g.width / 2;
     const ToPolarPlanner planner{job, source, PolarRowOf(job.y, g), firstRight};
-    SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width - firstRight, job.channels);
+    SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width - firstRight, job.channels, job.backwards);
   } else {
     const ToRectangularPlanner planner{job, source, RowShareOf(job.y, g)};
-    SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width, job.channels);
+    SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width, job.channels, job.backwards);
   }
 }
 
