@@ -12,7 +12,8 @@
 //   column table when the effect made one;
 // - fmod is replaced where it is exact to do so without the call.
 // The per-pixel arithmetic is written once (polar_path.h) and compiled for
-// every path; the rows go through the warps' sampling engine.
+// every path; the rows go through the warps' sampling engine, odd rows from
+// their end (RowJob::backwards).
 #include "effects/polar/polar_kernels.h"
 
 #include <algorithm>
