@@ -93,7 +93,7 @@ struct RowPlanner {
   // group waiting on its own chain. Lanes past the row's end are planned
   // (only lanes that passed a bounds test are converted) and never filled.
   RAWFX_SIMD_FN void Plan(int64_t first, PlanType& plan) const {
-    const int count = static_cast<int>(std::min<int64_t>(kChunk, job.width - first));
+    const int count = static_cast<int>(std::min<int64_t>(kEntriesPerChunk, job.width - first));
     const int groups = (count + kLanes - 1) / kLanes;
     Pair staged[kChunk / kLanes];
     for (int g = 0; g < groups; ++g) {

@@ -156,7 +156,7 @@ struct ToPolarPlanner {
 
   RAWFX_SIMD_FN void Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
-    const int64_t pairs = std::min<int64_t>(kChunk / 2, g.width - firstRight - first);
+    const int64_t pairs = std::min<int64_t>(kEntriesPerChunk, g.width - firstRight - first);
     const int groups = static_cast<int>((pairs + kLanes - 1) / kLanes);
     for (int k = 0; k < groups; ++k) {
       const double firstColumn = static_cast<double>(firstRight + first + int64_t{k} * kLanes);
@@ -200,7 +200,7 @@ struct ToRectangularPlanner {
 
   RAWFX_SIMD_FN void Plan(int64_t first, BilinearPlan& plan) const {
     const Geometry& g = *job.geometry;
-    const int count = static_cast<int>(std::min<int64_t>(kChunk, g.width - first));
+    const int count = static_cast<int>(std::min<int64_t>(kEntriesPerChunk, g.width - first));
     const double *xSteps, *ySteps, *radii;
     double own[3][kChunk];
     if (job.columns) {
