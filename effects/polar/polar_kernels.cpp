@@ -375,7 +375,7 @@ size_t PolarRayTableBytes(int64_t width, int64_t height) {
   if (width < 1 || width > kWidestTabled || height < 2 || height > kLargest) return 0;
   const auto rowPairs = static_cast<size_t>(height / 2);
   const auto stride = static_cast<size_t>(rawfx::simd::WholeLaneGroups(width - width / 2));
-  return sizeof(PolarRayTable) + (rowPairs + 7) / 8 * 8 + rowPairs * stride * sizeof(double);
+  return sizeof(PolarRayTable) + PolarRayTable::StatesBytes(rowPairs) + rowPairs * stride * sizeof(double);
 }
 
 PolarRayTable* MakePolarRayTable(void* storage, int32_t width, int32_t height) {

@@ -105,10 +105,11 @@ struct PolarRayTable {
   int32_t stride;
   int32_t rowPairs;  // the rows above the centre
   enum State : uint8_t { kFree, kClaimed, kReady };
+  // The states, one byte a row pair, padded so that the angles after them lie on doubles.
+  static constexpr size_t StatesBytes(size_t rowPairs) { return (rowPairs + 7) / 8 * 8; }
   std::atomic<uint8_t>* States() { return reinterpret_cast<std::atomic<uint8_t>*>(this + 1); }
   double* Angles(int32_t rowPair) {
-    const size_t statesBytes = (static_cast<size_t>(rowPairs) + 7) / 8 * 8;
-    return reinterpret_cast<double*>(reinterpret_cast<std::byte*>(States()) + statesBytes) +
+    return reinterpret_cast<double*>(reinterpret_cast<std::byte*>(States()) + StatesBytes(rowPairs)) +
            static_cast<size_t>(rowPair) * static_cast<size_t>(stride);
   }
 };
