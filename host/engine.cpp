@@ -84,18 +84,24 @@ struct Run {
 using RowRange = std::pair<int32_t, int32_t>;
 
 // Rows cost unequal amounts in most effects (a polar row near the centre is
-// not a row at the rim), so the workers take many small parts from one queue:
-// the last part to finish is short and all workers end close together.
+// not a row at the rim), so the workers take their parts from one queue, and
+// the last parts shrink: once the rows left would give a worker fewer than
+// kTailParts parts of full size, each part is that share of the rows left,
+// down to one quad of rows. The workers then end within a few rows of each
+// other rather than within a part. A full-size part is a 1/kPartsPerWorker
+// share of one worker's rows: small enough that the rows RunPart clears are
+// still in the worker's cache when the kernel fills them.
 constexpr int kPartsPerWorker = 16;
+constexpr int kTailParts = 2;
 
 std::vector<RowRange> BalancedParts(int32_t height, int workers) {
   const int64_t quads = (int64_t{height} + 3) / 4;
-  const int64_t parts = std::min<int64_t>(quads, int64_t{workers} * kPartsPerWorker);
+  const int64_t fullSize = std::max<int64_t>(1, quads / (int64_t{workers} * kPartsPerWorker));
   std::vector<RowRange> ranges;
-  for (int64_t i = 0; i < parts; ++i) {
-    const int64_t first = 4 * (quads * i / parts);
-    const int64_t end = std::min<int64_t>(4 * (quads * (i + 1) / parts), height);
-    ranges.emplace_back(static_cast<int32_t>(first), static_cast<int32_t>(end));
+  for (int64_t first = 0; first < quads;) {
+    const int64_t end = first + std::clamp<int64_t>((quads - first) / (int64_t{workers} * kTailParts), 1, fullSize);
+    ranges.emplace_back(static_cast<int32_t>(4 * first), static_cast<int32_t>(std::min<int64_t>(4 * end, height)));
+    first = end;
   }
   return ranges;
 }
