@@ -172,27 +172,39 @@ RAWFX_SIMD_FN void Fill(const BilinearPlan& plan, int runtimeChannels) {
   }
 }
 
-// Runs a row through the engine: planner.Plan(first, plan) plans the entries
-// from `first` on (at most Planner::kEntriesPerChunk), sets plan.count and the
-// destinations; the next chunk is planned before the current one is filled.
-// Backwards, the chunks are taken from the row's end to its start (a warp
-// that alternates directions starts each row where the one before ended).
-template <class Sample, int kChannels, class Plan, class Planner>
-RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels, bool backwards = false) {
+// Plans and prefetches the chunk from `first` on of each row of a band.
+template <class Plan, class Planner>
+RAWFX_SIMD_FN void PlanChunks(const Planner* planners, int rows, int64_t first, Plan* plans) {
+  for (int r = 0; r < rows; ++r) {
+    planners[r].Plan(first, plans[r]);
+    Prefetch(plans[r]);
+  }
+}
+
+// Runs the rows of a band through the engine together: planners[r].Plan(first,
+// plan) plans row r's entries from `first` on (at most Planner::kEntriesPerChunk)
+// and sets plan.count and the destinations. The chunks of one column range are
+// planned for every row of the band before those of the range before are
+// filled. Neighbouring rows of a warp read neighbouring source lines, so a
+// band of them reads each line while it is in the first-level cache rather
+// than once per row. Backwards, the chunks are taken from the row's end to its
+// start (a warp that alternates directions starts each band where the one
+// before ended).
+template <class Sample, int kChannels, class Plan, int kMaxRows, class Planner>
+RAWFX_SIMD_FN void SampleRows(const Planner* planners, int rows, int64_t entries, int channels, bool backwards) {
   constexpr int64_t kPerChunk = Planner::kEntriesPerChunk;
   const int64_t chunks = (entries + kPerChunk - 1) / kPerChunk;
   const auto firstOf = [&](int64_t chunk) { return (backwards ? chunks - 1 - chunk : chunk) * kPerChunk; };
-  Plan plans[2];
-  if (chunks > 0) {
-    planner.Plan(firstOf(0), plans[0]);
-    Prefetch(plans[0]);
-  }
+  Plan plans[2][kMaxRows];
+  if (chunks > 0) PlanChunks(planners, rows, firstOf(0), plans[0]);
   for (int64_t chunk = 0; chunk < chunks; ++chunk) {
-    Plan& next = plans[(chunk + 1) & 1];
-    if (chunk + 1 < chunks) {
-      planner.Plan(firstOf(chunk + 1), next);
-      Prefetch(next);
-    }
-    Fill<Sample, kChannels, Planner::kListedOut>(plans[chunk & 1], channels);
+    if (chunk + 1 < chunks) PlanChunks(planners, rows, firstOf(chunk + 1), plans[(chunk + 1) & 1]);
+    for (int r = 0; r < rows; ++r) Fill<Sample, kChannels, Planner::kListedOut>(plans[chunk & 1][r], channels);
   }
+}
+
+// One row, as a band of one.
+template <class Sample, int kChannels, class Plan, class Planner>
+RAWFX_SIMD_FN void SampleRow(const Planner& planner, int64_t entries, int channels, bool backwards = false) {
+  SampleRows<Sample, kChannels, Plan, 1>(&planner, 1, entries, channels, backwards);
 }

@@ -13,7 +13,8 @@
 // - fmod is replaced where it is exact to do so without the call.
 // The per-pixel arithmetic is written once (polar_path.h) and compiled for
 // every path; the rows go through the warps' sampling engine, odd rows from
-// their end (RowJob::backwards).
+// their end (RowJob::backwards), polar-to-rectangular rows in bands that read
+// each source line once for several rows (MapInBands).
 #include "effects/polar/polar_kernels.h"
 
 #include <algorithm>
@@ -209,10 +210,17 @@ PolarizeSettings WithGeometry(const PolarizeSettings& options, int32_t width, in
   return s;
 }
 
+// Polar to rectangular maps bands of up to kBandRows rows together, through a
+// scratch buffer of kBandBytes on the stack (MapInBands). With the band's
+// plans that is about 100 KiB of stack, a fifth of the smallest thread stack
+// the engine's workers get on macOS (512 KiB).
+constexpr int kBandRows = 4;
+constexpr size_t kBandBytes = size_t{64} << 10;
+
 // What a rectangular-to-polar row does with its row of the run's ray table.
 enum class RayUse { Own, Fill, Read };
 
-// One destination row and everything its pixels need.
+// Destination rows (one, or a band from y on) and everything their pixels need.
 struct RowJob {
   const Geometry* geometry;
   const PolarColumnTable* columns;  // the run's column table, or nil
@@ -223,13 +231,14 @@ struct RowJob {
   int64_t srcRowBytes, srcPixelBytes;
   const uint8_t* background;
   int channels;  // samples per pixel, at most the background's eight
-  uint8_t* out;
-  int64_t step;  // bytes, whole samples
+  int rows;                 // 1, or up to kBandRows polar-to-rectangular rows
+  uint8_t* out[kBandRows];  // where each row's pixels go
+  int64_t step;             // bytes, whole samples
   bool toPolar;
-  // Odd rows are mapped from their end: each row reads the source along a
-  // curve that spans much of it, and its neighbour row along almost the same
-  // curve, so a row that starts where the last one ended finds its first
-  // source lines, and their pages' translations, still cached.
+  // Odd rows (or bands) are mapped from their end: each row reads the source
+  // along a curve that spans much of it, and its neighbour row along almost
+  // the same curve, so a row that starts where the last one ended finds its
+  // first source lines, and their pages' translations, still cached.
   bool backwards;
 };
 
@@ -256,9 +265,9 @@ const uint8_t* BackgroundOf(const PolarCoordinatesParams& p) {
 // The usual pixels (three or four samples) get blends compiled for their size.
 template <class Sample>
 RowMapper RowMapperFor(int channels) {
-  if (channels == 3) return RAWFX_PICK_PATH(MapRow<Sample, 3>);
-  if (channels == 4) return RAWFX_PICK_PATH(MapRow<Sample, 4>);
-  return RAWFX_PICK_PATH(MapRow<Sample, 0>);
+  if (channels == 3) return RAWFX_PICK_PATH(MapRows<Sample, 3>);
+  if (channels == 4) return RAWFX_PICK_PATH(MapRows<Sample, 4>);
+  return RAWFX_PICK_PATH(MapRows<Sample, 0>);
 }
 
 // The row pair of row y in a ray table: the rows above the centre are their
@@ -289,11 +298,71 @@ void MapRowSharingRays(RowMapper mapRow, RowJob& job, PolarRayTable* table) {
   job.rays = nullptr;
 }
 
+uint8_t* DestinationRow(const GenericMPParams& head, int32_t y) {
+  return head.dstPixels + int64_t{head.dstRowBytes} * y;
+}
+
+// The bytes of a destination row that its pixels' blends may write.
+size_t RowSpan(const GenericMPParams& head, const RowJob& job, int sampleBytes) {
+  return static_cast<size_t>((int64_t{head.width} - 1) * job.step + int64_t{job.channels} * sampleBytes);
+}
+
+// The rows of polar to rectangular that a part maps together: as many as the
+// scratch holds, up to kBandRows; 1 (straight into the destination) where a
+// row alone does not fit or the rows overlap, and for rectangular to polar,
+// whose rows share their angles with their mirrors row by row.
+int BandRowsOf(const GenericMPParams& head, const RowJob& job, size_t span) {
+  if (job.toPolar || head.width < 1 || span > static_cast<size_t>(std::max(head.dstRowBytes, 0))) return 1;
+  return static_cast<int>(std::clamp<size_t>(kBandBytes / std::max<size_t>(span, 1), 1, kBandRows));
+}
+
+// Row by row, straight into the destination.
+template <class Sample>
+void MapRowByRow(RowMapper mapRows, RowJob& job, const MPParamBlock& part, GenericMPParams& head,
+                 PolarRayTable* rays, bool addressable) {
+  for (int32_t y = part.firstRow; y < part.endRow; ++y) {
+    job.y = y;
+    job.backwards = (y & 1) != 0;
+    job.out[0] = DestinationRow(head, y);
+    if (!addressable) {
+      for (int32_t x = 0; x < head.width; ++x)
+        std::memcpy(job.out[0] + x * job.step, job.background, static_cast<size_t>(job.channels) * sizeof(Sample));
+    } else if (head.width > 0) {
+      MapRowSharingRays(mapRows, job, rays);
+    }
+    if (!rawfx::FinishRow(head)) return;
+  }
+}
+
+// In bands: a band's rows are mapped together into the scratch, then copied
+// to the destination in order, each finished (progress, cancel) before the
+// next is copied, so that rows below a cancel keep their contents as they do
+// row by row. The scratch starts as a copy of the rows, so bytes that no
+// blend writes stay as they were.
+void MapInBands(RowMapper mapRows, RowJob& job, const MPParamBlock& part, GenericMPParams& head, int band,
+                size_t span) {
+  alignas(64) uint8_t scratch[kBandBytes];
+  for (int32_t y = part.firstRow; y < part.endRow; y += band) {
+    job.y = y;
+    job.rows = static_cast<int>(std::min<int64_t>(band, int64_t{part.endRow} - y));
+    job.backwards = ((y - part.firstRow) / band & 1) != 0;
+    for (int r = 0; r < job.rows; ++r) {
+      job.out[r] = scratch + r * span;
+      std::memcpy(job.out[r], DestinationRow(head, y + r), span);
+    }
+    mapRows(job);
+    for (int r = 0; r < job.rows; ++r) {
+      std::memcpy(DestinationRow(head, y + r), job.out[r], span);
+      if (!rawfx::FinishRow(head)) return;
+    }
+  }
+}
+
 template <class Sample>
 void* PolarCoordinatesRows(void* block) {
   auto* part = static_cast<MPParamBlock*>(block);
   auto& p = *static_cast<PolarCoordinatesParams*>(part->params);
-  const GenericMPParams& head = p.head;
+  GenericMPParams& head = p.head;
   constexpr int kSampleBytes = sizeof(Sample);
   const PolarizeSettings settings = WithGeometry(p.settings, head.width, head.height);  // the part's own copy
   const Geometry geometry = GeometryOf(settings);
@@ -307,25 +376,20 @@ void* PolarCoordinatesRows(void* block) {
              head.srcPixelBytes,
              BackgroundOf<Sample>(p),
              std::clamp<int>(head.srcPixelBytes / kSampleBytes, 0, kMaxSamples),
-             nullptr,
+             1,
+             {},
              head.dstPixelBytes / kSampleBytes * kSampleBytes,
              settings.rectangularToPolar != 0,
              false};
   const bool addressable = SourceOffsetsFitInt32(head);
-  const RowMapper mapRow = RowMapperFor<Sample>(job.channels);
-  PolarRayTable* rays = TableFits(p.rayTable, settings) ? p.rayTable : nullptr;
-  for (int32_t y = part->firstRow; y < part->endRow; ++y) {
-    job.y = y;
-    job.backwards = (y & 1) != 0;
-    job.out = p.head.dstPixels + int64_t{p.head.dstRowBytes} * y;
-    if (!addressable) {
-      for (int32_t x = 0; x < head.width; ++x)
-        std::memcpy(job.out + x * job.step, job.background, static_cast<size_t>(job.channels) * kSampleBytes);
-    } else if (head.width > 0) {
-      MapRowSharingRays(mapRow, job, rays);
-    }
-    if (!rawfx::FinishRow(p.head)) break;
-  }
+  const RowMapper mapRows = RowMapperFor<Sample>(job.channels);
+  const size_t span = RowSpan(head, job, kSampleBytes);
+  const int band = addressable ? BandRowsOf(head, job, span) : 1;
+  if (band > 1)
+    MapInBands(mapRows, job, *part, head, band, span);
+  else
+    MapRowByRow<Sample>(mapRows, job, *part, head, TableFits(p.rayTable, settings) ? p.rayTable : nullptr,
+                        addressable);
   part->done = 1;
   return nullptr;
 }

@@ -181,24 +181,26 @@ struct ToPolarPlanner {
       PlanAt(g, source, leftSx, sourceY, leftInside, at + kLanes, plan);
       for (int lane = 0; lane < kLanes; ++lane) {
         const int64_t column = std::min<int64_t>(firstRight + first + int64_t{k} * kLanes + lane, g.width - 1);
-        plan.out[at + lane] = job.out + column * job.step;
-        plan.out[at + kLanes + lane] = job.out + (g.width - 1 - column) * job.step;
+        plan.out[at + lane] = job.out[0] + column * job.step;
+        plan.out[at + kLanes + lane] = job.out[0] + (g.width - 1 - column) * job.step;
       }
     }
     plan.count = 2 * groups * kLanes;
   }
 };
 
-// Polar to rectangular, column after column; the columns come from the run's
-// table, or are worked out here when the run has none.
+// Polar to rectangular, column after column, for one row of a band; the
+// columns come from the run's table, or are worked out here when the run has none.
 struct ToRectangularPlanner {
   static constexpr bool kListedOut = false;
   static constexpr int kEntriesPerChunk = kChunk;
-  const RowJob& job;
+  const RowJob* band;
   SourceLayout source;
   double rowShare;
+  uint8_t* out;  // the row's pixels
 
   RAWFX_SIMD_FN void Plan(int64_t first, BilinearPlan& plan) const {
+    const RowJob& job = *band;
     const Geometry& g = *job.geometry;
     const int count = static_cast<int>(std::min<int64_t>(kEntriesPerChunk, g.width - first));
     const double *xSteps, *ySteps, *radii;
@@ -223,14 +225,15 @@ struct ToRectangularPlanner {
       const Md accepted = And(RoundsIntoRange(p.y, g.height), RoundsIntoRange(p.x, g.width));
       PlanAt(g, source, p.x, p.y, accepted, at, plan);
     }
-    plan.first = job.out + first * job.step;
+    plan.first = out + first * job.step;
     plan.step = job.step;
     plan.count = count;
   }
 };
 
+// The job's rows: one rectangular-to-polar row, or a band of polar-to-rectangular ones.
 template <class Sample, int kChannels>
-RAWFX_SIMD_ENTRY void MapRow(const RowJob& job) {
+RAWFX_SIMD_ENTRY void MapRows(const RowJob& job) {
   const Geometry& g = *job.geometry;
   const SourceLayout source{job.srcPixels, job.srcRowBytes, job.srcPixelBytes, job.background};
   if (job.toPolar) {
@@ -238,8 +241,9 @@ RAWFX_SIMD_ENTRY void MapRow(const RowJob& job) {
     const ToPolarPlanner planner{job, source, PolarRowOf(job.y, g), firstRight};
     SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width - firstRight, job.channels, job.backwards);
   } else {
-    const ToRectangularPlanner planner{job, source, RowShareOf(job.y, g)};
-    SampleRow<Sample, kChannels, BilinearPlan>(planner, g.width, job.channels, job.backwards);
+    ToRectangularPlanner planners[kBandRows];
+    for (int r = 0; r < job.rows; ++r) planners[r] = {&job, source, RowShareOf(job.y + r, g), job.out[r]};
+    SampleRows<Sample, kChannels, BilinearPlan, kBandRows>(planners, job.rows, g.width, job.channels, job.backwards);
   }
 }
 
