@@ -412,7 +412,8 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
     bool nilSource;
     int bits;                       // of the source's memory
     uint8_t claimedBits, channels;  // patched into the record; channels 0: as made
-    int64_t height;                 // patched into the record: 2^27 rows of 42 bytes reach past 2^31
+    int64_t height;                 // patched into the record: from 59652325 rows of 9 x 4 bytes, the
+                                    // last row starts past 2^31 - 1
     int64_t code;
   };
   const Row rows[] = {
@@ -425,7 +426,7 @@ TEST_F(Effects, RefusedRunsStoreTheirCodeAndRunNothing) {
       {kInterlace, 1, 0, 0, false, 8, 8, 9, 6, 6},      {kInterlace, 0, 2, 0, false, 16, 16, 9, 6, 6},
       {kPolar, 1, 0, 0, true, 8, 8, 0, 6, 4},           {kPolar, 0, 0, 0, true, 8, 8, 0, 6, 4},
       {kPolar, 1, 0, 0, false, 8, 32, 0, 6, 6},         {kPolar, 0, 0, 0, false, 8, 12, 0, 6, 6},
-      {kPolar, 1, 0, 0, false, 8, 8, 0, 1 << 27, 4},    {kPolar, 0, 0, 0, false, 8, 16, 0, 1 << 27, 4},
+      {kPolar, 1, 0, 0, false, 8, 8, 0, 59652325, 4},   {kPolar, 0, 0, 0, false, 8, 16, 0, 59652325, 4},
       {kBarrel, 0, 0, 0, false, 8, 0, 0, 6, 6},         {kBarrel, 0, 0, 0, true, 8, 8, 0, 6, 4},
       {kBarrel, 0, 0, 0, false, 8, 12, 0, 6, 6},        {kBarrel, 0, 0, 0, false, 8, 32, 0, 6, 6},
       {kOilPaint, 2, 0, 0.4f, true, 8, 8, 0, 6, 4},     {kOilPaint, 0, 0, 7.0f, true, 8, 8, 0, 6, 4},
