@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 # machine is shared and small, and short runs of two threads vary the most.
 BENCH_ARGS ?= --benchmark_min_time=1 --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 
-.PHONY: all bootstrap configure build test demo install tool bundle bench bench-peers performance sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
+.PHONY: all bootstrap configure build test demo install tool bundle bench bench-peers bench-compare performance sanitize sanitize-asan sanitize-tsan fuzz-build fuzz clean
 
 all: build
 
@@ -63,6 +63,15 @@ bench-peers: bootstrap
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS) --target rawfx_bench_peers
 	$(BUILD)/bench/rawfx_bench_peers $(BENCH_ARGS) --benchmark_out=$(BUILD)/bench_peers.json --benchmark_out_format=json
+
+# The module of REV against the working tree's, Apply for Apply in one process
+# (scripts/bench-compare): COMPARE_ARGS takes --threads=N, --rounds=N and job names.
+REV ?= HEAD
+COMPARE_ARGS ?=
+bench-compare: bootstrap
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DRAWFX_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j $(JOBS) --target rawfx_compare
+	scripts/bench-compare $(REV) $(BUILD) $(COMPARE_ARGS)
 
 # PERFORMANCE.md from one `make bench` run and one `make bench-peers` run right
 # after it; the file is replaced only when both runs and the tables succeed.

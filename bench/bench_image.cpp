@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <utility>
 
 namespace rawfx::bench {
 
@@ -19,7 +20,8 @@ double Texture(int64_t x, int64_t y, int channel) {
   return std::fmin(1.0, std::fmax(0.0, 0.45 + 0.3 * fx * (1 - fy) + waves + grain));
 }
 
-Fixture::Fixture(int channelCount, bool alpha, int bitsPerChannel) : channels(channelCount), bits(bitsPerChannel) {
+Fixture::Fixture(int channelCount, bool alpha, int bitsPerChannel, rawfx::host::HostOptions options)
+    : host(std::make_unique<rawfx::host::Host>(std::move(options))), channels(channelCount), bits(bitsPerChannel) {
   source = host->NewBitmap(kSide, kSide, FormatWith(channels, alpha).code, bits);
   const auto bitmap = view();
   for (int64_t y = 0; y < kSide; ++y)

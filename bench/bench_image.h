@@ -21,11 +21,11 @@ double Texture(int64_t x, int64_t y, int channel);
 
 // A host of its own and the image in one of its bitmaps.
 struct Fixture {
-  std::unique_ptr<rawfx::host::Host> host = std::make_unique<rawfx::host::Host>();
+  std::unique_ptr<rawfx::host::Host> host;
   REALobject source = nullptr;
   int channels, bits;
 
-  Fixture(int channelCount, bool alpha, int bitsPerChannel);
+  Fixture(int channelCount, bool alpha, int bitsPerChannel, rawfx::host::HostOptions options = {});
   ~Fixture();
   Fixture(const Fixture&) = delete;
   Fixture& operator=(const Fixture&) = delete;

@@ -34,52 +34,25 @@
 #include <vector>
 
 #include "bench/bench_image.h"
+#include "bench/bench_jobs.h"
 
 extern char** environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using rawfx::bench::BarrelJob;
 using rawfx::bench::Fixture;
+using rawfx::bench::Job;
 using rawfx::bench::kMegapixels;
 using rawfx::bench::kSide;
+using rawfx::bench::OilPaintJob;
+using rawfx::bench::PolarJob;
 using rawfx::host::Host;
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-// ---- the jobs, as rawfx does them -----------------------------------------------------
-
-struct Job {
-  std::string name;
-  int channels;
-  bool alpha;
-  const char* rawfxClass;
-  std::function<void(Host&, REALobject)> configure;
-};
-
-Job OilPaintJob(int brush) {
-  return {"oil_paint_brush" + std::to_string(brush) + "_rgb8", 3, false, "OilPaintEffectRaw",
-          [=](Host& host, REALobject e) { host.Set<uint8_t>(e, "BrushSize", static_cast<uint8_t>(brush)); }};
-}
-
-// rawfx's barrel maps through a keystone matrix as well; the peers' maps are
-// plain radial ones with the same strength.
-Job BarrelJob(bool interpolate) {
-  return {std::string("barrel_") + (interpolate ? "bilinear" : "nearest") + "_rgba8", 4, true,
-          "BarrelDistortEffectRaw", [=](Host& host, REALobject e) {
-            host.Set<double>(e, "Distortion", 0.4);
-            host.Set<double>(e, "HorizontalKeystone", 0.1);
-            host.Set<bool>(e, "Interpolate", interpolate);
-          }};
-}
-
-// Rectangular to polar wraps the picture around the centre (a circular result);
-// polar to rectangular unrolls it.
-Job PolarJob(bool toPolar) {
-  return {std::string("polar_") + (toPolar ? "to_polar" : "to_rect") + "_rgba8", 4, true,
-          "PolarCoordinatesEffectRaw",
-          [=](Host& host, REALobject e) { host.Set<bool>(e, "RectangularToPolar", toPolar); }};
-}
+// ---- rawfx's side ---------------------------------------------------------------------
 
 // rawfx's Apply for a job, ready to run beside a peer. The last one made is
 // kept, so the rounds and repetitions of one peer's benchmark share it.
@@ -178,7 +151,8 @@ void TimeOpenCV(benchmark::State& state, const Job& job, int threads, const std:
 }
 
 // Source position of every destination pixel under a radial barrel of
-// strength k: r' = r (1 + k r^2), r measured from the centre in half-sides.
+// strength k: r' = r (1 + k r^2), r measured from the centre in half-sides
+// (rawfx's job maps through a keystone matrix as well).
 void ComputeBarrelMap(cv::Mat& mapX, cv::Mat& mapY, double k) {
   mapX.create(static_cast<int>(kSide), static_cast<int>(kSide), CV_32FC1);
   mapY.create(mapX.size(), CV_32FC1);
