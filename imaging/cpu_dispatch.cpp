@@ -32,6 +32,11 @@ uint64_t SavedState() {
   return uint64_t{xcr0High} << 32 | xcr0Low;
 }
 
+uint32_t BasicFeatures() {
+  Registers r;
+  return __get_cpuid(1, &r.eax, &r.ebx, &r.ecx, &r.edx) ? r.ecx : 0;
+}
+
 uint32_t ExtendedFeatures() {
   Registers r;
   return __get_cpuid_count(7, 0, &r.eax, &r.ebx, &r.ecx, &r.edx) ? r.ebx : 0;
@@ -40,10 +45,12 @@ uint32_t ExtendedFeatures() {
 // Read with cpuid rather than the compiler's CPU-model built-ins, which need
 // its runtime library; a loadable bundle links none. A CPU that has AVX2 under
 // an OS that does not save the upper register halves must not run AVX code.
+// The AVX2 path also uses fused multiply-adds, which AVX2 processors have too.
 bool DetectAVX2() {
   constexpr uint64_t kXmmAndYmmState = 0x6;
-  constexpr uint32_t kAvx2 = 1u << 5;
-  return (SavedState() & kXmmAndYmmState) == kXmmAndYmmState && (ExtendedFeatures() & kAvx2) != 0;
+  constexpr uint32_t kAvx2 = 1u << 5, kFma = 1u << 12;
+  return (SavedState() & kXmmAndYmmState) == kXmmAndYmmState && (ExtendedFeatures() & kAvx2) != 0 &&
+         (BasicFeatures() & kFma) != 0;
 }
 
 // macOS saves the AVX-512 registers only once a thread first uses them, so

@@ -8,7 +8,7 @@ namespace rawfx::cpu {
 // The paths, narrowest first.
 enum class Path { Portable, AVX2, AVX512 };
 
-// True when the processor and the OS support AVX2 (detected once).
+// True when the processor and the OS support AVX2 and FMA (detected once).
 bool HasAVX2();
 
 // True when they support AVX-512 with the F, VL, BW and DQ extensions (detected once).

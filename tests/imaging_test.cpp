@@ -5,12 +5,18 @@
 // forked children.
 
 #include <array>
+#include <bit>
+#include <cfloat>
+#include <cmath>
 #include <cstring>
+#include <iterator>
+#include <random>
 #include <tuple>
 
 #include "imaging/color_order.h"
 #include "imaging/cpu_dispatch.h"
 #include "imaging/memory.h"
+#include "imaging/simd.h"
 #include "plugin/host_binding.h"
 #include "support/host_fixture.h"
 
@@ -24,9 +30,53 @@ using S = std::vector<std::string>;
 // link) must come to the same answer on this machine.
 TEST(CpuDispatch, DetectsAVX2AndAVX512AsTheCompilerRuntimeDoes) {
   __builtin_cpu_init();
-  EXPECT_EQ(rawfx::cpu::HasAVX2(), __builtin_cpu_supports("avx2") != 0);
+  EXPECT_EQ(rawfx::cpu::HasAVX2(), __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"));
   EXPECT_EQ(rawfx::cpu::HasAVX512(), __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
                                          __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq"));
+}
+#endif
+
+#if RAWFX_SIMD_X86
+// Divide, where it takes the reciprocal and a fused correction, gives a / b to
+// the bit: random pairs of every exponent, half of them in its range,
+// significands biased to the ends of their binade (where the first quotient
+// strays farthest), and zeros, infinities, NaNs and subnormals.
+template <class Lanes>
+void ExpectQuotientsOfDivision(Lanes divide) {
+  const double special[] = {0.0, -0.0, INFINITY, -INFINITY, NAN, 0x1p-500, 0x1p500, 0x1.fffffffffffffp500,
+                            0x1.fffffffffffffp-501, 0x1p-1074, 0x1p-1022, DBL_MAX, 1.0, -0x1.fffffffffffffp0};
+  std::mt19937_64 random(11);
+  const auto next = [&](int i) {
+    if (i % 7 == 0) return special[random() % std::size(special)];
+    uint64_t bits = random() & 0x800FFFFFFFFFFFFFull;
+    if (i % 3 == 1) bits |= 0x000FFFFFFF000000ull;  // significand near 2
+    if (i % 3 == 2) bits &= 0x80000000000FFFFFull;  // near 1
+    const int exponent = static_cast<int>(i % 2 ? random() % 1030 - 515 : random() % 2100 - 1075);
+    return std::ldexp(std::bit_cast<double>(bits | 0x3FF0000000000000ull), exponent);
+  };
+  for (int round = 0; round < 200000; ++round) {
+    double a[8], b[8], q[8];
+    for (int i = 0; i < 8; ++i) a[i] = next(round + i), b[i] = next(round + 3 * i + 1);
+    divide(a, b, q);
+    for (int i = 0; i < 8; ++i)
+      ASSERT_EQ(std::bit_cast<uint64_t>(q[i]), std::bit_cast<uint64_t>(a[i] / b[i]))
+          << std::hexfloat << a[i] << " / " << b[i];
+  }
+}
+
+RAWFX_TARGET_AVX2 void DivideAVX2(const double* a, const double* b, double* q) {
+  using namespace rawfx::simd::avx2;
+  for (int i = 0; i < 8; i += 4) _mm256_storeu_pd(q + i, Divide(Load(a + i), DivisorOf(Load(b + i))));
+}
+
+RAWFX_TARGET_AVX512 void DivideAVX512(const double* a, const double* b, double* q) {
+  using namespace rawfx::simd::avx512;
+  _mm512_storeu_pd(q, Divide(Load(a), DivisorOf(Load(b))));
+}
+
+TEST(Divide, MatchesDivisionOnEveryPathThatHasIt) {
+  if (rawfx::cpu::HasAVX2()) ExpectQuotientsOfDivision(DivideAVX2);
+  if (rawfx::cpu::HasAVX512()) ExpectQuotientsOfDivision(DivideAVX512);
 }
 #endif
 

@@ -25,13 +25,14 @@ struct SourceMapping {
   double m00, m01, m02, m10, m11, m12, m20, m21, m22;
   double distortion, distortionPlusOne, centerX, centerY;
   bool affine;  // the third column is (0, 0, 1): no keystone, as the effect starts
+  double reciprocalOfPlusOne;  // 1 / (distortion + 1), for the radial factor's quotients
 };
 
 SourceMapping MappingOf(const BarrelDistortionParams& p) {
   const double* k = p.keystone;
   const bool affine = k[k02] == 0.0 && k[k12] == 0.0 && k[k22] == 1.0;
   return {k[k00], k[k01], k[k02], k[k10], k[k11], k[k12], k[k20], k[k21], k[k22],
-          p.distortion, p.distortionPlusOne, p.centerX, p.centerY, affine};
+          p.distortion, p.distortionPlusOne, p.centerX, p.centerY, affine, 1.0 / p.distortionPlusOne};
 }
 
 // The per-row share of the position formula.

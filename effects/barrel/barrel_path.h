@@ -26,7 +26,8 @@ RAWFX_SIMD_ENTRY void NormaliseColumns(const SourceMapping& m, double* nx, int64
 
 // The radial factor r = ((nx nx + ny ny) distortion + 1) / (distortion + 1).
 RAWFX_SIMD_FN Vd RadialFactor(const SourceMapping& m, const RowTerms& row, Vd nx) {
-  return ((nx * nx + Set(row.nySquared)) * Set(m.distortion) + Set(1.0)) / Set(m.distortionPlusOne);
+  return Divide((nx * nx + Set(row.nySquared)) * Set(m.distortion) + Set(1.0),
+                DivisorOf(m.distortionPlusOne, m.reciprocalOfPlusOne));
 }
 
 // The factors of the kLanes columns from `column` on: those of their mirrors,
@@ -53,8 +54,8 @@ RAWFX_SIMD_FN Pair Project(const SourceMapping& m, Pair uv) {
   const Vd X = uv.x * Set(m.m00) + uv.y * Set(m.m10) + Set(m.m20);
   const Vd Y = uv.x * Set(m.m01) + uv.y * Set(m.m11) + Set(m.m21);
   if (m.affine) return {(X + Set(1.0)) * Set(m.centerX), (Y + Set(1.0)) * Set(m.centerY)};
-  const Vd W = uv.x * Set(m.m02) + uv.y * Set(m.m12) + Set(m.m22);
-  return {(X / W + Set(1.0)) * Set(m.centerX), (Y / W + Set(1.0)) * Set(m.centerY)};
+  const Divisor W = DivisorOf(uv.x * Set(m.m02) + uv.y * Set(m.m12) + Set(m.m22));
+  return {(Divide(X, W) + Set(1.0)) * Set(m.centerX), (Divide(Y, W) + Set(1.0)) * Set(m.centerY)};
 }
 
 // 0 <= v <= last; false for NaN.
