@@ -157,7 +157,7 @@ RAWFX_ALWAYS_INLINE Vd Select(Md m, Vd whenTrue, Vd whenFalse) { return m ? when
 // 0 where m is false, v where it is true.
 RAWFX_ALWAYS_INLINE Vd ZeroUnless(Md m, Vd v) { return m ? v : 0.0; }
 RAWFX_ALWAYS_INLINE Vd Sqrt(Vd v) { return std::sqrt(v); }
-// Quotients by one divisor: plain divisions here (see the AVX2 set).
+// Quotients by one divisor: plain divisions here (see imaging/simd_divide.h).
 struct Divisor {
   Vd value;
 };
@@ -248,42 +248,8 @@ RAWFX_LANE int Bits(Md m) { return _mm256_movemask_pd(m); }
 RAWFX_LANE Vd Select(Md m, Vd whenTrue, Vd whenFalse) { return _mm256_blendv_pd(whenFalse, whenTrue, m); }
 RAWFX_LANE Vd ZeroUnless(Md m, Vd v) { return _mm256_and_pd(m, v); }
 RAWFX_LANE Vd Sqrt(Vd v) { return _mm256_sqrt_pd(v); }
-// Quotients by one divisor b through its reciprocal y = 1 / b, correctly
-// rounded: with q = a y, the quotient q + (a - q b) y, remainder and sum each
-// one fused step, is a / b correctly rounded; two quotients by one divisor then
-// take one division, not two. Why, for u the unit in the last place of a / b:
-// with b = B 2^k, B a whole number below 2^53, y b = 1 + M 2^-105 for a whole M,
-// |M| <= B / 2, so q is within 1.5 u of a / b and the sum is off a / b by less
-// than 3 u 2^-53 (the shift), which reaches no midpoint between doubles farther
-// than 2^-51 u from a / b. Within that of a midpoint, q is one of the two
-// doubles around a / b (it could only be farther near the top of a binade with
-// B near 2^53, where no quotient lies that near a midpoint), the remainder is
-// then exact, and the shift is (a / b - q) M 2^-105, at most (u / 2 + d) B 2^-106
-// for a / b at d from the midpoint. A quotient of doubles is never a midpoint
-// and lies at least u / 2B from one, more than that shift as B (B + 1) < 2^106.
-// So the sum rounds as a / b does. The argument needs every step in the normal
-// range, which magnitudes of a and b from 2^-500 to 2^500 ensure; lanes
-// outside it are divided.
-RAWFX_LANE Md InQuotientRange(Vd v) {
-  const Vd magnitude = _mm256_andnot_pd(_mm256_set1_pd(-0.0), v);
-  return _mm256_and_pd(_mm256_cmp_pd(magnitude, _mm256_set1_pd(0x1p-500), _CMP_GE_OQ),
-                       _mm256_cmp_pd(magnitude, _mm256_set1_pd(0x1p500), _CMP_LE_OQ));
-}
-struct Divisor {
-  Vd value, reciprocal;
-  Md inRange;
-};
-RAWFX_LANE Divisor DivisorOf(Vd b) { return {b, _mm256_set1_pd(1.0) / b, InQuotientRange(b)}; }
-// A divisor the same in every lane, with its reciprocal worked out beforehand.
-RAWFX_LANE Divisor DivisorOf(double b, double reciprocal) {
-  const Vd value = _mm256_set1_pd(b);
-  return {value, _mm256_set1_pd(reciprocal), InQuotientRange(value)};
-}
-RAWFX_LANE Vd Divide(Vd a, const Divisor& b) {
-  if (_mm256_movemask_pd(_mm256_and_pd(b.inRange, InQuotientRange(a))) != 0xF) return a / b.value;
-  const Vd q = a * b.reciprocal;
-  return _mm256_fmadd_pd(_mm256_fnmadd_pd(q, b.value, a), b.reciprocal, q);
-}
+RAWFX_LANE Vd MulAdd(Vd a, Vd b, Vd c) { return _mm256_fmadd_pd(a, b, c); }     // a b + c, rounded once
+RAWFX_LANE Vd NegMulAdd(Vd a, Vd b, Vd c) { return _mm256_fnmadd_pd(a, b, c); }  // c - a b, rounded once
 RAWFX_LANE Vd Floor(Vd v) { return _mm256_round_pd(v, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Trunc(Vd v) { return _mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Abs(Vd v) { return _mm256_andnot_pd(_mm256_set1_pd(-0.0), v); }
@@ -387,6 +353,7 @@ RAWFX_LANE void StoreAddress(const uint8_t** to, Md chosen, Vp address, const ui
                                           _mm256_castpd_si256(chosen));
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), pick);
 }
+#include "imaging/simd_divide.h"
 #undef RAWFX_LANE
 
 }  // namespace avx2
@@ -422,26 +389,8 @@ RAWFX_LANE int Bits(Md m) { return m; }
 RAWFX_LANE Vd Select(Md m, Vd whenTrue, Vd whenFalse) { return _mm512_mask_blend_pd(m, whenFalse, whenTrue); }
 RAWFX_LANE Vd ZeroUnless(Md m, Vd v) { return _mm512_maskz_mov_pd(m, v); }
 RAWFX_LANE Vd Sqrt(Vd v) { return _mm512_sqrt_pd(v); }
-// Quotients by one divisor through its reciprocal: see the AVX2 set.
-RAWFX_LANE Md InQuotientRange(Vd v) {
-  const Vd magnitude = _mm512_abs_pd(v);
-  return _mm512_cmp_pd_mask(magnitude, _mm512_set1_pd(0x1p-500), _CMP_GE_OQ) &
-         _mm512_cmp_pd_mask(magnitude, _mm512_set1_pd(0x1p500), _CMP_LE_OQ);
-}
-struct Divisor {
-  Vd value, reciprocal;
-  Md inRange;
-};
-RAWFX_LANE Divisor DivisorOf(Vd b) { return {b, _mm512_set1_pd(1.0) / b, InQuotientRange(b)}; }
-RAWFX_LANE Divisor DivisorOf(double b, double reciprocal) {
-  const Vd value = _mm512_set1_pd(b);
-  return {value, _mm512_set1_pd(reciprocal), InQuotientRange(value)};
-}
-RAWFX_LANE Vd Divide(Vd a, const Divisor& b) {
-  if ((b.inRange & InQuotientRange(a)) != 0xFF) return a / b.value;
-  const Vd q = a * b.reciprocal;
-  return _mm512_fmadd_pd(_mm512_fnmadd_pd(q, b.value, a), b.reciprocal, q);
-}
+RAWFX_LANE Vd MulAdd(Vd a, Vd b, Vd c) { return _mm512_fmadd_pd(a, b, c); }
+RAWFX_LANE Vd NegMulAdd(Vd a, Vd b, Vd c) { return _mm512_fnmadd_pd(a, b, c); }
 RAWFX_LANE Vd Floor(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Trunc(Vd v) { return _mm512_roundscale_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
 RAWFX_LANE Vd Abs(Vd v) { return _mm512_abs_pd(v); }
@@ -540,6 +489,7 @@ RAWFX_LANE void StoreAddress(const uint8_t** to, Md chosen, Vp address, const ui
       _mm512_mask_blend_epi64(chosen, _mm512_set1_epi64(reinterpret_cast<intptr_t>(otherwise)), address);
   _mm512_storeu_si512(to, pick);
 }
+#include "imaging/simd_divide.h"
 #undef RAWFX_LANE
 
 }  // namespace avx512
