@@ -1,5 +1,9 @@
 #include "bench/bench_jobs.h"
 
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
 namespace rawfx::bench {
 
 using rawfx::host::Host;
@@ -33,6 +37,24 @@ Job PolarJob(bool toPolar) {
 
 std::vector<Job> AllJobs() {
   return {InterlaceJob(), OilPaintJob(2), BarrelJob(false), BarrelJob(true), PolarJob(true), PolarJob(false)};
+}
+
+TimedApply::TimedApply(const Job& job, rawfx::host::HostOptions options)
+    : fixture_(job.channels, job.alpha, 8, std::move(options)) {
+  effect_ = fixture_.host->New(job.rawfxClass);
+  job.configure(*fixture_.host, effect_);
+}
+
+TimedApply::~TimedApply() { fixture_.host->Unlock(effect_); }
+
+double TimedApply::Run() {
+  Host& host = *fixture_.host;
+  const auto start = std::chrono::steady_clock::now();
+  REALobject result = host.Call<REALobject>(effect_, "Apply(source as RawBitmap) as RawBitmap", fixture_.source);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (!result) throw std::runtime_error("Apply returned nil");
+  host.Unlock(result);
+  return seconds;
 }
 
 }  // namespace rawfx::bench

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_image.h"
 #include "host/host.h"
 
 namespace rawfx::bench {
@@ -28,5 +29,21 @@ Job PolarJob(bool toPolar);
 
 // One job of each effect and mode, in that order.
 std::vector<Job> AllJobs();
+
+// A job's Apply on the benchmark image, in a host of its own made with options.
+class TimedApply {
+ public:
+  TimedApply(const Job& job, rawfx::host::HostOptions options = {});
+  ~TimedApply();
+  TimedApply(const TimedApply&) = delete;
+  TimedApply& operator=(const TimedApply&) = delete;
+
+  // Seconds of one Apply (throws when Apply gives nil).
+  double Run();
+
+ private:
+  Fixture fixture_;
+  REALobject effect_ = nullptr;
+};
 
 }  // namespace rawfx::bench

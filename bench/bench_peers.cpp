@@ -48,7 +48,7 @@ using rawfx::bench::kMegapixels;
 using rawfx::bench::kSide;
 using rawfx::bench::OilPaintJob;
 using rawfx::bench::PolarJob;
-using rawfx::host::Host;
+using rawfx::bench::TimedApply;
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -56,40 +56,21 @@ double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).coun
 
 // rawfx's Apply for a job, ready to run beside a peer. The last one made is
 // kept, so the rounds and repetitions of one peer's benchmark share it.
-class RawfxApply {
- public:
-  static RawfxApply& For(const Job& job, int threads) {
-    static std::unique_ptr<RawfxApply> last;
-    if (!last || last->name_ != job.name || last->threads_ != threads) {
-      last.reset();  // one image at a time
-      last.reset(new RawfxApply(job, threads));
-    }
-    return *last;
+TimedApply& RawfxApplyFor(const Job& job, int threads) {
+  static std::unique_ptr<TimedApply> last;
+  static std::string lastName;
+  static int lastThreads = 0;
+  if (!last || lastName != job.name || lastThreads != threads) {
+    last.reset();  // one image at a time
+    rawfx::host::HostOptions options;
+    options.threads = threads;
+    last = std::make_unique<TimedApply>(job, options);
+    lastName = job.name;
+    lastThreads = threads;
+    last->Run();  // warm-up: code paged in, the result's memory taken once
   }
-  ~RawfxApply() { fixture_.host->Unlock(effect_); }
-
-  // Seconds of one Apply.
-  double Run() {
-    Host& host = *fixture_.host;
-    const auto start = Clock::now();
-    REALobject result = host.Call<REALobject>(effect_, "Apply(source as RawBitmap) as RawBitmap", fixture_.source);
-    const double elapsed = Seconds(Clock::now() - start);
-    host.Unlock(result);
-    return elapsed;
-  }
-
- private:
-  RawfxApply(const Job& job, int threads) : fixture_(job.channels, job.alpha, 8), name_(job.name), threads_(threads) {
-    fixture_.host->SetThreads(threads);
-    effect_ = fixture_.host->New(job.rawfxClass);
-    job.configure(*fixture_.host, effect_);
-    Run();  // warm-up: code paged in, the result's memory taken once
-  }
-  Fixture fixture_;
-  std::string name_;
-  int threads_;
-  REALobject effect_ = nullptr;
-};
+  return *last;
+}
 
 // Seconds per image of the peer and of rawfx, one of each per iteration, so
 // that both see the machine alike: a shared machine's speed drifts over the
@@ -104,7 +85,7 @@ double Median(std::vector<double> v) {
 }
 
 // Runs rawfx's Apply between two of the peer's runs, outside the benchmark's own timing.
-void RawfxTurn(benchmark::State& state, RawfxApply& rawfx, Turns& turns) {
+void RawfxTurn(benchmark::State& state, TimedApply& rawfx, Turns& turns) {
   state.PauseTiming();
   turns.rawfx.push_back(rawfx.Run());
   state.ResumeTiming();
@@ -138,7 +119,7 @@ const cv::Mat& ImageMat(int channels, bool alpha) {
 // Times call and rawfx's Apply in turn, with OpenCV limited to threads.
 void TimeOpenCV(benchmark::State& state, const Job& job, int threads, const std::function<void()>& call) {
   cv::setNumThreads(threads);
-  RawfxApply& rawfx = RawfxApply::For(job, threads);
+  TimedApply& rawfx = RawfxApplyFor(job, threads);
   call();  // warm-up: buffers allocated, code paged in
   Turns turns;
   for (auto _ : state) {
@@ -289,7 +270,7 @@ void ImageMagick(benchmark::State& state, const Job& job, std::vector<std::strin
   std::vector<std::string> command = {convert, "-limit", "thread", std::to_string(threads), input};
   command.insert(command.end(), operation.begin(), operation.end());
   command.push_back((Scratch().path / "result.miff").string());
-  RawfxApply& rawfx = RawfxApply::For(job, threads);
+  TimedApply& rawfx = RawfxApplyFor(job, threads);
   Turns turns;
   for (auto _ : state) {
     const auto start = Clock::now();

@@ -17,6 +17,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench/bench_image.h"
@@ -24,47 +25,14 @@
 
 namespace {
 
-using rawfx::bench::Fixture;
 using rawfx::bench::Job;
-using rawfx::host::Host;
+using rawfx::bench::TimedApply;
 
 struct Options {
   std::string modules[2];
   int threads = 1;
   int rounds = 100;
   std::vector<std::string> jobPrefixes;
-};
-
-// One build's Apply of a job on the benchmark image, in a host of its own.
-class TimedApply {
- public:
-  TimedApply(const Job& job, const std::string& module, int threads)
-      : fixture_(job.channels, job.alpha, 8, [&] {
-          rawfx::host::HostOptions options;
-          options.modulePath = module;
-          options.threads = threads;
-          return options;
-        }()) {
-    effect_ = fixture_.host->New(job.rawfxClass);
-    job.configure(*fixture_.host, effect_);
-  }
-  ~TimedApply() { fixture_.host->Unlock(effect_); }
-  TimedApply(const TimedApply&) = delete;
-  TimedApply& operator=(const TimedApply&) = delete;
-
-  double Run() {
-    Host& host = *fixture_.host;
-    const auto start = std::chrono::steady_clock::now();
-    REALobject result = host.Call<REALobject>(effect_, "Apply(source as RawBitmap) as RawBitmap", fixture_.source);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (!result) throw std::runtime_error("Apply returned nil");
-    host.Unlock(result);
-    return seconds;
-  }
-
- private:
-  Fixture fixture_;
-  REALobject effect_ = nullptr;
 };
 
 // The value at fraction q of the sorted values.
@@ -85,8 +53,12 @@ constexpr int kRoundsPerPair = 20;
 
 void RunBlock(const Job& job, const Options& options, int firstMade, int rounds, Tally& tally) {
   std::unique_ptr<TimedApply> side[2];
-  for (int k : {firstMade, 1 - firstMade})
-    side[k] = std::make_unique<TimedApply>(job, options.modules[k], options.threads);
+  for (int k : {firstMade, 1 - firstMade}) {
+    rawfx::host::HostOptions host;
+    host.modulePath = options.modules[k];
+    host.threads = options.threads;
+    side[k] = std::make_unique<TimedApply>(job, std::move(host));
+  }
   TimedApply &base = *side[0], &changed = *side[1];
   for (int warmUp = 0; warmUp < 2; ++warmUp) base.Run(), changed.Run();
   for (int round = 0; round < rounds; ++round) {
